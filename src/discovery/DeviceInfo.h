@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The records that describe one speaker: its description, its icons and its zone group.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <QJsonObject>
+#include <QMetaType>
+#include <QString>
+#include <QUrl>
+#include <vector>
+
+// What a speaker says about itself in its SSDP answer and its UPnP device description.
+// Only location and iconList are always present.
+struct DeviceInfo
+{
+    // One entry of the description's icon list; built once and shared between copies.
+    struct Icon
+    {
+        std::optional<qint64> id;
+        std::optional<QString> mimetype;
+        std::optional<qint64> width;
+        std::optional<qint64> height;
+        std::optional<qint64> depth;
+        std::optional<QUrl> url; // absolute, resolved against the speaker's location
+
+        QJsonObject toJson() const;
+        // Strict read; on failure returns nullptr and fills *error.
+        static std::shared_ptr<const Icon> fromJson(const QJsonObject &object, QString *error);
+    };
+
+    QUrl location; // the speaker's identity
+    std::optional<QString> server;
+    std::optional<QString> deviceType;
+    std::optional<QString> friendlyName;
+    std::optional<QString> manufacturer;
+    std::optional<QUrl> manufacturerURL;
+    std::optional<QString> modelNumber;
+    std::optional<QString> modelDescription;
+    std::optional<QString> modelName;
+    std::optional<QUrl> modelURL;
+    std::optional<QString> softwareVersion;
+    std::optional<QString> hardwareVersion;
+    std::optional<QString> serialNum;
+    std::optional<QString> udn; // as written, normally with its "uuid:" prefix
+    std::vector<std::shared_ptr<const Icon>> iconList;
+    std::optional<QString> minCompatibleVersion;
+    std::optional<QString> legacyCompatibleVersion;
+    std::optional<QString> apiVersion;
+    std::optional<QString> displayVersion;
+    std::optional<QString> extraVersion;
+    std::optional<QString> roomName;
+    std::optional<QString> displayName;
+    std::optional<qint64> zoneType;
+    std::optional<QString> feature1;
+    std::optional<QString> feature2;
+    std::optional<QString> feature3;
+    std::optional<qint64> variant;
+    std::optional<qint64> internalSpeakerSize;
+    std::optional<float> bassExtension;
+    std::optional<float> satGainOffset;
+    std::optional<qint64> memory;
+    std::optional<qint64> flash;
+    std::optional<qint64> flashRepartitioned;
+    std::optional<qint64> ampOnTime;
+    std::optional<qint64> retailMode;
+
+    // The name a new speaker is shown under: "room - display name", else the friendly
+    // name, else the location's host, else the location's text. Empty texts count as present.
+    QString defaultName() const;
+
+    // Absent fields are not written; a non-finite float is not written either, so that
+    // a bad description can never make the settings unreadable.
+    QJsonObject toJson() const;
+    // Strict read: "location" and "iconList" required, types checked, unknown keys ignored.
+    static std::optional<DeviceInfo> fromJson(const QJsonObject &object, QString *error);
+};
+
+// A speaker's membership in a zone group.
+struct DeviceTopology
+{
+    bool coordinator = true;
+    QString group;
+
+    QJsonObject toJson() const;
+    // Both keys are required.
+    static std::optional<DeviceTopology> fromJson(const QJsonObject &object, QString *error);
+};
+
+Q_DECLARE_METATYPE(DeviceInfo)
+Q_DECLARE_METATYPE(DeviceTopology)

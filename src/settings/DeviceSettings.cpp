@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "DeviceSettings.h"
+
+#include "JsonReader.h"
+
+bool DeviceSettings::offeredToBridge() const
+{
+    return topology && topology->coordinator && active && enabled;
+}
+
+QJsonObject DeviceSettings::toJson() const
+{
+    QJsonObject json{{QStringLiteral("name"), name},
+                     {QStringLiteral("info"), info.toJson()},
+                     {QStringLiteral("enabled"), enabled},
+                     {QStringLiteral("nameChanged"), nameChanged}};
+    if (topology)
+        json.insert(QStringLiteral("topology"), topology->toJson());
+    return json;
+}
+
+std::optional<DeviceSettings> DeviceSettings::fromJson(const QJsonObject &object, QString *error)
+{
+    JsonReader reader(object, QStringLiteral("DeviceSettings"));
+    const auto name = reader.string(QStringLiteral("name"), true);
+    const auto infoObject = reader.object(QStringLiteral("info"), true);
+    if (!reader.ok()) {
+        if (error)
+            *error = reader.error();
+        return std::nullopt;
+    }
+    auto info = DeviceInfo::fromJson(*infoObject, error);
+    if (!info)
+        return std::nullopt;
+
+    DeviceSettings record;
+    record.name = *name;
+    record.info = std::move(*info);
+    // The optional keys are read forgivingly: each failure only gives its default.
+    const auto topologyValue = object.value(QStringLiteral("topology"));
+    if (topologyValue.isObject())
+        record.topology = DeviceTopology::fromJson(topologyValue.toObject(), nullptr);
+    const auto enabled = object.value(QStringLiteral("enabled"));
+    record.enabled = enabled.isBool() ? enabled.toBool() : true;
+    const auto nameChanged = object.value(QStringLiteral("nameChanged"));
+    record.nameChanged = nameChanged.isBool() ? nameChanged.toBool() : false;
+    return record;
+}
+
+bool LocationOrder::operator()(const QUrl &a, const QUrl &b) const
+{
+    return absoluteString(a) < absoluteString(b);
+}

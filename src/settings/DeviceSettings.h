@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// One speaker's record in the settings: the user's choices and its last known description.
+#pragma once
+
+#include "DeviceInfo.h"
+
+#include <map>
+
+struct DeviceSettings
+{
+    QString name;
+    DeviceInfo info;
+    std::optional<DeviceTopology> topology;
+    bool active = false; // found since this process read or created the record; never stored
+    bool enabled = true;
+    bool nameChanged = false;
+
+    // True when the bridge is to offer the speaker: a known coordinator, found in this
+    // run and enabled by the user.
+    bool offeredToBridge() const;
+
+    QJsonObject toJson() const;
+    // "name" and "info" are required; a missing or unreadable "topology", "enabled" or
+    // "nameChanged" gives its default. The result is not active.
+    static std::optional<DeviceSettings> fromJson(const QJsonObject &object, QString *error);
+};
+
+// Orders locations by their text, so menus, the window and the bridge configuration list
+// speakers in one stable order.
+struct LocationOrder
+{
+    bool operator()(const QUrl &a, const QUrl &b) const;
+};
+
+using DeviceMap = std::map<QUrl, DeviceSettings, LocationOrder>;

@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Settings.h"
+
+#include "JsonReader.h"
+#include "Logging.h"
+
+#include <mutex>
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+
+namespace {
+const QString category = QStringLiteral("settings");
+
+// Seconds between 1970-01-01 and 2001-01-01 UTC.
+constexpr double referenceEpochOffset = 978307200.0;
+
+// QString can hold unpaired surrogates, which have no UTF-8 form.
+bool isUtf8Convertible(const QString &text)
+{
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (c.isHighSurrogate()) {
+            if (i + 1 >= text.size() || !text.at(i + 1).isLowSurrogate())
+                return false;
+            ++i;
+        } else if (c.isLowSurrogate()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::unique_ptr<Settings> &sharedInstance()
+{
+    static std::unique_ptr<Settings> instance;
+    return instance;
+}
+std::once_flag sharedOnce;
+} // namespace
+
+double referenceDateNow()
+{
+    return static_cast<double>(QDateTime::currentMSecsSinceEpoch()) / 1000.0 - referenceEpochOffset;
+}
+
+SettingsDocument SettingsDocument::makeFresh(const std::function<double()> &clock)
+{
+    SettingsDocument document;
+    document.installedAt = clock();
+    document.lastRatingsPrompt = clock();
+    return document;
+}
+
+QByteArray SettingsDocument::encode() const
+{
+    QJsonArray deviceArray;
+    for (const auto &[location, record] : devices) {
+        deviceArray.append(absoluteString(location));
+        deviceArray.append(record.toJson());
+    }
+    QJsonObject crashes;
+    for (const auto &[version, count] : crashesByVersion)
+        crashes.insert(version, QJsonValue(count));
+    const QJsonObject json{{QStringLiteral("devices"), deviceArray},
+                           {QStringLiteral("crashesByVersion"), crashes},
+                           {QStringLiteral("installedAt"), installedAt},
+                           {QStringLiteral("lastRatingsPrompt"), lastRatingsPrompt},
+                           {QStringLiteral("hasPromptedForRating"), hasPromptedForRating},
+                           {QStringLiteral("hasRated"), hasRated}};
+    return QJsonDocument(json).toJson(QJsonDocument::Compact);
+}
+
+std::optional<SettingsDocument> SettingsDocument::decode(const QByteArray &json, QString *error)
+{
+    const auto fail = [error](const QString &message) {
+        if (error)
+            *error = message;
+        return std::nullopt;
+    };
+    QJsonParseError parseError;
+    const QJsonDocument parsed = QJsonDocument::fromJson(json, &parseError);
+    if (parseError.error != QJsonParseError::NoError)
+        return fail(QStringLiteral("JSON error at offset %1: %2")
+                        .arg(parseError.offset)
+                        .arg(parseError.errorString()));
+    if (!parsed.isObject())
+        return fail(QStringLiteral("the document is not a JSON object"));
+
+    JsonReader reader(parsed.object(), QStringLiteral("Settings"));
+    SettingsDocument document;
+    const auto deviceArray = reader.array(QStringLiteral("devices"), true);
+    const auto crashes = reader.object(QStringLiteral("crashesByVersion"), true);
+    const auto installedAt = reader.number(QStringLiteral("installedAt"), true);
+    const auto lastRatingsPrompt = reader.number(QStringLiteral("lastRatingsPrompt"), true);
+    const auto prompted = reader.boolean(QStringLiteral("hasPromptedForRating"), true);
+    const auto rated = reader.boolean(QStringLiteral("hasRated"), true);
+    if (!reader.ok())
+        return fail(reader.error());
+
+    if (deviceArray->size() % 2 != 0)
+        return fail(QStringLiteral("\"devices\" has an odd number of elements (%1)")
+                        .arg(deviceArray->size()));
+    for (qsizetype i = 0; i < deviceArray->size(); i += 2) {
+        const QJsonValue key = deviceArray->at(i);
+        const QJsonValue value = deviceArray->at(i + 1);
+        const auto location = key.isString() ? parseUrl(key.toString()) : std::nullopt;
+        if (!location)
+            return fail(QStringLiteral("\"devices\" element %1 is not a valid URL").arg(i));
+        if (!value.isObject())
+            return fail(QStringLiteral("\"devices\" element %1 is not an object").arg(i + 1));
+        QString recordError;
+        auto record = DeviceSettings::fromJson(value.toObject(), &recordError);
+        if (!record)
+            return fail(recordError);
+        document.devices.insert_or_assign(*location, std::move(*record));
+    }
+
+    JsonReader crashReader(*crashes, QStringLiteral("crashesByVersion"));
+    for (auto it = crashes->constBegin(); it != crashes->constEnd(); ++it) {
+        if (const auto count = crashReader.integer(it.key(), true))
+            document.crashesByVersion[it.key()] = *count;
+    }
+    if (!crashReader.ok())
+        return fail(crashReader.error());
+
+    document.installedAt = *installedAt;
+    document.lastRatingsPrompt = *lastRatingsPrompt;
+    document.hasPromptedForRating = *prompted;
+    document.hasRated = *rated;
+    return document;
+}
+
+Settings::Settings(std::unique_ptr<SettingsStorage> storage, SettingsDocument document)
+    : SettingsDocument(std::move(document)), m_storage(std::move(storage))
+{
+}
+
+Settings &Settings::shared()
+{
+    std::call_once(sharedOnce, [] {
+        if (!sharedInstance())
+            sharedInstance() = load(std::make_unique<UserSettingsStorage>());
+    });
+    return *sharedInstance();
+}
+
+void Settings::replaceShared(std::unique_ptr<Settings> settings)
+{
+    std::call_once(sharedOnce, [] {});
+    sharedInstance() = std::move(settings);
+}
+
+std::unique_ptr<Settings> Settings::load(std::unique_ptr<SettingsStorage> storage)
+{
+    const auto makeFreshAndSave = [&storage] {
+        std::unique_ptr<Settings> settings(new Settings(std::move(storage), makeFresh()));
+        settings->save();
+        return settings;
+    };
+
+    const std::optional<QString> stored = storage->read();
+    if (!stored)
+        return makeFreshAndSave();
+    logVerbose(QStringLiteral("Loading settings:\n") + *stored);
+    if (!isUtf8Convertible(*stored))
+        return makeFreshAndSave();
+
+    QString error;
+    auto document = decode(stored->toUtf8(), &error);
+    if (!document) {
+        logError(category, QStringLiteral("Failed to deserialize settings, ") + error +
+                               QStringLiteral(" - \"") + *stored + QLatin1Char('"'));
+        return makeFreshAndSave();
+    }
+    return std::unique_ptr<Settings>(new Settings(std::move(storage), std::move(*document)));
+}
+
+void Settings::save()
+{
+    QString error;
+    if (!m_storage->write(QString::fromUtf8(encode()), &error))
+        logError(category, QStringLiteral("Failed to save settings: ") + error);
+}
+
+QString Settings::currentVersion()
+{
+    const QString version = QCoreApplication::applicationVersion();
+    if (version.isEmpty()) {
+        logError(category, QStringLiteral("Failed to lookup CFBundleShortVersionString"));
+        return QStringLiteral("?.?.?");
+    }
+    return version;
+}
+
+qint64 Settings::crashCount() const
+{
+    const auto it = crashesByVersion.find(currentVersion());
+    return it == crashesByVersion.end() ? 0 : it->second;
+}
+
+void Settings::recordCrashReport()
+{
+    crashesByVersion[currentVersion()] = crashCount() + 1;
+    save();
+}
+
+const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
+                                                       const DeviceTopology &topology)
+{
+    const QString locationText = absoluteString(info.location);
+    DeviceSettings record;
+    const auto existing = devices.find(info.location);
+    if (existing != devices.end()) {
+        const DeviceSettings &known = existing->second;
+        logInfo(QStringLiteral("Updating menu item ") + known.name + QStringLiteral(" (") +
+                locationText + QLatin1Char(')'));
+        record.name = known.nameChanged ? known.name : info.defaultName();
+        record.enabled = known.enabled;
+        record.nameChanged = known.nameChanged;
+    } else {
+        record.name = info.defaultName();
+        logInfo(QStringLiteral("Adding menu item ") + record.name + QStringLiteral(" (") +
+                locationText + QLatin1Char(')'));
+    }
+    record.info = info;
+    record.topology = topology;
+    record.active = true;
+    return devices.insert_or_assign(info.location, std::move(record)).first->second;
+}
+
+bool Settings::renameDevice(const QUrl &location, const QString &newName)
+{
+    const auto it = devices.find(location);
+    if (it == devices.end())
+        return false;
+    DeviceSettings &record = it->second;
+    // Names are equal when their canonical (NFD) forms are, as a user would see them.
+    if (newName.normalized(QString::NormalizationForm_D) ==
+        record.name.normalized(QString::NormalizationForm_D))
+        return false;
+    logInfo(QStringLiteral("Changing name for speaker at ") + absoluteString(location) +
+            QStringLiteral(" from \"") + record.name + QStringLiteral("\" to \"") + newName +
+            QLatin1Char('"'));
+    record.name = newName;
+    record.nameChanged = true;
+    save();
+    return true;
+}
+
+bool Settings::setDeviceEnabled(const QUrl &location, bool enabled)
+{
+    const auto it = devices.find(location);
+    if (it == devices.end())
+        return false;
+    logInfo((enabled ? QStringLiteral("Enabling") : QStringLiteral("Disabling")) +
+            QStringLiteral(" speaker at ") + absoluteString(location));
+    it->second.enabled = enabled;
+    save();
+    return true;
+}
+
+DeviceMap Settings::activeDevices() const
+{
+    DeviceMap active;
+    for (const auto &[location, record] : devices) {
+        if (record.active)
+            active.emplace(location, record);
+    }
+    return active;
+}
+
+void Settings::markAllDevicesNotActive()
+{
+    for (auto &entry : devices)
+        entry.second.active = false;
+}

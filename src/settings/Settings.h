@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The persisted settings document and the per-speaker operations on it.
+#pragma once
+
+#include "DeviceSettings.h"
+#include "SettingsStorage.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+
+// Seconds since 2001-01-01 00:00:00 UTC, the epoch of the stored dates.
+double referenceDateNow();
+
+// The document as stored: plain data and its JSON form.
+struct SettingsDocument
+{
+    DeviceMap devices;
+    std::map<QString, qint64> crashesByVersion;
+    double installedAt = 0; // seconds since 2001-01-01 UTC
+    double lastRatingsPrompt = 0;
+    bool hasPromptedForRating = false;
+    bool hasRated = false;
+
+    // No speakers, no crashes, both dates now (read one after the other), both flags false.
+    static SettingsDocument makeFresh(const std::function<double()> &clock = referenceDateNow);
+
+    // Compact JSON; "devices" alternates location text and record.
+    QByteArray encode() const;
+    // Strict read of the whole document; every record read starts not active.
+    static std::optional<SettingsDocument> decode(const QByteArray &json, QString *error);
+};
+
+class Settings : public SettingsDocument
+{
+public:
+    // The process-wide settings, loaded from the user's store on first use.
+    static Settings &shared();
+    // Replaces the process-wide settings; for tests that drive the whole program.
+    static void replaceShared(std::unique_ptr<Settings> settings);
+
+    // Reads the document from storage. A missing, non-UTF-8 or undecodable document is
+    // replaced by a fresh one, which is saved at once (the undecodable one is logged).
+    static std::unique_ptr<Settings> load(std::unique_ptr<SettingsStorage> storage);
+
+    // Writes the whole document to the store; a failure is logged and the session goes on
+    // with the document in memory.
+    void save();
+
+    // The application's version, or "?.?.?" (with an error line) when it is not set.
+    static QString currentVersion();
+    // Crashes recorded for the current version.
+    qint64 crashCount() const;
+    // Counts one more crash for the current version and saves.
+    void recordCrashReport();
+
+    // Records a speaker that discovery reported: a known one keeps enabled, nameChanged and
+    // (when chosen by the user) its name; a new one is enabled under its default name.
+    // Either way it becomes active with the new description and topology. Does not save.
+    const DeviceSettings &mergeDiscoveredSpeaker(const DeviceInfo &info,
+                                                 const DeviceTopology &topology);
+    // Renames the speaker and marks the name as the user's; saves. Returns false (and does
+    // nothing) for an unknown location or a name canonically equal to the current one.
+    bool renameDevice(const QUrl &location, const QString &newName);
+    // Switches the speaker on or off for the bridge; saves. False for an unknown location.
+    bool setDeviceEnabled(const QUrl &location, bool enabled);
+    // The records found in this run, in location order.
+    DeviceMap activeDevices() const;
+    // Marks every known record not found yet; called when a search starts, so the user's
+    // choices outlive the search.
+    void markAllDevicesNotActive();
+
+    SettingsStorage &storage() { return *m_storage; }
+
+private:
+    Settings(std::unique_ptr<SettingsStorage> storage, SettingsDocument document);
+
+    std::unique_ptr<SettingsStorage> m_storage;
+};

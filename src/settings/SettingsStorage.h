@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Where the settings document is kept: one text under the key "settings".
+#pragma once
+
+#include <optional>
+#include <QString>
+
+class SettingsStorage
+{
+public:
+    virtual ~SettingsStorage() = default;
+    // The stored text, or nothing when none is stored.
+    virtual std::optional<QString> read() = 0;
+    // Replaces the stored text; on failure returns false and fills *error.
+    virtual bool write(const QString &text, QString *error) = 0;
+};
+
+// The per-user store: QSettings("Corvel", "Corvel"), i.e. $XDG_CONFIG_HOME/Corvel/Corvel.conf.
+class UserSettingsStorage : public SettingsStorage
+{
+public:
+    std::optional<QString> read() override;
+    bool write(const QString &text, QString *error) override;
+};
+
+// Keeps the text in memory; for tests and as the fallback of a broken store.
+class MemorySettingsStorage : public SettingsStorage
+{
+public:
+    std::optional<QString> read() override { return text; }
+    bool write(const QString &newText, QString *) override
+    {
+        text = newText;
+        ++writes;
+        return true;
+    }
+
+    std::optional<QString> text;
+    int writes = 0;
+};
