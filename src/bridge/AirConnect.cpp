@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "AirConnect.h"
+
+#include "BridgeLocator.h"
+#include "ConfigWriter.h"
+#include "Logging.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
+#include "StaleBridges.h"
+
+#include <csignal>
+#include <QDeadlineTimer>
+#include <QFileInfo>
+#include <QStandardPaths>
+#include <QStringDecoder>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+const QString category = QStringLiteral("AirConnect");
+const QString readinessMarker = QStringLiteral("adding renderer");
+// A stopped bridge may hang while speakers are unreachable; it is killed after this.
+constexpr int stopKillDelayMs = 10000;
+constexpr int launchWaitMs = 5000;
+
+void post(const QString &name)
+{
+    NotificationCenter::defaultCenter().post(name);
+}
+} // namespace
+
+AirConnect &AirConnect::shared()
+{
+    // Never destroyed: it may hold a QProcess, which must not outlive the application
+    // object; shutdown() ends the bridges at quit.
+    static AirConnect *instance = new AirConnect;
+    return *instance;
+}
+
+AirConnect::AirConnect(QObject *parent) : QObject(parent)
+{
+    m_startTimer.setSingleShot(true);
+    m_startTimer.setInterval(defaultWatchdogDelayMs);
+    connect(&m_startTimer, &QTimer::timeout, this, &AirConnect::watchdogTimerExpired);
+}
+
+AirConnect::~AirConnect()
+{
+    shutdown();
+}
+
+QString AirConnect::configPath() const
+{
+    if (!m_configPath.isEmpty())
+        return m_configPath;
+    return QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation) +
+           QStringLiteral("/airupnp.xml");
+}
+
+void AirConnect::start(const std::vector<DeviceSettings> &records)
+{
+    const BridgeLocation bridge = findBridgeExecutable();
+    m_bridgeMissing = bridge.path.isEmpty();
+    if (m_bridgeMissing) {
+        const QString message = bridgeNotFoundMessage(bridge, currentBridgeArchitecture());
+        logError(category, message);
+        emit bridgeNotFound(message);
+        return;
+    }
+
+    const int stale = StaleBridges::endAll(QFileInfo(bridge.path).fileName());
+    if (stale > 0)
+        logInfo(category, QStringLiteral("Ended %1 stale bridge process(es)").arg(stale));
+
+    const QString config = configPath();
+    QString error;
+    if (writeConfigFile(config, records, &error))
+        logInfo(category, QStringLiteral("Wrote config file to ") + config);
+    else
+        logError(category,
+                 QStringLiteral("Failed to write config file to ") + config + " - " + error);
+
+    if (m_process)
+        retire(m_process);
+    auto *process = new QProcess(this);
+    m_process = process;
+    const quint64 launch = ++m_launch;
+    m_markerTail.clear();
+
+    process->setProgram(bridge.path);
+    process->setArguments({QStringLiteral("-Z"), QStringLiteral("-x"), config});
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->setStandardInputFile(QProcess::nullDevice());
+    const pid_t corvel = getpid();
+    process->setChildProcessModifier([corvel] {
+        // Lowest CPU priority, and end with Corvel whatever way Corvel ends.
+        setpriority(PRIO_PROCESS, 0, 19);
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != corvel)
+            raise(SIGTERM);
+    });
+    connect(process, &QProcess::readyReadStandardOutput, this, [this, process] {
+        const QByteArray chunk = process->readAllStandardOutput();
+        if (process == m_process)
+            handleOutput(chunk);
+    });
+    connect(process, &QProcess::started, this, [] { post(Notifications::serviceStarted); });
+    connect(process, &QProcess::errorOccurred, this, [process](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            logError(category, QStringLiteral("Failed to launch ") + process->program());
+    });
+    connect(process, &QProcess::finished, this,
+            [this, process, launch] { handleTermination(process, launch); });
+
+    m_startTimer.start(); // a newer launch cancels the older launch's watchdog
+    process->start();
+    // Waiting for exec (milliseconds) makes "serviceStarted" or the launch failure happen
+    // inside start(), so a stop() that follows can never be overtaken by a late start event.
+    process->waitForStarted(launchWaitMs);
+}
+
+void AirConnect::stop()
+{
+    m_startTimer.stop();
+    m_ready = false;
+    if (m_process) {
+        if (m_process->state() != QProcess::NotRunning)
+            m_process->terminate();
+        retire(m_process);
+        m_process = nullptr;
+    }
+}
+
+void AirConnect::retire(QProcess *process)
+{
+    if (process->state() == QProcess::NotRunning) {
+        // Never started (a failed launch): nothing will report its end.
+        process->deleteLater();
+        return;
+    }
+    m_retired.push_back(process);
+    QTimer::singleShot(stopKillDelayMs, process, [process] {
+        if (process->state() != QProcess::NotRunning) {
+            logWarning(category, QStringLiteral("Bridge did not exit when asked; killing it"));
+            process->kill();
+        }
+    });
+}
+
+void AirConnect::shutdown()
+{
+    stop();
+    QDeadlineTimer deadline(quitGraceMs);
+    for (QProcess *process : std::vector<QProcess *>(m_retired)) {
+        if (process->state() != QProcess::NotRunning &&
+            !process->waitForFinished(
+                static_cast<int>(std::max<qint64>(deadline.remainingTime(), 1)))) {
+            logWarning(category, QStringLiteral("Bridge did not exit in time; killing it"));
+            process->kill();
+            process->waitForFinished(1000);
+        }
+    }
+}
+
+void AirConnect::setReady()
+{
+    m_ready = true;
+    m_startTimer.stop();
+    post(Notifications::serviceReady);
+}
+
+void AirConnect::watchdogTimerExpired()
+{
+    if (m_ready)
+        return;
+    logError(category, QStringLiteral("airupnp is not in a usable state, terminating"));
+    stop();
+}
+
+void AirConnect::handleOutput(const QByteArray &chunk)
+{
+    QStringDecoder decoder(QStringConverter::Utf8, QStringConverter::Flag::Stateless);
+    const QString decoded = decoder.decode(chunk);
+    if (decoder.hasError())
+        return; // not UTF-8: dropped without a message
+    const QString text = decoded.trimmed();
+    if (text.isEmpty())
+        return;
+    if (!m_ready) {
+        const QString searched = m_markerTail + text;
+        m_markerTail = text.right(readinessMarker.size() - 1);
+        if (searched.contains(readinessMarker))
+            setReady();
+    }
+    logDebug(category, text);
+}
+
+void AirConnect::handleTermination(QProcess *process, quint64 launch)
+{
+    const auto retired = std::find(m_retired.begin(), m_retired.end(), process);
+    if (retired != m_retired.end())
+        m_retired.erase(retired);
+    process->deleteLater();
+
+    if (launch != m_launch) {
+        // An older bridge ending late must not touch the newer one or its events.
+        logInfo(category, QStringLiteral("Terminated (an earlier bridge)"));
+        return;
+    }
+    if (m_process == process)
+        m_process = nullptr;
+    m_ready = false;
+    logInfo(category, QStringLiteral("Terminated"));
+    post(Notifications::serviceTerminated);
+}

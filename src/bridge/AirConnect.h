@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Starts, watches and stops the AirConnect bridge, and reports it as events.
+#pragma once
+
+#include "DeviceSettings.h"
+
+#include <QObject>
+#include <QProcess>
+#include <QTimer>
+#include <vector>
+
+class AirConnect : public QObject
+{
+    Q_OBJECT
+
+public:
+    static constexpr int defaultWatchdogDelayMs = 20000;
+    static constexpr int quitGraceMs = 3000;
+
+    // The process-wide supervisor, created on first use on the main thread.
+    static AirConnect &shared();
+
+    explicit AirConnect(QObject *parent = nullptr);
+    ~AirConnect() override;
+
+    // Ends stale bridges, writes the configuration for records, launches the bridge and
+    // arms the watchdog. Callers start only while no bridge runs (process() is null).
+    void start(const std::vector<DeviceSettings> &records);
+    // Cancels the watchdog, forgets readiness, asks the bridge to terminate and forgets it.
+    // "serviceTerminated" follows when it has exited.
+    void stop();
+    // Stops and waits up to quitGraceMs for every bridge this supervisor started, then kills
+    // what is left; for quitting, so that no bridge outlives Corvel.
+    void shutdown();
+
+    // Marks the bridge usable, cancels the watchdog and posts "serviceReady".
+    void setReady();
+    // The watchdog: stops a bridge that has not become usable in time.
+    void watchdogTimerExpired();
+    // One chunk of the bridge's merged output.
+    void handleOutput(const QByteArray &chunk);
+
+    // The bridge of the last launch; null when none runs. Running means exactly this is set.
+    QProcess *process() const { return m_process; }
+    bool isReady() const { return m_ready; }
+    bool watchdogPending() const { return m_startTimer.isActive(); }
+    // True when the last start found no bridge executable.
+    bool bridgeMissing() const { return m_bridgeMissing; }
+
+    // Where the configuration is written; $XDG_RUNTIME_DIR/airupnp.xml by default.
+    QString configPath() const;
+    void setConfigPath(const QString &path) { m_configPath = path; }
+    void setWatchdogDelay(int ms) { m_startTimer.setInterval(ms); }
+
+signals:
+    // The last start found no bridge executable; message says where it looked and what to do.
+    void bridgeNotFound(const QString &message);
+
+private:
+    void handleTermination(QProcess *process, quint64 launch);
+    // Keeps a stopped bridge until it exits; kills it if it ignores the request too long.
+    void retire(QProcess *process);
+
+    QProcess *m_process = nullptr;
+    bool m_ready = false;
+    QTimer m_startTimer;
+    quint64 m_launch = 0; // counts launches, so late exits of older bridges are told apart
+    QString m_configPath;
+    QString m_markerTail; // end of the previous chunk, so a marker split across reads matches
+    bool m_bridgeMissing = false;
+    std::vector<QProcess *> m_retired;
+};

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Behaves like the AirConnect bridge as far as Corvel can see, steered by environment:
+//   FAKE_BRIDGE_RECORD_DIR   write args.txt (one argument a line), config.xml (a copy of
+//                            the -x file) and pid there at start
+//   FAKE_BRIDGE_READY_MS     print "adding renderer ..." after this many ms (never if unset)
+//   FAKE_BRIDGE_EXIT_MS      exit by itself after this many ms, with FAKE_BRIDGE_EXIT_CODE
+//   FAKE_BRIDGE_CRASH_MS     abort after this many ms
+//   FAKE_BRIDGE_IGNORE_TERM  1: ignore SIGTERM
+//   FAKE_BRIDGE_TERM_DELAY_MS  on SIGTERM, take this long before exiting 0
+//   FAKE_BRIDGE_INVALID_UTF8 1: print a line that is not UTF-8 at start
+//   FAKE_BRIDGE_FLOOD_BYTES  print this many bytes of log lines at start
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+volatile std::sig_atomic_t g_terminate = 0;
+
+long envNumber(const char *name, long fallback)
+{
+    const char *value = std::getenv(name);
+    return value && *value ? std::strtol(value, nullptr, 10) : fallback;
+}
+
+void onTerm(int)
+{
+    g_terminate = 1;
+}
+
+void say(const std::string &line)
+{
+    std::fputs((line + "\n").c_str(), stderr);
+    std::fflush(stderr);
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const char *recordDir = std::getenv("FAKE_BRIDGE_RECORD_DIR");
+    if (recordDir && *recordDir) {
+        std::ofstream args(std::string(recordDir) + "/args.txt");
+        for (int i = 1; i < argc; ++i) {
+            args << argv[i] << '\n';
+            if (std::strcmp(argv[i], "-x") == 0 && i + 1 < argc) {
+                std::ifstream config(argv[i + 1], std::ios::binary);
+                std::ofstream copy(std::string(recordDir) + "/config.xml", std::ios::binary);
+                copy << config.rdbuf();
+            }
+        }
+        std::ofstream(std::string(recordDir) + "/pid") << getpid();
+    }
+
+    std::signal(SIGTERM, envNumber("FAKE_BRIDGE_IGNORE_TERM", 0) ? SIG_IGN : onTerm);
+    say("[00:00:00.000000] main:            starting fake bridge");
+    if (envNumber("FAKE_BRIDGE_INVALID_UTF8", 0))
+        say("bad \xff\xfe bytes adding renderer");
+    if (const long flood = envNumber("FAKE_BRIDGE_FLOOD_BYTES", 0); flood > 0) {
+        const std::string line(99, 'x');
+        for (long written = 0; written < flood; written += 100)
+            std::fprintf(stdout, "%s\n", line.c_str());
+        std::fflush(stdout);
+    }
+
+    const long readyMs = envNumber("FAKE_BRIDGE_READY_MS", -1);
+    const long exitMs = envNumber("FAKE_BRIDGE_EXIT_MS", -1);
+    const long crashMs = envNumber("FAKE_BRIDGE_CRASH_MS", -1);
+    const long termDelayMs = envNumber("FAKE_BRIDGE_TERM_DELAY_MS", 0);
+    const auto begin = std::chrono::steady_clock::now();
+    bool announced = false;
+    for (;;) {
+        const long elapsed =
+            static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  std::chrono::steady_clock::now() - begin)
+                                  .count());
+        if (g_terminate) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(termDelayMs));
+            say("[00:00:01.000000] main:            terminating");
+            return 0;
+        }
+        if (!announced && readyMs >= 0 && elapsed >= readyMs) {
+            say("[00:00:00.500000] AddMRDevice:     adding renderer (Living Room) with mac "
+                "48-A6-B8-00-00-01");
+            announced = true;
+        }
+        if (crashMs >= 0 && elapsed >= crashMs)
+            std::abort();
+        if (exitMs >= 0 && elapsed >= exitMs)
+            return static_cast<int>(envNumber("FAKE_BRIDGE_EXIT_CODE", 0));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
