@@ -194,6 +194,11 @@ std::optional<DeviceInfo> DeviceInfo::fromJson(const QJsonObject &object, QStrin
     return info;
 }
 
+bool LocationOrder::operator()(const QUrl &a, const QUrl &b) const
+{
+    return absoluteString(a) < absoluteString(b);
+}
+
 QJsonObject DeviceTopology::toJson() const
 {
     return QJsonObject{{QStringLiteral("coordinator"), coordinator},

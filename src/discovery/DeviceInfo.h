@@ -87,5 +87,12 @@ struct DeviceTopology
     static std::optional<DeviceTopology> fromJson(const QJsonObject &object, QString *error);
 };
 
+// Orders locations by their text, so menus, the window and the bridge configuration list
+// speakers in one stable order.
+struct LocationOrder
+{
+    bool operator()(const QUrl &a, const QUrl &b) const;
+};
+
 Q_DECLARE_METATYPE(DeviceInfo)
 Q_DECLARE_METATYPE(DeviceTopology)

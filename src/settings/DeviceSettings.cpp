@@ -46,8 +46,3 @@ std::optional<DeviceSettings> DeviceSettings::fromJson(const QJsonObject &object
     record.nameChanged = nameChanged.isBool() ? nameChanged.toBool() : false;
     return record;
 }
-
-bool LocationOrder::operator()(const QUrl &a, const QUrl &b) const
-{
-    return absoluteString(a) < absoluteString(b);
-}

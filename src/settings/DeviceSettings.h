@@ -25,11 +25,4 @@ struct DeviceSettings
     static std::optional<DeviceSettings> fromJson(const QJsonObject &object, QString *error);
 };
 
-// Orders locations by their text, so menus, the window and the bridge configuration list
-// speakers in one stable order.
-struct LocationOrder
-{
-    bool operator()(const QUrl &a, const QUrl &b) const;
-};
-
 using DeviceMap = std::map<QUrl, DeviceSettings, LocationOrder>;

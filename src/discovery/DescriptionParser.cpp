@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "DescriptionParser.h"
+
+#include "JsonReader.h"
+
+#include <clocale>
+#include <cstdlib>
+#include <locale.h>
+#include <pugixml.hpp>
+#include <QRegularExpression>
+
+namespace {
+// The character data directly inside an element, unchanged.
+QString elementText(const pugi::xml_node &element)
+{
+    QByteArray text;
+    for (const pugi::xml_node &child : element.children()) {
+        if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
+            text += child.value();
+    }
+    return QString::fromUtf8(text);
+}
+
+std::optional<QString> childText(const pugi::xml_node &parent, const char *name)
+{
+    const pugi::xml_node child = parent.child(name);
+    if (!child)
+        return std::nullopt;
+    return elementText(child);
+}
+
+std::optional<qint64> childInteger(const pugi::xml_node &parent, const char *name)
+{
+    const auto text = childText(parent, name);
+    return text ? DescriptionParser::parseInteger(*text) : std::nullopt;
+}
+
+std::optional<float> childFloat(const pugi::xml_node &parent, const char *name)
+{
+    const auto text = childText(parent, name);
+    return text ? DescriptionParser::parseFloat(*text) : std::nullopt;
+}
+
+std::optional<QUrl> childUrl(const pugi::xml_node &parent, const char *name)
+{
+    const auto text = childText(parent, name);
+    if (!text || text->isEmpty())
+        return std::nullopt;
+    const QUrl url(*text, QUrl::StrictMode);
+    return url.isValid() ? std::optional<QUrl>(url) : std::nullopt;
+}
+
+// pugixml keeps what it parsed before an error, which is the leniency wanted here, so the
+// result is not looked at. It never expands DTD entities and parses without recursion, so
+// hostile documents stay cheap.
+void load(pugi::xml_document &document, const QByteArray &body)
+{
+    document.load_buffer(body.constData(), static_cast<size_t>(body.size()), pugi::parse_default,
+                         pugi::encoding_utf8);
+}
+
+locale_t cLocale()
+{
+    static const locale_t locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+    return locale;
+}
+} // namespace
+
+std::optional<qint64> DescriptionParser::parseInteger(const QString &text)
+{
+    qsizetype digits = 0;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (i == 0 && (c == QLatin1Char('+') || c == QLatin1Char('-')))
+            continue;
+        if (c < QLatin1Char('0') || c > QLatin1Char('9'))
+            return std::nullopt;
+        ++digits;
+    }
+    if (digits == 0)
+        return std::nullopt;
+    bool ok = false;
+    const qint64 value = text.toLongLong(&ok, 10);
+    return ok ? std::optional<qint64>(value) : std::nullopt;
+}
+
+std::optional<float> DescriptionParser::parseFloat(const QString &text)
+{
+    if (text.isEmpty() || QStringLiteral("\t\n\v\f\r ").contains(text.at(0)))
+        return std::nullopt;
+    const QByteArray bytes = text.toUtf8();
+    char *end = nullptr;
+    const float value = strtof_l(bytes.constData(), &end, cLocale());
+    if (end != bytes.constData() + bytes.size())
+        return std::nullopt; // not consumed to the end (also a NUL inside the text)
+    return value;
+}
+
+std::optional<DeviceInfo>
+DescriptionParser::parseDeviceDescription(const QByteArray &body, const QUrl &location,
+                                          const std::optional<QString> &server)
+{
+    pugi::xml_document document;
+    load(document, body);
+    const pugi::xml_node device = document.child("root").child("device");
+    if (!device)
+        return std::nullopt;
+
+    DeviceInfo info;
+    info.location = location;
+    info.server = server;
+    info.deviceType = childText(device, "deviceType");
+    info.friendlyName = childText(device, "friendlyName");
+    info.manufacturer = childText(device, "manufacturer");
+    info.manufacturerURL = childUrl(device, "manufacturerURL");
+    info.modelNumber = childText(device, "modelNumber");
+    info.modelDescription = childText(device, "modelDescription");
+    info.modelName = childText(device, "modelName");
+    info.modelURL = childUrl(device, "modelURL");
+    info.softwareVersion = childText(device, "softwareVersion");
+    info.hardwareVersion = childText(device, "hardwareVersion");
+    info.serialNum = childText(device, "serialNum");
+    info.udn = childText(device, "UDN");
+    for (const pugi::xml_node &entry : device.child("iconList").children()) {
+        if (entry.type() != pugi::node_element)
+            continue;
+        auto icon = std::make_shared<DeviceInfo::Icon>();
+        icon->id = childInteger(entry, "id");
+        icon->mimetype = childText(entry, "mimetype");
+        icon->width = childInteger(entry, "width");
+        icon->height = childInteger(entry, "height");
+        icon->depth = childInteger(entry, "depth");
+        if (const auto url = childText(entry, "url"); url && !url->isEmpty()) {
+            const QUrl relative(*url, QUrl::StrictMode);
+            if (relative.isValid())
+                icon->url = location.resolved(relative);
+        }
+        info.iconList.push_back(std::move(icon));
+    }
+    info.minCompatibleVersion = childText(device, "minCompatibleVersion");
+    info.legacyCompatibleVersion = childText(device, "legacyCompatibleVersion");
+    info.apiVersion = childText(device, "apiVersion");
+    info.displayVersion = childText(device, "displayVersion");
+    info.extraVersion = childText(device, "extraVersion");
+    info.roomName = childText(device, "roomName");
+    info.displayName = childText(device, "displayName");
+    info.zoneType = childInteger(device, "zoneType");
+    info.feature1 = childText(device, "feature1");
+    info.feature2 = childText(device, "feature2");
+    info.feature3 = childText(device, "feature3");
+    info.variant = childInteger(device, "variant");
+    info.internalSpeakerSize = childInteger(device, "internalSpeakerSize");
+    info.bassExtension = childFloat(device, "bassExtension");
+    info.satGainOffset = childFloat(device, "satGainOffset");
+    info.memory = childInteger(device, "memory");
+    info.flash = childInteger(device, "flash");
+    info.flashRepartitioned = childInteger(device, "flashRepartitioned");
+    info.ampOnTime = childInteger(device, "ampOnTime");
+    info.retailMode = childInteger(device, "retailMode");
+    return info;
+}
+
+QString DescriptionParser::udnKey(const DeviceInfo &info)
+{
+    if (!info.udn)
+        return absoluteString(info.location);
+    // "^" matches at every line start, as the pattern is applied to the text as written.
+    static const QRegularExpression prefix(QStringLiteral("^uuid:"),
+                                           QRegularExpression::MultilineOption);
+    return QString(*info.udn).replace(prefix, QString());
+}
+
+DeviceTopology DescriptionParser::ownGroup(const QString &udnKey)
+{
+    return DeviceTopology{true, udnKey};
+}
+
+DeviceTopology DescriptionParser::parseTopology(const QByteArray &body, const QString &udnKey)
+{
+    pugi::xml_document document;
+    load(document, body);
+    const QByteArray key = udnKey.toUtf8();
+    for (const pugi::xml_node &entry :
+         document.child("ZPSupportInfo").child("ZonePlayers").children()) {
+        if (entry.type() != pugi::node_element)
+            continue;
+        const pugi::xml_attribute uuid = entry.attribute("uuid");
+        if (!uuid || key != uuid.value())
+            continue;
+        const pugi::xml_attribute coordinator = entry.attribute("coordinator");
+        const QByteArray flag = coordinator ? QByteArray(coordinator.value()) : QByteArray();
+        if (flag != "true" && flag != "false")
+            continue;
+        const pugi::xml_attribute group = entry.attribute("group");
+        if (!group)
+            continue;
+        return DeviceTopology{flag == "true", QString::fromUtf8(group.value())};
+    }
+    return ownGroup(udnKey);
+}

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "DeviceDiscovery.h"
+
+#include "DescriptionParser.h"
+#include "JsonReader.h"
+#include "Logging.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
+#include "Settings.h"
+
+#include <QNetworkReply>
+
+namespace {
+const QString category = QStringLiteral("SSDP");
+} // namespace
+
+QString DiscoveryError::description() const
+{
+    if (!message.isEmpty())
+        return message;
+    return QStringLiteral("The operation couldn't be completed. (%1 error %2.)")
+        .arg(domain)
+        .arg(code);
+}
+
+DeviceDiscovery &DeviceDiscovery::shared()
+{
+    // Never destroyed: it owns sockets and network objects that must not outlive the
+    // application object.
+    static DeviceDiscovery *instance = new DeviceDiscovery;
+    return *instance;
+}
+
+DeviceDiscovery::DeviceDiscovery(Settings *settings, QObject *parent)
+    : QObject(parent), m_settings(settings)
+{
+    m_network.setAutoDeleteReplies(true);
+}
+
+void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
+{
+    logInfo(category, QStringLiteral("searchForDevices"));
+    // The user's choices outlive a search: known speakers are only marked not found yet.
+    (m_settings ? *m_settings : Settings::shared()).markAllDevicesNotActive();
+
+    SSDPMSearchRequest request;
+    request.delegate = this;
+    request.searchTarget = SSDPSearchTarget::deviceType(SSDPSearchTarget::upnpOrgSchema,
+                                                        sonosDeviceType, sonosDeviceVersion);
+    QString error;
+    auto session = SSDPDiscovery::defaultDiscovery().startDiscovery(
+        request, timeoutSeconds.value_or(8.0), &error);
+    if (!session) {
+        logError(category,
+                 QStringLiteral("Failed to establish socket for M-SEARCH broadcasts: ") + error);
+        NotificationCenter::defaultCenter().post(Notifications::discoveryComplete);
+        return;
+    }
+    m_session = std::move(session); // an earlier search is closed as its last owner lets go
+    NotificationCenter::defaultCenter().post(Notifications::discoveryStarted);
+}
+
+void DeviceDiscovery::stopSearching()
+{
+    logInfo(category, QStringLiteral("stopSearching"));
+    if (m_session)
+        m_session->close();
+    m_session.reset();
+    NotificationCenter::defaultCenter().post(Notifications::discoveryComplete);
+}
+
+void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
+                                       SSDPDiscoverySession *session)
+{
+    logInfo(category, QStringLiteral("discoveredDevice(") + response.description() +
+                          QStringLiteral(", ") + session->description() + QLatin1Char(')'));
+    fetchDeviceInfo(response);
+}
+
+void DeviceDiscovery::discoveredService(const SSDPMSearchResponse &response,
+                                        SSDPDiscoverySession *session)
+{
+    logInfo(category, QStringLiteral("discoveredService(") + response.description() +
+                          QStringLiteral(", ") + session->description() + QLatin1Char(')'));
+}
+
+void DeviceDiscovery::closedSession(SSDPDiscoverySession *session)
+{
+    logInfo(category, QStringLiteral("closedSession(") + session->description() + QLatin1Char(')'));
+    m_session.reset();
+    NotificationCenter::defaultCenter().post(Notifications::discoveryComplete);
+}
+
+void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
+{
+    const QString urlText = absoluteString(url);
+    logInfo(QStringLiteral("Fetching XML from ") + urlText);
+    QNetworkRequest request(url);
+    request.setTransferTimeout(m_transferTimeoutMs);
+    QNetworkReply *reply = m_network.get(request);
+
+    // Hostile devices exist: a body past the cap is aborted and counts as a failed fetch.
+    auto tooLarge = std::make_shared<bool>(false);
+    connect(reply, &QNetworkReply::downloadProgress, reply,
+            [reply, tooLarge](qint64 received, qint64) {
+                if (received > maxBodyBytes && !*tooLarge) {
+                    *tooLarge = true;
+                    reply->abort();
+                }
+            });
+    connect(reply, &QNetworkReply::finished, this,
+            [reply, urlText, tooLarge, completion = std::move(completion)] {
+                // An HTTP status means an answer arrived: its body is used whatever the status,
+                // like any other answer. Only transport failures are errors here.
+                const bool answered =
+                    reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
+                if (*tooLarge || !answered) {
+                    DiscoveryError error{
+                        QStringLiteral("QNetworkReply"), static_cast<int>(reply->error()),
+                        *tooLarge ? QStringLiteral("The response is larger than 1 MiB")
+                                  : reply->errorString()};
+                    logError(QStringLiteral("Failed to fetch XML from ") + urlText +
+                             QStringLiteral(" - ") + error.description());
+                    completion(error, QByteArray());
+                    return;
+                }
+                const QByteArray body = reply->readAll();
+                if (body.isEmpty()) {
+                    logInfo(QStringLiteral("Failed to retrieve data from ") + urlText);
+                    completion(DiscoveryError::own(DiscoveryError::getXMLFailed), QByteArray());
+                    return;
+                }
+                logInfo(QStringLiteral("Received a response from ") + urlText);
+                completion(std::nullopt, body);
+            });
+}
+
+void DeviceDiscovery::fetchDeviceInfo(const SSDPMSearchResponse &response)
+{
+    const QUrl topologyUrl = response.location.resolved(QUrl(QStringLiteral("/status/topology")));
+    if (!topologyUrl.isValid() || topologyUrl.host().isEmpty()) {
+        handleDeviceResult(DiscoveryError::own(DiscoveryError::invalidDeviceLocation), std::nullopt,
+                           std::nullopt, response);
+        return;
+    }
+    fetchXML(
+        response.location, [this, response, topologyUrl](const std::optional<DiscoveryError> &error,
+                                                         const QByteArray &body) {
+            // parseDeviceDescription
+            if (error) {
+                handleDeviceResult(error, std::nullopt, std::nullopt, response);
+                return;
+            }
+            auto info =
+                DescriptionParser::parseDeviceDescription(body, response.location, response.server);
+            if (!info) {
+                handleDeviceResult(DiscoveryError::own(DiscoveryError::invalidDeviceXML),
+                                   std::nullopt, std::nullopt, response);
+                return;
+            }
+            const QString key = DescriptionParser::udnKey(*info);
+            fetchXML(topologyUrl, [this, response, topologyUrl, info = std::move(*info),
+                                   key](const std::optional<DiscoveryError> &topologyError,
+                                        const QByteArray &topologyBody) {
+                // fetchTopology: never fails the pipeline.
+                DeviceTopology topology;
+                if (topologyError) {
+                    logError(QStringLiteral("Failed to fetch topology from ") +
+                             absoluteString(topologyUrl));
+                    topology = DescriptionParser::ownGroup(key);
+                } else {
+                    topology = DescriptionParser::parseTopology(topologyBody, key);
+                }
+                handleDeviceResult(std::nullopt, info, topology, response);
+            });
+        });
+}
+
+void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &error,
+                                         const std::optional<DeviceInfo> &info,
+                                         const std::optional<DeviceTopology> &topology,
+                                         const SSDPMSearchResponse &response)
+{
+    if (error || !info || !topology) {
+        logWarning(category, QStringLiteral("fetchDeviceInfo failed: ") +
+                                 (error ? error->description() : QStringLiteral("no error")));
+        return;
+    }
+    if (info->modelName == QStringLiteral("Sonos BOOST")) {
+        logInfo(QStringLiteral("Ignoring BOOST device at ") + absoluteString(info->location));
+        return;
+    }
+    m_devices.insert_or_assign(info->location, *info);
+    NotificationCenter::defaultCenter().post(
+        Notifications::deviceDiscovered,
+        {{UserInfoKey::response, QVariant::fromValue(response)},
+         {UserInfoKey::deviceInfo, QVariant::fromValue(*info)},
+         {UserInfoKey::deviceTopology, QVariant::fromValue(*topology)}});
+}

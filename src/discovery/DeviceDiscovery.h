@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Finds Sonos players: one timed SSDP search at a time, and for every answer a pipeline
+// that fetches the player's description and zone topology and announces the player.
+#pragma once
+
+#include "DeviceInfo.h"
+#include "SSDPDiscovery.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <QNetworkAccessManager>
+#include <QObject>
+
+class Settings;
+
+// An error of the discovery pipeline: the HTTP client's, or one of the three own domains.
+struct DiscoveryError
+{
+    static inline const QString invalidDeviceLocation =
+        QStringLiteral("InvalidDeviceLocationErrorDomain");
+    static inline const QString getXMLFailed = QStringLiteral("GetXMLFailedErrorDomain");
+    static inline const QString invalidDeviceXML = QStringLiteral("InvalidDeviceXMLErrorDomain");
+
+    QString domain;
+    int code = -1;
+    QString message; // the client's text; empty for the own domains
+
+    // An error of one of the own domains (code -1).
+    static DiscoveryError own(const QString &domain) { return {domain, -1, QString()}; }
+    QString description() const;
+};
+
+class DeviceDiscovery : public QObject, public SSDPDiscoveryDelegate
+{
+    Q_OBJECT
+
+public:
+    static constexpr int defaultTransferTimeoutMs = 60000;
+    static constexpr qint64 maxBodyBytes = 1024 * 1024;
+
+    // The process-wide discovery, created on first use on the main thread.
+    static DeviceDiscovery &shared();
+
+    // settings is the document whose records are marked not found when a search starts;
+    // the process-wide settings when null.
+    explicit DeviceDiscovery(Settings *settings = nullptr, QObject *parent = nullptr);
+
+    const QString sonosDeviceType = QStringLiteral("ZonePlayer");
+    const int sonosDeviceVersion = 1;
+
+    // Starts a search lasting timeoutSeconds (every caller passes 8); closes an earlier one.
+    void searchForDevices(std::optional<double> timeoutSeconds);
+    // Ends the search in progress, if any, and posts "discoveryComplete".
+    void stopSearching();
+
+    // The running search, or null.
+    SSDPDiscoverySession *session() const { return m_session.get(); }
+    // Every player described since the program started, by location.
+    const std::map<QUrl, DeviceInfo, LocationOrder> &devices() const { return m_devices; }
+
+    // The time-out of each HTTP transfer; 60 seconds unless a test shortens it.
+    void setTransferTimeout(int ms) { m_transferTimeoutMs = ms; }
+
+    void discoveredDevice(const SSDPMSearchResponse &response,
+                          SSDPDiscoverySession *session) override;
+    void discoveredService(const SSDPMSearchResponse &response,
+                           SSDPDiscoverySession *session) override;
+    void closedSession(SSDPDiscoverySession *session) override;
+
+private:
+    using XmlCompletion =
+        std::function<void(const std::optional<DiscoveryError> &, const QByteArray &)>;
+    // GETs url and completes with (error, body); the body is empty with an error.
+    void fetchXML(const QUrl &url, XmlCompletion completion);
+    void fetchDeviceInfo(const SSDPMSearchResponse &response);
+    void handleDeviceResult(const std::optional<DiscoveryError> &error,
+                            const std::optional<DeviceInfo> &info,
+                            const std::optional<DeviceTopology> &topology,
+                            const SSDPMSearchResponse &response);
+
+    Settings *m_settings;
+    QNetworkAccessManager m_network;
+    std::shared_ptr<SSDPDiscoverySession> m_session;
+    std::map<QUrl, DeviceInfo, LocationOrder> m_devices;
+    int m_transferTimeoutMs = defaultTransferTimeoutMs;
+};

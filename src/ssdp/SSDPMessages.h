@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// SSDP search targets, the M-SEARCH request and the parsing of search responses.
+#pragma once
+
+#include <optional>
+#include <QByteArray>
+#include <QList>
+#include <QMetaType>
+#include <QPair>
+#include <QString>
+#include <QUrl>
+
+class SSDPDiscoveryDelegate;
+
+// A search target; a device-type target is "urn:<schema>:device:<type>:<version>".
+struct SSDPSearchTarget
+{
+    // The UPnP forum's schema domain.
+    static inline const QString upnpOrgSchema = QStringLiteral("schemas-upnp-org");
+
+    static SSDPSearchTarget deviceType(const QString &schema, const QString &type, int version);
+
+    QString text;
+};
+
+// One M-SEARCH: who gets the responses, what is searched for, and the MX wait.
+struct SSDPMSearchRequest
+{
+    static constexpr int defaultMaxWaitTime = 1; // MX, seconds
+
+    SSDPDiscoveryDelegate *delegate = nullptr;
+    SSDPSearchTarget searchTarget;
+    int maxWaitTime = defaultMaxWaitTime;
+    QList<QPair<QByteArray, QByteArray>> otherHeaders;
+
+    // The datagram, as the UPnP Device Architecture writes it (CR LF lines, empty last line).
+    QByteArray datagram() const;
+};
+
+// A response to an M-SEARCH, as received.
+struct SSDPMSearchResponse
+{
+    enum class Kind { Device, Service };
+
+    QUrl location;                 // LOCATION, an absolute http URL
+    std::optional<QString> server; // SERVER
+    QString searchTarget;          // ST
+    QString usn;                   // USN
+    Kind kind = Kind::Device;
+    // Every header in arrival order; names as received, values trimmed.
+    QList<QPair<QString, QString>> headers;
+    QByteArray raw;
+
+    // The first header of that name (case-insensitive), or nothing.
+    std::optional<QString> header(const QString &name) const;
+    // A one-line text for log lines.
+    QString description() const;
+
+    // Largest datagram considered; anything bigger is not an SSDP response.
+    static constexpr qsizetype maxDatagramSize = 8192;
+
+    // Parses one datagram. Returns nothing for anything that is not an "HTTP/1.1 200 OK"
+    // search response with a valid absolute http LOCATION naming a device or service type;
+    // *reason then says why (for a debug line).
+    static std::optional<SSDPMSearchResponse> parse(const QByteArray &datagram, QString *reason);
+};
+
+Q_DECLARE_METATYPE(SSDPMSearchResponse)
