@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// A simulated Sonos household: players that answer M-SEARCH on the loopback multicast group
+// from their own loopback address and serve a realistic description and zone topology.
+// Use it only inside a private network namespace (scripts/netns).
+#pragma once
+
+#include <QHostAddress>
+#include <QObject>
+#include <QUrl>
+#include <vector>
+
+class QTcpServer;
+class QTcpSocket;
+class QUdpSocket;
+
+struct SimulatedPlayer
+{
+    enum Fault {
+        NoFault,
+        Description404,     // an HTML 404 page for the description
+        DescriptionHtml,    // 200 with an HTML page
+        DescriptionGarbage, // 200 with bytes that are not XML
+        DescriptionSlow,    // accepts and never answers
+        DescriptionHuge,    // 200 with a 2 MiB body
+        TopologyMissing,    // current firmware: 404 for /status/topology
+        TopologyEmpty,      // <ZPSupportInfo/> without ZonePlayers
+        SilentOnSsdp,       // never answers a search
+    };
+
+    QString roomName;
+    QString displayName = QStringLiteral("PLAY:3");
+    QString modelName = QStringLiteral("Sonos PLAY:3");
+    QString modelNumber = QStringLiteral("S3");
+    QString udn; // without "uuid:"
+    QString group;
+    bool coordinator = true;
+    QHostAddress address;
+    quint16 port = 1400;
+    Fault fault = NoFault;
+    int answersPerSearch = 1;
+
+    QUrl location() const;
+};
+
+class SpeakerSimulator : public QObject
+{
+    Q_OBJECT
+
+public:
+    // players on 127.0.1.1, 127.0.1.2, ... spread over groups (the first of each group is its
+    // coordinator); with boost, one more device whose model is "Sonos BOOST".
+    static std::vector<SimulatedPlayer> household(int players, int groups, bool boost = false);
+    static QString faultName(SimulatedPlayer::Fault fault);
+    static std::optional<SimulatedPlayer::Fault> faultFromName(const QString &name);
+
+    explicit SpeakerSimulator(std::vector<SimulatedPlayer> players, QObject *parent = nullptr);
+    ~SpeakerSimulator() override;
+
+    // Binds every socket; false with *error when one cannot be bound.
+    bool start(QString *error);
+
+    const std::vector<SimulatedPlayer> &players() const { return m_players; }
+    std::vector<SimulatedPlayer> &players() { return m_players; }
+    int searchesReceived() const { return m_searches; }
+    int httpRequests() const { return m_requests; }
+
+    QByteArray descriptionXml(const SimulatedPlayer &player) const;
+    QByteArray topologyXml() const;
+
+signals:
+    // A player answered a search (once per datagram sent).
+    void answered(int player);
+
+private:
+    void handleSearch();
+    void handleRequest(int player, QTcpSocket *socket);
+
+    std::vector<SimulatedPlayer> m_players;
+    QUdpSocket *m_listener = nullptr;
+    std::vector<QUdpSocket *> m_senders;
+    std::vector<QTcpServer *> m_servers;
+    int m_searches = 0;
+    int m_requests = 0;
+};
