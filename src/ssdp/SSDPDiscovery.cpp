@@ -11,7 +11,8 @@
 
 namespace {
 const QString category = QStringLiteral("SSDP");
-}
+constexpr int receiveBufferBytes = 1024 * 1024;
+} // namespace
 
 SSDPDiscovery &SSDPDiscovery::defaultDiscovery()
 {
@@ -52,6 +53,10 @@ SSDPDiscovery::startDiscovery(const SSDPMSearchRequest &request, double timeoutS
             }
             socket->setMulticastInterface(interface);
             socket->setSocketOption(QAbstractSocket::MulticastTtlOption, QVariant(2));
+            // A large household answers in a burst; room for it keeps answers from being dropped
+            // (the kernel caps this at net.core.rmem_max).
+            socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption,
+                                    QVariant(receiveBufferBytes));
             QObject::connect(socket, &QUdpSocket::readyRead, session.get(),
                              [s = session.get(), socket] { s->handleReadyRead(socket); });
             session->m_sockets.push_back(socket);

@@ -526,6 +526,8 @@ void TestAirConnect::startStopCyclesLeakNothing()
     qunsetenv("FAKE_BRIDGE_RECORD_DIR");
     Logging::setDefaultLevel(LogLevel::Warning);
     const int descriptorsBefore = openDescriptors();
+    QElapsedTimer elapsed;
+    elapsed.start();
     for (int cycle = 0; cycle < 200; ++cycle) {
         bridge.start({speaker()});
         QVERIFY(bridge.process());
@@ -537,6 +539,8 @@ void TestAirConnect::startStopCyclesLeakNothing()
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QVERIFY(childProcesses(true).isEmpty());
     QCOMPARE(openDescriptors(), descriptorsBefore);
+    qInfo("200 start/stop cycles in %lld ms; %d descriptors before and after; no child left",
+          elapsed.elapsed(), descriptorsBefore);
     Logging::setDefaultLevel(LogLevel::Info);
 }
 

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Discovery of a simulated household running as a separate process: the time from the
+// search's start to the last "deviceDiscovered", each player's time from its SSDP answer to
+// its event, and this process's peak memory. Run it through scripts/netns (scripts/bench).
+//   corvel-bench-discovery PLAYERS
+#include "DeviceDiscovery.h"
+#include "Log.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
+#include "Settings.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTimer>
+#include <sys/resource.h>
+
+namespace {
+qint64 monotonicNanoseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+double percentile(std::vector<double> values, double p)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    const size_t index = std::min(values.size() - 1, size_t(p * double(values.size() - 1) + 0.5));
+    return values[index];
+}
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const int players = argc > 1 ? std::max(1, atoi(argv[1])) : 32;
+
+    QProcess simulator;
+    simulator.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    simulator.start(QStringLiteral(SPEAKER_SIM),
+                    {"--players", QString::number(players), "--groups",
+                     QString::number(std::max(1, players / 4)), "--report-answers"});
+    std::map<int, QUrl> locationOf;
+    std::map<QUrl, int> indexOf;
+    for (bool ready = false; !ready;) {
+        if (!simulator.waitForReadyRead(10000)) {
+            std::fprintf(stderr, "The simulator did not start\n");
+            return 1;
+        }
+        while (simulator.canReadLine()) {
+            const QList<QByteArray> parts = simulator.readLine().trimmed().split(' ');
+            if (parts.value(0) == "ready")
+                ready = true;
+            else if (parts.value(0) == "player") {
+                const QUrl location(QString::fromUtf8(parts.value(2)));
+                locationOf[parts.value(1).toInt()] = location;
+                indexOf[location] = parts.value(1).toInt();
+            }
+        }
+    }
+
+    if (qEnvironmentVariableIsSet("CORVEL_BENCH_LOG")) {
+        Logging::setDefaultLevel(LogLevel::Info);
+        Logging::attach(&Log::shared());
+    }
+    auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
+    DeviceDiscovery discovery(settings.get());
+    std::map<QUrl, qint64> eventAt;
+    NotificationCenter::defaultCenter().addObserver(
+        Notifications::deviceDiscovered, [&](const Notification &n) {
+            const QUrl location =
+                n.userInfo.value(UserInfoKey::deviceInfo).value<DeviceInfo>().location;
+            eventAt.emplace(location, monotonicNanoseconds());
+            if (int(eventAt.size()) == players)
+                app.quit();
+        });
+    QTimer::singleShot(20000, &app, &QCoreApplication::quit);
+    const qint64 start = monotonicNanoseconds();
+    discovery.searchForDevices(8.0);
+    app.exec();
+
+    std::map<int, qint64> answeredAt;
+    simulator.waitForReadyRead(200);
+    while (simulator.canReadLine() || simulator.waitForReadyRead(100)) {
+        const QList<QByteArray> parts = simulator.readLine().trimmed().split(' ');
+        if (parts.value(0) == "answer")
+            answeredAt.emplace(parts.value(1).toInt(), parts.value(2).toLongLong());
+    }
+    simulator.kill();
+    simulator.waitForFinished();
+
+    std::vector<double> latencies;
+    qint64 lastEvent = start, lastAnswer = start;
+    for (const auto &[location, at] : eventAt) {
+        lastEvent = std::max(lastEvent, at);
+        const auto answered = answeredAt.find(indexOf[location]);
+        if (answered != answeredAt.end()) {
+            latencies.push_back(double(at - answered->second) / 1e6);
+            lastAnswer = std::max(lastAnswer, answered->second);
+        }
+    }
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::printf("| %d | %zu | %.1f | %.1f | %.1f | %.1f | %.1f |\n", players, eventAt.size(),
+                double(lastEvent - start) / 1e6, double(lastEvent - lastAnswer) / 1e6,
+                percentile(latencies, 0.5), percentile(latencies, 0.99),
+                double(usage.ru_maxrss) / 1024.0);
+    return int(eventAt.size()) == players ? 0 : 1;
+}
