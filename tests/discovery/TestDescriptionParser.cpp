@@ -2,17 +2,13 @@
 #include "DescriptionParser.h"
 
 #include <cmath>
+#include "Fixtures.h"
+
 #include <QFile>
 #include <QTest>
 
 namespace {
 const QUrl location(QStringLiteral("http://192.0.2.10:1400/xml/device_description.xml"));
-
-QByteArray sharedFixture(const QString &name)
-{
-    QFile file(QStringLiteral(CORVEL_SHARED_FIXTURES "/") + name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 QByteArray description(const QByteArray &deviceChildren)
 {

@@ -2,16 +2,12 @@
 #include "BuildConfig.h"
 #include "SSDPMessages.h"
 
+#include "Fixtures.h"
+
 #include <QFile>
 #include <QTest>
 
 namespace {
-QByteArray sharedFixture(const QString &name)
-{
-    QFile file(QStringLiteral(CORVEL_SHARED_FIXTURES "/") + name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // A capture file holds several datagrams back to back; each starts with its start line.
 QList<QByteArray> splitCapture(const QByteArray &capture)
 {
