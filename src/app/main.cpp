@@ -1,31 +1,137 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Corvel's entry point.
+// Corvel's entry point: the tray program, or with --headless (or without a display) the same
+// controller, discovery and bridge without any window.
+#include "AppDelegate.h"
 #include "BuildConfig.h"
-#include "Log.h"
-#include "Settings.h"
+#include "Logging.h"
 
+#include <QApplication>
 #include <QCommandLineParser>
-#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QElapsedTimer>
+#include <QSocketNotifier>
+#include <QSystemTrayIcon>
+#include <QTimer>
+#include <csignal>
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+int g_signalPipe[2] = {-1, -1};
+
+void onQuitSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[0], &byte, 1);
+}
+
+// SIGINT and SIGTERM reach the event loop through a socket pair, so quitting stops the bridge.
+void quitOnSignals(QCoreApplication &app)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0)
+        return;
+    auto *notifier = new QSocketNotifier(g_signalPipe[1], QSocketNotifier::Read, &app);
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [&app] {
+        char byte = 0;
+        [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, 1);
+        app.quit();
+    });
+    struct sigaction action {};
+    action.sa_handler = onQuitSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool wantsHeadless(int argc, char *argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--headless") == 0)
+            return true;
+    }
+    return false;
+}
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
+bool trayHostRegistered()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    return bus.isConnected() && bus.interface() &&
+           bus.interface()->isServiceRegistered(QStringLiteral("org.kde.StatusNotifierWatcher")).value();
+}
+} // namespace
 
 int main(int argc, char *argv[])
 {
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("Corvel"));
-    QCoreApplication::setOrganizationName(QStringLiteral("Corvel"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(CORVEL_VERSION));
+    // Decided before the application object exists, since it fixes the platform plugin.
+    const bool noDisplay = !hasDisplay();
+    const bool headless = wantsHeadless(argc, argv) || noDisplay;
+    if (headless)
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    QApplication app(argc, argv);
+    Q_INIT_RESOURCE(resources); // the icons live in a static library
+    QApplication::setApplicationName(QStringLiteral("Corvel"));
+    QApplication::setOrganizationName(QStringLiteral("Corvel"));
+    QApplication::setApplicationVersion(QStringLiteral(CORVEL_VERSION));
+    QApplication::setDesktopFileName(QStringLiteral(CORVEL_APP_ID));
+    QApplication::setQuitOnLastWindowClosed(false);
+    QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        QStringLiteral("Play this computer's audio on Sonos speakers"));
+    parser.setApplicationDescription(QStringLiteral("Plays this computer's audio on Sonos speakers."));
     parser.addHelpOption();
     parser.addVersionOption();
+    const QCommandLineOption headlessOption(
+        QStringLiteral("headless"), QStringLiteral("Run without a tray icon or windows (for servers)."));
+    const QCommandLineOption autostartOption(
+        QStringLiteral("autostart"), QStringLiteral("Started at login: wait for the desktop's tray."));
+    parser.addOptions({headlessOption, autostartOption});
     parser.process(app);
 
-    Logging::setDefaultLevel(LogLevel::Verbose);
-    Logging::attach(&Log::shared());
-    logInfo(QStringLiteral("Corvel %1 starting").arg(QCoreApplication::applicationVersion()));
+    AppDelegate delegate(AppDelegate::Services::real(), !headless);
+    delegate.applicationWillFinishLaunching();
+    if (noDisplay && !parser.isSet(headlessOption))
+        logInfo(QStringLiteral("No display found (neither DISPLAY nor WAYLAND_DISPLAY): running headless"));
 
-    const Settings &settings = Settings::shared();
-    logInfo(QStringLiteral("%1 known speakers").arg(settings.devices.size()));
-    return 0;
+    quitOnSignals(app);
+    QObject::connect(&delegate, &AppDelegate::quitRequested, &app, &QCoreApplication::quit);
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
+
+    const auto launch = [&delegate, headless] {
+        if (!headless && !QSystemTrayIcon::isSystemTrayAvailable()) {
+            logWarning(QStringLiteral(
+                "No system tray was found, so Corvel has no icon to show. On GNOME, install and enable "
+                "the AppIndicator extension (Debian package gnome-shell-extension-appindicator); other "
+                "desktops need a panel with a system tray. Corvel keeps running; open Preferences with "
+                "another start of the program once a tray is available."));
+        }
+        delegate.applicationDidFinishLaunching();
+    };
+    if (!headless && parser.isSet(autostartOption) && !trayHostRegistered()) {
+        // Qt decides once per process whether a tray exists, and desktops start their panel
+        // late at login: wait up to 30 seconds for the tray host before creating the icon.
+        auto *poll = new QTimer(&app);
+        auto *waited = new QElapsedTimer;
+        waited->start();
+        QObject::connect(poll, &QTimer::timeout, &app, [poll, waited, launch] {
+            if (trayHostRegistered() || waited->elapsed() > 30000) {
+                poll->stop();
+                delete waited;
+                launch();
+            }
+        });
+        poll->start(500);
+    } else {
+        launch();
+    }
+    const int status = app.exec();
+    return status;
 }

@@ -60,6 +60,7 @@ SSDPDiscovery::startDiscovery(const SSDPMSearchRequest &request, double timeoutS
             QObject::connect(socket, &QUdpSocket::readyRead, session.get(),
                              [s = session.get(), socket] { s->handleReadyRead(socket); });
             session->m_sockets.push_back(socket);
+            session->m_addresses.push_back(address);
         }
     }
     if (session->m_sockets.empty()) {
@@ -146,14 +147,6 @@ void SSDPDiscoverySession::close()
     m_timeout.stop();
     for (QUdpSocket *socket : m_sockets)
         socket->close();
-}
-
-QList<QHostAddress> SSDPDiscoverySession::localAddresses() const
-{
-    QList<QHostAddress> addresses;
-    for (const QUdpSocket *socket : m_sockets)
-        addresses << socket->localAddress();
-    return addresses;
 }
 
 QString SSDPDiscoverySession::description() const

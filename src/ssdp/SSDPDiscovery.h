@@ -41,7 +41,7 @@ public:
     void close();
     bool isClosed() const { return m_closed; }
     // The local addresses the search was sent from.
-    QList<QHostAddress> localAddresses() const;
+    QList<QHostAddress> localAddresses() const { return m_addresses; }
     QString description() const;
 
 private:
@@ -53,6 +53,7 @@ private:
 
     SSDPMSearchRequest m_request;
     std::vector<QUdpSocket *> m_sockets;
+    QList<QHostAddress> m_addresses; // kept for descriptions after the sockets close
     QTimer m_repeat;
     QTimer m_timeout;
     quint64 m_number;

@@ -1,0 +1,304 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "AppDelegate.h"
+
+#include "AirConnect.h"
+#include "BuildConfig.h"
+#include "DeviceDiscovery.h"
+#include "Log.h"
+#include "MainQueue.h"
+#include "Notifications.h"
+#include "Settings.h"
+#include "SystemSleep.h"
+
+#include <QApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QIcon>
+#include <QMessageBox>
+#include <QSystemTrayIcon>
+#include <QWidget>
+
+namespace {
+const QString helperService = QStringLiteral("org.corvel.CorvelHelper");
+}
+
+AppDelegate::Services AppDelegate::Services::real()
+{
+    Services services;
+    services.searchForDevices = [](std::optional<double> t) { DeviceDiscovery::shared().searchForDevices(t); };
+    services.stopSearching = [] { DeviceDiscovery::shared().stopSearching(); };
+    services.bridgeRunning = [] { return AirConnect::shared().process() != nullptr; };
+    services.startBridge = [](const std::vector<DeviceSettings> &records) { AirConnect::shared().start(records); };
+    services.stopBridge = [] { AirConnect::shared().stop(); };
+    services.shutdownBridge = [] { AirConnect::shared().shutdown(); };
+    services.settings = []() -> Settings & { return Settings::shared(); };
+    return services;
+}
+
+AppDelegate::AppDelegate(Services services, bool withTray, QObject *parent)
+    : QObject(parent), m_services(std::move(services)), m_withTray(withTray)
+{
+    // The fixed entries: four ahead of the speakers, the commands after them.
+    m_firstMenuItem = m_statusMenu.addAction(statusOff);
+    m_firstMenuItem->setEnabled(false);
+    m_onOffMenuItem = m_statusMenu.addAction(commandTurnOn, this, &AppDelegate::onOffClicked);
+    m_statusMenu.addSeparator();
+    m_statusMenu.addAction(tr("Speakers"))->setEnabled(false);
+    m_statusMenu.addSeparator();
+    m_statusMenu.addAction(tr("Preferences…"), this, &AppDelegate::preferencesClicked);
+    m_statusMenu.addAction(tr("About Corvel"), this, &AppDelegate::aboutClicked);
+    m_statusMenu.addAction(tr("Send Feedback…"), this, &AppDelegate::feedbackClicked);
+    m_statusMenu.addSeparator();
+    m_statusMenu.addAction(tr("Quit Corvel"), this, &AppDelegate::quitClicked);
+    connect(&m_statusMenu, &QMenu::aboutToShow, this, &AppDelegate::menuWillOpen);
+}
+
+AppDelegate::~AppDelegate()
+{
+    for (const auto token : m_observers)
+        NotificationCenter::defaultCenter().removeObserver(token);
+}
+
+void AppDelegate::applicationWillFinishLaunching()
+{
+    Logging::setDefaultLevel(LogLevel::Verbose);
+    Logging::attach(&Log::shared());
+    logInfo(QStringLiteral("applicationWillFinishLaunching"));
+}
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    logInfo(QStringLiteral("applicationDidFinishLaunching"));
+    stopLauncherApp();
+    setUpStatusItem();
+    addObservers();
+    updateDeviceMenuItems();
+    stoppedByUser = false;
+    m_services.searchForDevices(searchSeconds);
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    logInfo(QStringLiteral("applicationWillTerminate"));
+    m_services.shutdownBridge();
+}
+
+void AppDelegate::stopLauncherApp()
+{
+    // The launcher helper runs as the owner of its bus name; without a session bus there is
+    // no helper to stop.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected() || !bus.interface() || !bus.interface()->isServiceRegistered(helperService).value())
+        return;
+    logInfo(QStringLiteral("Stopping launcher app"));
+    QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/corvel/Corvel"),
+                                                     QStringLiteral("org.corvel.Corvel"), QStringLiteral("killLauncher"));
+    signal << QStringLiteral(CORVEL_APP_ID);
+    bus.send(signal);
+}
+
+void AppDelegate::setUpStatusItem()
+{
+    if (!m_withTray)
+        return;
+    m_statusItem = new QSystemTrayIcon(this);
+    QIcon icon(QStringLiteral(":/icons/statusIcon.svg"));
+    icon.setIsMask(true); // a monochrome mask, so light and dark panels both show it
+    m_statusItem->setIcon(icon);
+    m_statusItem->setContextMenu(&m_statusMenu);
+    m_statusItem->setToolTip(QStringLiteral("Corvel"));
+    m_statusItem->show();
+    connect(&AirConnect::shared(), &AirConnect::bridgeNotFound, this, &AppDelegate::showBridgeNotFound);
+}
+
+void AppDelegate::showBridgeNotFound(const QString &message)
+{
+    if (m_toldBridgeMissing || !m_statusItem)
+        return;
+    m_toldBridgeMissing = true;
+    m_statusItem->showMessage(tr("AirConnect bridge not found"), message, QSystemTrayIcon::Warning, 30000);
+}
+
+void AppDelegate::addObservers()
+{
+    NotificationCenter &center = NotificationCenter::defaultCenter();
+    const auto hop = [this](void (AppDelegate::*handler)()) {
+        return [this, handler](const Notification &) {
+            QPointer<AppDelegate> self(this);
+            mainQueueAsync([self, handler] {
+                if (self)
+                    (self->*handler)();
+            });
+        };
+    };
+    m_observers.push_back(center.addObserver(Notifications::deviceSettingsChanged, hop(&AppDelegate::onDeviceSettingsChanged)));
+    m_observers.push_back(center.addObserver(Notifications::discoveryStarted, hop(&AppDelegate::onDiscoveryStarted)));
+    m_observers.push_back(center.addObserver(Notifications::deviceDiscovered,
+                                             [this](const Notification &n) { onDeviceDiscovered(n); }));
+    // The decision runs as a hop so it sees the menu rebuilds queued by earlier speakers.
+    m_observers.push_back(center.addObserver(Notifications::discoveryComplete, hop(&AppDelegate::onDiscoveryComplete)));
+    m_observers.push_back(center.addObserver(Notifications::serviceStarted, hop(&AppDelegate::onServiceStarted)));
+    m_observers.push_back(center.addObserver(Notifications::serviceReady, hop(&AppDelegate::onServiceReady)));
+    m_observers.push_back(center.addObserver(Notifications::serviceTerminated, hop(&AppDelegate::onServiceTerminated)));
+}
+
+void AppDelegate::updateDeviceMenuItems()
+{
+    for (QAction *item : std::as_const(m_deviceMenuItems)) {
+        m_statusMenu.removeAction(item);
+        item->deleteLater();
+    }
+    m_deviceMenuItems.clear();
+    const DeviceMap active = m_services.settings().activeDevices();
+    for (const auto &entry : active)
+        m_deviceMenuItems.append(makeDeviceMenuItem(entry.second));
+    const QList<QAction *> actions = m_statusMenu.actions();
+    QAction *before = actions.value(firstDeviceMenuIndex);
+    m_statusMenu.insertActions(before, m_deviceMenuItems);
+}
+
+QAction *AppDelegate::makeDeviceMenuItem(const DeviceSettings &record)
+{
+    auto *item = new QAction(record.name, &m_statusMenu);
+    item->setCheckable(true);
+    item->setChecked(record.enabled);
+    item->setEnabled(false);
+    return item;
+}
+
+void AppDelegate::menuWillOpen()
+{
+    if (m_preferencesWindow && m_preferencesWindow->isVisible())
+        showWindow();
+}
+
+void AppDelegate::showWindow()
+{
+    if (!m_preferencesWindow) {
+        if (!m_windowFactory) {
+            logWarning(QStringLiteral("The preferences window is not available in this build"));
+            return;
+        }
+        m_preferencesWindow = m_windowFactory();
+        if (!m_preferencesWindow)
+            return;
+    }
+    m_preferencesWindow->show();
+    m_preferencesWindow->raise();
+    m_preferencesWindow->activateWindow();
+}
+
+void AppDelegate::onOffClicked()
+{
+    const bool turningOn = m_onOffMenuItem->text().endsWith(QLatin1String("On"));
+    logInfo(turningOn ? QStringLiteral("onClicked") : QStringLiteral("offClicked"));
+    stoppedByUser = !turningOn;
+    if (turningOn) {
+        m_firstMenuItem->setText(statusSearching);
+        m_onOffMenuItem->setText(commandTurnOff);
+        m_services.searchForDevices(searchSeconds);
+    } else {
+        m_firstMenuItem->setText(statusOff);
+        m_onOffMenuItem->setText(commandTurnOn);
+        NotificationCenter::defaultCenter().post(Notifications::appStopped);
+        m_services.stopSearching();
+        m_services.stopBridge();
+    }
+}
+
+void AppDelegate::preferencesClicked()
+{
+    logInfo(QStringLiteral("preferencesClicked"));
+    showWindow();
+}
+
+void AppDelegate::aboutClicked()
+{
+    logInfo(QStringLiteral("aboutClicked"));
+    if (!m_withTray)
+        return;
+    QMessageBox::about(nullptr, QStringLiteral("Corvel ") + Settings::currentVersion(),
+                       tr("Play this computer's audio on Sonos speakers.\n\nWebsite: %1").arg(QStringLiteral(CORVEL_WEBSITE)));
+}
+
+void AppDelegate::feedbackClicked()
+{
+    logInfo(QStringLiteral("feedbackClicked"));
+}
+
+void AppDelegate::quitClicked()
+{
+    logInfo(QStringLiteral("quitClicked"));
+    emit quitRequested();
+}
+
+void AppDelegate::onDeviceSettingsChanged()
+{
+    updateDeviceMenuItems();
+}
+
+void AppDelegate::onDiscoveryStarted()
+{
+    m_firstMenuItem->setText(statusSearching);
+    m_onOffMenuItem->setText(commandTurnOff);
+    updateDeviceMenuItems();
+}
+
+void AppDelegate::onDeviceDiscovered(const Notification &notification)
+{
+    const QVariant infoValue = notification.userInfo.value(UserInfoKey::deviceInfo);
+    const QVariant topologyValue = notification.userInfo.value(UserInfoKey::deviceTopology);
+    if (!infoValue.canConvert<DeviceInfo>() || !topologyValue.canConvert<DeviceTopology>() ||
+        infoValue.metaType() != QMetaType::fromType<DeviceInfo>() ||
+        topologyValue.metaType() != QMetaType::fromType<DeviceTopology>()) {
+        logWarning(QStringLiteral("Ignoring a deviceDiscovered event without a speaker description and topology"));
+        return;
+    }
+    m_services.settings().mergeDiscoveredSpeaker(infoValue.value<DeviceInfo>(), topologyValue.value<DeviceTopology>());
+    QPointer<AppDelegate> self(this);
+    mainQueueAsync([self] {
+        if (self)
+            self->updateDeviceMenuItems();
+    });
+}
+
+void AppDelegate::onDiscoveryComplete()
+{
+    if (m_deviceMenuItems.isEmpty()) {
+        logWarning(QStringLiteral("Discovery finished with no speakers found"));
+        m_firstMenuItem->setText(statusNoSpeakers);
+        return;
+    }
+    if (stoppedByUser) {
+        logInfo(QStringLiteral("Discovery complete, bridge is stopped"));
+        return;
+    }
+    if (!m_services.bridgeRunning()) {
+        logInfo(QStringLiteral("Discovery complete, starting AirConnect"));
+        std::vector<DeviceSettings> records;
+        for (const auto &entry : m_services.settings().devices)
+            records.push_back(entry.second);
+        m_services.startBridge(records);
+        return;
+    }
+    logInfo(QStringLiteral("Discovery complete, AirConnect already running"));
+}
+
+void AppDelegate::onServiceStarted()
+{
+    m_firstMenuItem->setText(statusStarting);
+    SystemSleep::disableIdleSleep();
+}
+
+void AppDelegate::onServiceReady()
+{
+    m_firstMenuItem->setText(statusRunning);
+}
+
+void AppDelegate::onServiceTerminated()
+{
+    SystemSleep::enableIdleSleep();
+    m_firstMenuItem->setText(statusStopped);
+    m_onOffMenuItem->setText(commandTurnOn);
+}

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Linux has no single switch against idle sleep, so this holds up to three locks and counts as
+// created when at least one was taken: the GNOME session manager's (suspend only), else the
+// freedesktop PowerManagement service's (KDE Plasma, XFCE), and always systemd-logind's "idle"
+// inhibitor, which covers logind's own idle action on servers and minimal desktops.
+#pragma once
+
+#include "IdleInhibitor.h"
+
+#include <QDBusConnection>
+#include <map>
+#include <optional>
+
+class LinuxIdleInhibitor : public IdleInhibitor
+{
+public:
+    static constexpr int callTimeoutMs = 1000;
+    static constexpr int noLockTaken = -1;
+
+    LinuxIdleInhibitor(QDBusConnection sessionBus, QDBusConnection systemBus);
+    ~LinuxIdleInhibitor() override;
+
+    int create(const QString &name, quint32 *id) override;
+    int release(quint32 id) override;
+
+private:
+    struct Locks
+    {
+        std::optional<quint32> gnomeCookie;
+        std::optional<quint32> powerManagementCookie;
+        int logindFd = -1; // held open; closing it releases the lock
+    };
+
+    QDBusConnection m_session;
+    QDBusConnection m_system;
+    std::map<quint32, Locks> m_locks;
+    quint32 m_nextId = 1;
+};
