@@ -26,13 +26,27 @@ const QString helperService = QStringLiteral("org.corvel.CorvelHelper");
 AppDelegate::Services AppDelegate::Services::real()
 {
     Services services;
-    services.searchForDevices = [](std::optional<double> t) { DeviceDiscovery::shared().searchForDevices(t); };
-    services.stopSearching = [] { DeviceDiscovery::shared().stopSearching(); };
-    services.bridgeRunning = [] { return AirConnect::shared().process() != nullptr; };
-    services.startBridge = [](const std::vector<DeviceSettings> &records) { AirConnect::shared().start(records); };
-    services.stopBridge = [] { AirConnect::shared().stop(); };
-    services.shutdownBridge = [] { AirConnect::shared().shutdown(); };
-    services.settings = []() -> Settings & { return Settings::shared(); };
+    services.searchForDevices = [](std::optional<double> t) {
+        DeviceDiscovery::shared().searchForDevices(t);
+    };
+    services.stopSearching = [] {
+        DeviceDiscovery::shared().stopSearching();
+    };
+    services.bridgeRunning = [] {
+        return AirConnect::shared().process() != nullptr;
+    };
+    services.startBridge = [](const std::vector<DeviceSettings> &records) {
+        AirConnect::shared().start(records);
+    };
+    services.stopBridge = [] {
+        AirConnect::shared().stop();
+    };
+    services.shutdownBridge = [] {
+        AirConnect::shared().shutdown();
+    };
+    services.settings = []() -> Settings & {
+        return Settings::shared();
+    };
     return services;
 }
 
@@ -89,11 +103,13 @@ void AppDelegate::stopLauncherApp()
     // The launcher helper runs as the owner of its bus name; without a session bus there is
     // no helper to stop.
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected() || !bus.interface() || !bus.interface()->isServiceRegistered(helperService).value())
+    if (!bus.isConnected() || !bus.interface() ||
+        !bus.interface()->isServiceRegistered(helperService).value())
         return;
     logInfo(QStringLiteral("Stopping launcher app"));
     QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/corvel/Corvel"),
-                                                     QStringLiteral("org.corvel.Corvel"), QStringLiteral("killLauncher"));
+                                                     QStringLiteral("org.corvel.Corvel"),
+                                                     QStringLiteral("killLauncher"));
     signal << QStringLiteral(CORVEL_APP_ID);
     bus.send(signal);
 }
@@ -109,7 +125,8 @@ void AppDelegate::setUpStatusItem()
     m_statusItem->setContextMenu(&m_statusMenu);
     m_statusItem->setToolTip(QStringLiteral("Corvel"));
     m_statusItem->show();
-    connect(&AirConnect::shared(), &AirConnect::bridgeNotFound, this, &AppDelegate::showBridgeNotFound);
+    connect(&AirConnect::shared(), &AirConnect::bridgeNotFound, this,
+            &AppDelegate::showBridgeNotFound);
 }
 
 void AppDelegate::showBridgeNotFound(const QString &message)
@@ -117,7 +134,8 @@ void AppDelegate::showBridgeNotFound(const QString &message)
     if (m_toldBridgeMissing || !m_statusItem)
         return;
     m_toldBridgeMissing = true;
-    m_statusItem->showMessage(tr("AirConnect bridge not found"), message, QSystemTrayIcon::Warning, 30000);
+    m_statusItem->showMessage(tr("AirConnect bridge not found"), message, QSystemTrayIcon::Warning,
+                              30000);
 }
 
 void AppDelegate::addObservers()
@@ -132,15 +150,21 @@ void AppDelegate::addObservers()
             });
         };
     };
-    m_observers.push_back(center.addObserver(Notifications::deviceSettingsChanged, hop(&AppDelegate::onDeviceSettingsChanged)));
-    m_observers.push_back(center.addObserver(Notifications::discoveryStarted, hop(&AppDelegate::onDiscoveryStarted)));
-    m_observers.push_back(center.addObserver(Notifications::deviceDiscovered,
-                                             [this](const Notification &n) { onDeviceDiscovered(n); }));
+    m_observers.push_back(center.addObserver(Notifications::deviceSettingsChanged,
+                                             hop(&AppDelegate::onDeviceSettingsChanged)));
+    m_observers.push_back(
+        center.addObserver(Notifications::discoveryStarted, hop(&AppDelegate::onDiscoveryStarted)));
+    m_observers.push_back(center.addObserver(
+        Notifications::deviceDiscovered, [this](const Notification &n) { onDeviceDiscovered(n); }));
     // The decision runs as a hop so it sees the menu rebuilds queued by earlier speakers.
-    m_observers.push_back(center.addObserver(Notifications::discoveryComplete, hop(&AppDelegate::onDiscoveryComplete)));
-    m_observers.push_back(center.addObserver(Notifications::serviceStarted, hop(&AppDelegate::onServiceStarted)));
-    m_observers.push_back(center.addObserver(Notifications::serviceReady, hop(&AppDelegate::onServiceReady)));
-    m_observers.push_back(center.addObserver(Notifications::serviceTerminated, hop(&AppDelegate::onServiceTerminated)));
+    m_observers.push_back(center.addObserver(Notifications::discoveryComplete,
+                                             hop(&AppDelegate::onDiscoveryComplete)));
+    m_observers.push_back(
+        center.addObserver(Notifications::serviceStarted, hop(&AppDelegate::onServiceStarted)));
+    m_observers.push_back(
+        center.addObserver(Notifications::serviceReady, hop(&AppDelegate::onServiceReady)));
+    m_observers.push_back(center.addObserver(Notifications::serviceTerminated,
+                                             hop(&AppDelegate::onServiceTerminated)));
 }
 
 void AppDelegate::updateDeviceMenuItems()
@@ -219,7 +243,8 @@ void AppDelegate::aboutClicked()
     if (!m_withTray)
         return;
     QMessageBox::about(nullptr, QStringLiteral("Corvel ") + Settings::currentVersion(),
-                       tr("Play this computer's audio on Sonos speakers.\n\nWebsite: %1").arg(QStringLiteral(CORVEL_WEBSITE)));
+                       tr("Play this computer's audio on Sonos speakers.\n\nWebsite: %1")
+                           .arg(QStringLiteral(CORVEL_WEBSITE)));
 }
 
 void AppDelegate::feedbackClicked()
@@ -252,10 +277,12 @@ void AppDelegate::onDeviceDiscovered(const Notification &notification)
     if (!infoValue.canConvert<DeviceInfo>() || !topologyValue.canConvert<DeviceTopology>() ||
         infoValue.metaType() != QMetaType::fromType<DeviceInfo>() ||
         topologyValue.metaType() != QMetaType::fromType<DeviceTopology>()) {
-        logWarning(QStringLiteral("Ignoring a deviceDiscovered event without a speaker description and topology"));
+        logWarning(QStringLiteral(
+            "Ignoring a deviceDiscovered event without a speaker description and topology"));
         return;
     }
-    m_services.settings().mergeDiscoveredSpeaker(infoValue.value<DeviceInfo>(), topologyValue.value<DeviceTopology>());
+    m_services.settings().mergeDiscoveredSpeaker(infoValue.value<DeviceInfo>(),
+                                                 topologyValue.value<DeviceTopology>());
     QPointer<AppDelegate> self(this);
     mainQueueAsync([self] {
         if (self)

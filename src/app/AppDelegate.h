@@ -6,11 +6,11 @@
 #include "DeviceSettings.h"
 #include "NotificationCenter.h"
 
+#include <functional>
 #include <QAction>
 #include <QMenu>
 #include <QObject>
 #include <QPointer>
-#include <functional>
 
 class QSystemTrayIcon;
 class Settings;
@@ -86,7 +86,10 @@ public:
     QSystemTrayIcon *statusItem() const { return m_statusItem; }
 
     // Creates the preferences window on first use; unset until the window exists.
-    void setPreferencesWindowFactory(std::function<QWidget *()> factory) { m_windowFactory = std::move(factory); }
+    void setPreferencesWindowFactory(std::function<QWidget *()> factory)
+    {
+        m_windowFactory = std::move(factory);
+    }
 
 signals:
     void quitRequested();

@@ -5,6 +5,8 @@
 #include "BuildConfig.h"
 #include "Logging.h"
 
+#include <csignal>
+#include <cstring>
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDBusConnection>
@@ -13,8 +15,6 @@
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
 #include <QTimer>
-#include <csignal>
-#include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,7 +38,9 @@ void quitOnSignals(QCoreApplication &app)
         [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, 1);
         app.quit();
     });
-    struct sigaction action {};
+    struct sigaction action
+    {
+    };
     action.sa_handler = onQuitSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
@@ -57,14 +59,17 @@ bool wantsHeadless(int argc, char *argv[])
 
 bool hasDisplay()
 {
-    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+    return !qEnvironmentVariableIsEmpty("DISPLAY") ||
+           !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
 
 bool trayHostRegistered()
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
     return bus.isConnected() && bus.interface() &&
-           bus.interface()->isServiceRegistered(QStringLiteral("org.kde.StatusNotifierWatcher")).value();
+           bus.interface()
+               ->isServiceRegistered(QStringLiteral("org.kde.StatusNotifierWatcher"))
+               .value();
 }
 } // namespace
 
@@ -86,32 +91,39 @@ int main(int argc, char *argv[])
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Plays this computer's audio on Sonos speakers."));
+    parser.setApplicationDescription(
+        QStringLiteral("Plays this computer's audio on Sonos speakers."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption headlessOption(
-        QStringLiteral("headless"), QStringLiteral("Run without a tray icon or windows (for servers)."));
+        QStringLiteral("headless"),
+        QStringLiteral("Run without a tray icon or windows (for servers)."));
     const QCommandLineOption autostartOption(
-        QStringLiteral("autostart"), QStringLiteral("Started at login: wait for the desktop's tray."));
+        QStringLiteral("autostart"),
+        QStringLiteral("Started at login: wait for the desktop's tray."));
     parser.addOptions({headlessOption, autostartOption});
     parser.process(app);
 
     AppDelegate delegate(AppDelegate::Services::real(), !headless);
     delegate.applicationWillFinishLaunching();
     if (noDisplay && !parser.isSet(headlessOption))
-        logInfo(QStringLiteral("No display found (neither DISPLAY nor WAYLAND_DISPLAY): running headless"));
+        logInfo(QStringLiteral(
+            "No display found (neither DISPLAY nor WAYLAND_DISPLAY): running headless"));
 
     quitOnSignals(app);
     QObject::connect(&delegate, &AppDelegate::quitRequested, &app, &QCoreApplication::quit);
-    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
+                     &AppDelegate::applicationWillTerminate);
 
     const auto launch = [&delegate, headless] {
         if (!headless && !QSystemTrayIcon::isSystemTrayAvailable()) {
-            logWarning(QStringLiteral(
-                "No system tray was found, so Corvel has no icon to show. On GNOME, install and enable "
-                "the AppIndicator extension (Debian package gnome-shell-extension-appindicator); other "
-                "desktops need a panel with a system tray. Corvel keeps running; open Preferences with "
-                "another start of the program once a tray is available."));
+            logWarning(QStringLiteral("No system tray was found, so Corvel has no icon to show. On "
+                                      "GNOME, install and enable "
+                                      "the AppIndicator extension (Debian package "
+                                      "gnome-shell-extension-appindicator); other "
+                                      "desktops need a panel with a system tray. Corvel keeps "
+                                      "running; open Preferences with "
+                                      "another start of the program once a tray is available."));
         }
         delegate.applicationDidFinishLaunching();
     };

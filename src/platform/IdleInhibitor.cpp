@@ -5,5 +5,6 @@
 
 std::unique_ptr<IdleInhibitor> makeSystemIdleInhibitor()
 {
-    return std::make_unique<LinuxIdleInhibitor>(QDBusConnection::sessionBus(), QDBusConnection::systemBus());
+    return std::make_unique<LinuxIdleInhibitor>(QDBusConnection::sessionBus(),
+                                                QDBusConnection::systemBus());
 }

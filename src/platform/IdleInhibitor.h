@@ -2,8 +2,8 @@
 // Keeps the computer from sleeping while the user is idle.
 #pragma once
 
-#include <QString>
 #include <memory>
+#include <QString>
 
 class IdleInhibitor
 {

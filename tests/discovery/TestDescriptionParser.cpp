@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "DescriptionParser.h"
 
-#include <cmath>
 #include "Fixtures.h"
+#include <cmath>
 
 #include <QFile>
 #include <QTest>

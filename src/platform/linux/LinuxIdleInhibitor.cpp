@@ -3,10 +3,10 @@
 
 #include "Logging.h"
 
+#include <fcntl.h>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -15,7 +15,8 @@ const QString appId = QStringLiteral("org.corvel.Corvel");
 
 bool hasOwner(const QDBusConnection &bus, const QString &service)
 {
-    return bus.isConnected() && bus.interface() && bus.interface()->isServiceRegistered(service).value();
+    return bus.isConnected() && bus.interface() &&
+           bus.interface()->isServiceRegistered(service).value();
 }
 
 QDBusMessage call(const QDBusConnection &bus, const QString &service, const QString &path,
@@ -56,19 +57,22 @@ int LinuxIdleInhibitor::create(const QString &name, quint32 *id)
     const QString powerManagement = QStringLiteral("org.freedesktop.PowerManagement");
     if (hasOwner(m_session, gnome)) {
         // Flag 4 blocks suspend only, not screen blanking; GNOME honours nothing else here.
-        locks.gnomeCookie = cookieOf(call(m_session, gnome, QStringLiteral("/org/gnome/SessionManager"), gnome,
-                                          QStringLiteral("Inhibit"), {appId, 0u, reason, 4u}),
-                                     QStringLiteral("GNOME session"), &firstError);
+        locks.gnomeCookie =
+            cookieOf(call(m_session, gnome, QStringLiteral("/org/gnome/SessionManager"), gnome,
+                          QStringLiteral("Inhibit"), {appId, 0u, reason, 4u}),
+                     QStringLiteral("GNOME session"), &firstError);
     } else if (hasOwner(m_session, powerManagement)) {
         const QString interface = QStringLiteral("org.freedesktop.PowerManagement.Inhibit");
         locks.powerManagementCookie =
-            cookieOf(call(m_session, powerManagement, QStringLiteral("/org/freedesktop/PowerManagement/Inhibit"),
-                          interface, QStringLiteral("Inhibit"), {name, reason}),
+            cookieOf(call(m_session, powerManagement,
+                          QStringLiteral("/org/freedesktop/PowerManagement/Inhibit"), interface,
+                          QStringLiteral("Inhibit"), {name, reason}),
                      QStringLiteral("PowerManagement"), &firstError);
     }
     if (m_system.isConnected()) {
         const QDBusMessage reply =
-            call(m_system, QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
+            call(m_system, QStringLiteral("org.freedesktop.login1"),
+                 QStringLiteral("/org/freedesktop/login1"),
                  QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("Inhibit"),
                  {QStringLiteral("idle"), name, reason, QStringLiteral("block")});
         if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
@@ -98,8 +102,10 @@ int LinuxIdleInhibitor::release(quint32 id)
     const Locks locks = it->second;
     m_locks.erase(it);
     if (locks.gnomeCookie) {
-        call(m_session, QStringLiteral("org.gnome.SessionManager"), QStringLiteral("/org/gnome/SessionManager"),
-             QStringLiteral("org.gnome.SessionManager"), QStringLiteral("Uninhibit"), {*locks.gnomeCookie});
+        call(m_session, QStringLiteral("org.gnome.SessionManager"),
+             QStringLiteral("/org/gnome/SessionManager"),
+             QStringLiteral("org.gnome.SessionManager"), QStringLiteral("Uninhibit"),
+             {*locks.gnomeCookie});
     }
     if (locks.powerManagementCookie) {
         call(m_session, QStringLiteral("org.freedesktop.PowerManagement"),

@@ -7,9 +7,9 @@
 
 #include "IdleInhibitor.h"
 
-#include <QDBusConnection>
 #include <map>
 #include <optional>
+#include <QDBusConnection>
 
 class LinuxIdleInhibitor : public IdleInhibitor
 {
