@@ -140,7 +140,6 @@ private slots:
     void searchEndingWhileBridgeRunsStartsNoSecond();
     void speakerAfterSearchCompletedWaitsForNextStart();
     void menuPositionsAndCheckMarks();
-    void renameRebuildsTheMenu();
     void malformedDiscoveryIsIgnored_data();
     void malformedDiscoveryIsIgnored();
     void idleSleepFollowsTheBridge();
@@ -371,18 +370,6 @@ void TestAppDelegate::menuPositionsAndCheckMarks()
     settle();
     QVERIFY(m_app->deviceMenuItems().isEmpty());
     QCOMPARE(m_app->statusMenu()->actions().size(), 10);
-}
-
-void TestAppDelegate::renameRebuildsTheMenu()
-{
-    m_app->applicationDidFinishLaunching();
-    FakeWorld::discover(1);
-    settle();
-    QVERIFY(
-        m_world->settings->renameDevice(FakeWorld::speaker(1).location, QStringLiteral("Terrace")));
-    FakeWorld::post(Notifications::deviceSettingsChanged);
-    settle();
-    QCOMPARE(m_app->deviceMenuItems().first()->text(), QStringLiteral("Terrace"));
 }
 
 void TestAppDelegate::malformedDiscoveryIsIgnored_data()

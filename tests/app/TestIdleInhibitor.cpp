@@ -117,6 +117,8 @@ void TestIdleInhibitor::cleanupTestCase()
         QMetaObject::invokeMethod(object, &QObject::deleteLater);
     m_serviceThread.quit();
     m_serviceThread.wait();
+    for (const char *name : {"service", "client"})
+        QDBusConnection::disconnectFromBus(QLatin1String(name));
     m_daemon.terminate();
     m_daemon.waitForFinished();
 }

@@ -10,6 +10,7 @@
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QMutex>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -162,13 +163,17 @@ void TestTrayMenu::initTestCase()
     m_corvel.setStandardErrorFile(m_home.filePath(QStringLiteral("corvel.log")), QIODevice::Append);
     m_corvel.start(QStringLiteral(CORVEL_EXECUTABLE), {});
     QVERIFY(m_corvel.waitForStarted());
-    QVERIFY2(waitFor(
-                 [] {
-                     QMutexLocker l(&g_mutex);
-                     return !g_itemService.isEmpty();
-                 },
-                 15000),
-             "Corvel did not register a tray item");
+    // A sanitizer build on a loaded machine can take a while to register.
+    const auto registered = [] {
+        QMutexLocker locker(&g_mutex);
+        return !g_itemService.isEmpty();
+    };
+    if (!waitFor(registered, 40000)) {
+        QFile log(m_home.filePath(QStringLiteral("corvel.log")));
+        log.open(QIODevice::ReadOnly);
+        QFAIL(qPrintable(QStringLiteral("Corvel did not register a tray item; its output:\n") +
+                         QString::fromUtf8(log.readAll().right(4000))));
+    }
 }
 
 void TestTrayMenu::cleanupTestCase()
@@ -185,6 +190,8 @@ void TestTrayMenu::cleanupTestCase()
         QMetaObject::invokeMethod(m_watcher, &QObject::deleteLater);
     m_watcherThread.quit();
     m_watcherThread.wait();
+    for (const char *name : {"watcher", "panel"})
+        QDBusConnection::disconnectFromBus(QLatin1String(name));
 }
 
 QList<MenuEntry> TestTrayMenu::layout()

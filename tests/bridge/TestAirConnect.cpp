@@ -106,8 +106,6 @@ private slots:
     void failedLaunchPostsNothingUntilWatchdog();
     void locatorOrder_data();
     void locatorOrder();
-    void architectureNames_data();
-    void architectureNames();
     void startStopCyclesLeakNothing();
 
 private:
@@ -494,29 +492,6 @@ void TestAirConnect::locatorOrder()
         QCOMPARE(location.lookedIn.size(), 4 + 2 * 3);
         QVERIFY(location.lookedIn.contains(root.filePath("p2/airupnp")));
     }
-}
-
-void TestAirConnect::architectureNames_data()
-{
-    QTest::addColumn<QString>("machine");
-    QTest::addColumn<QString>("arch");
-    QTest::newRow("x86_64") << "x86_64"
-                            << "x86_64";
-    QTest::newRow("aarch64") << "aarch64"
-                             << "aarch64";
-    QTest::newRow("armv7l") << "armv7l"
-                            << "arm";
-    QTest::newRow("armv6l") << "armv6l"
-                            << "armv6";
-    QTest::newRow("i686") << "i686"
-                          << "x86";
-}
-
-void TestAirConnect::architectureNames()
-{
-    QFETCH(QString, machine);
-    QFETCH(QString, arch);
-    QCOMPARE(bridgeArchitecture(machine), arch);
 }
 
 void TestAirConnect::startStopCyclesLeakNothing()

@@ -29,7 +29,6 @@ private slots:
     void unknownKeysAreIgnored();
     void nonFiniteFloatIsNotWritten_data();
     void nonFiniteFloatIsNotWritten();
-    void copiesShareIcons();
     void topologyRoundTrip();
 };
 
@@ -191,15 +190,6 @@ void TestDeviceInfo::nonFiniteFloatIsNotWritten()
     QVERIFY(read);
     QVERIFY(!read->bassExtension);
     QCOMPARE(*read->satGainOffset, 0.1f);
-}
-
-void TestDeviceInfo::copiesShareIcons()
-{
-    const DeviceInfo original = fullDeviceInfo();
-    DeviceInfo copy = original;
-    copy.roomName = QStringLiteral("Other");
-    QCOMPARE(copy.iconList[0].get(), original.iconList[0].get());
-    QCOMPARE(*original.roomName, QStringLiteral("K\u00fcche \U0001F3B5"));
 }
 
 void TestDeviceInfo::topologyRoundTrip()

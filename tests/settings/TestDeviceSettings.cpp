@@ -35,7 +35,6 @@ class TestDeviceSettings : public QObject
 private slots:
     void readingAppliesDefaults_data();
     void readingAppliesDefaults();
-    void writtenRecordHasItsKeys();
     void newSpeakerIsEnabledUnderDefaultName();
     void knownSpeakerKeepsUserChoices_data();
     void knownSpeakerKeepsUserChoices();
@@ -45,8 +44,6 @@ private slots:
     void unknownLocationsAreIgnored();
     void activeDevicesAndSearchStart();
     void mapIteratesInLocationTextOrder();
-    void offeredToBridge_data();
-    void offeredToBridge();
 };
 
 void TestDeviceSettings::readingAppliesDefaults_data()
@@ -83,18 +80,6 @@ void TestDeviceSettings::readingAppliesDefaults()
     QCOMPARE(record->enabled, enabled);
     QCOMPARE(record->nameChanged, nameChanged);
     QCOMPARE(record->active, false);
-}
-
-void TestDeviceSettings::writtenRecordHasItsKeys()
-{
-    DeviceSettings record;
-    record.name = QStringLiteral("Kitchen");
-    record.info.location = kitchen;
-    record.active = true;
-    QCOMPARE(record.toJson().keys(), QStringList({"enabled", "info", "name", "nameChanged"}));
-    record.topology = DeviceTopology{true, QStringLiteral("g")};
-    QVERIFY(record.toJson().contains("topology"));
-    QVERIFY(!record.toJson().contains("active"));
 }
 
 void TestDeviceSettings::newSpeakerIsEnabledUnderDefaultName()
@@ -246,35 +231,6 @@ void TestDeviceSettings::mapIteratesInLocationTextOrder()
         order << entry.first.toString();
     QCOMPARE(order, QStringList({"http://192.0.2.100:1400/x.xml", "http://192.0.2.10:1400/x.xml",
                                  "http://192.0.2.1:1400/x.xml", "http://192.0.2.9:1400/x.xml"}));
-}
-
-void TestDeviceSettings::offeredToBridge_data()
-{
-    QTest::addColumn<bool>("hasTopology");
-    QTest::addColumn<bool>("coordinator");
-    QTest::addColumn<bool>("active");
-    QTest::addColumn<bool>("enabled");
-    QTest::addColumn<bool>("offered");
-    QTest::newRow("active enabled coordinator") << true << true << true << true << true;
-    QTest::newRow("switched off by the user") << true << true << true << false << false;
-    QTest::newRow("group member") << true << false << true << true << false;
-    QTest::newRow("unknown topology") << false << true << true << true << false;
-    QTest::newRow("not found in this run") << true << true << false << true << false;
-}
-
-void TestDeviceSettings::offeredToBridge()
-{
-    QFETCH(bool, hasTopology);
-    QFETCH(bool, coordinator);
-    QFETCH(bool, active);
-    QFETCH(bool, enabled);
-    QFETCH(bool, offered);
-    DeviceSettings record;
-    if (hasTopology)
-        record.topology = DeviceTopology{coordinator, QStringLiteral("g")};
-    record.active = active;
-    record.enabled = enabled;
-    QCOMPARE(record.offeredToBridge(), offered);
 }
 
 QTEST_GUILESS_MAIN(TestDeviceSettings)

@@ -43,7 +43,6 @@ class TestSSDPMessages : public QObject
     Q_OBJECT
 
 private slots:
-    void searchTarget();
     void mSearchBytes();
     void responses_data();
     void responses();
@@ -51,12 +50,6 @@ private slots:
     void realCaptures_data();
     void realCaptures();
 };
-
-void TestSSDPMessages::searchTarget()
-{
-    QCOMPARE(SSDPSearchTarget::deviceType(SSDPSearchTarget::upnpOrgSchema, "ZonePlayer", 1).text,
-             QStringLiteral("urn:schemas-upnp-org:device:ZonePlayer:1"));
-}
 
 void TestSSDPMessages::mSearchBytes()
 {

@@ -68,11 +68,11 @@ int main(int argc, char *argv[])
 
     auto household = SpeakerSimulator::household(parser.value(players).toInt(),
                                                  parser.value(groups).toInt(), parser.isSet(boost));
-    for (const QString &spec : parser.values(fault)) {
-        const int index = spec.section(QLatin1Char(':'), 0, 0).toInt();
-        const auto kind = SpeakerSimulator::faultFromName(spec.section(QLatin1Char(':'), 1));
+    for (const QString &entry : parser.values(fault)) {
+        const int index = entry.section(QLatin1Char(':'), 0, 0).toInt();
+        const auto kind = SpeakerSimulator::faultFromName(entry.section(QLatin1Char(':'), 1));
         if (!kind || index < 0 || index >= int(household.size())) {
-            std::fprintf(stderr, "Bad --fault %s\n", qPrintable(spec));
+            std::fprintf(stderr, "Bad --fault %s\n", qPrintable(entry));
             return 2;
         }
         household[size_t(index)].fault = *kind;
