@@ -23,36 +23,10 @@ namespace {
 const QString helperService = QStringLiteral("org.corvel.CorvelHelper");
 }
 
-AppDelegate::Services AppDelegate::Services::real()
-{
-    Services services;
-    services.searchForDevices = [](std::optional<double> t) {
-        DeviceDiscovery::shared().searchForDevices(t);
-    };
-    services.stopSearching = [] {
-        DeviceDiscovery::shared().stopSearching();
-    };
-    services.bridgeRunning = [] {
-        return AirConnect::shared().process() != nullptr;
-    };
-    services.startBridge = [](const std::vector<DeviceSettings> &records) {
-        AirConnect::shared().start(records);
-    };
-    services.stopBridge = [] {
-        AirConnect::shared().stop();
-    };
-    services.shutdownBridge = [] {
-        AirConnect::shared().shutdown();
-    };
-    services.settings = []() -> Settings & {
-        return Settings::shared();
-    };
-    return services;
-}
-
 AppDelegate::AppDelegate(Services services, bool withTray, QObject *parent)
     : QObject(parent), m_services(std::move(services)), m_withTray(withTray)
 {
+    initCorvelResources();
     // The fixed entries: four ahead of the speakers, the commands after them.
     m_firstMenuItem = m_statusMenu.addAction(statusOff);
     m_firstMenuItem->setEnabled(false);

@@ -3,7 +3,7 @@
 // bridge's lifecycle from discovery and bridge events; owns the tray menu.
 #pragma once
 
-#include "DeviceSettings.h"
+#include "AppServices.h"
 #include "NotificationCenter.h"
 
 #include <functional>
@@ -13,32 +13,13 @@
 #include <QPointer>
 
 class QSystemTrayIcon;
-class Settings;
-
-// The user has turned the bridge off. Read by the discovery-complete decision and the
-// preferences window.
-inline bool stoppedByUser = false;
 
 class AppDelegate : public QObject
 {
     Q_OBJECT
 
 public:
-    // The operations the controller needs of discovery and the bridge; the real ones by
-    // default, fakes in tests.
-    struct Services
-    {
-        std::function<void(std::optional<double>)> searchForDevices;
-        std::function<void()> stopSearching;
-        std::function<bool()> bridgeRunning;
-        std::function<void(const std::vector<DeviceSettings> &)> startBridge;
-        std::function<void()> stopBridge;
-        // Stops the bridge and waits a bounded time for it to exit (at quit).
-        std::function<void()> shutdownBridge;
-        std::function<Settings &()> settings;
-
-        static Services real();
-    };
+    using Services = AppServices;
 
     // The lifecycle titles.
     static inline const QString statusOff = QStringLiteral("Corvel: Off");

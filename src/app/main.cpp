@@ -4,6 +4,7 @@
 #include "AppDelegate.h"
 #include "BuildConfig.h"
 #include "Logging.h"
+#include "ViewController.h"
 
 #include <csignal>
 #include <cstring>
@@ -82,7 +83,7 @@ int main(int argc, char *argv[])
         qputenv("QT_QPA_PLATFORM", "offscreen");
 
     QApplication app(argc, argv);
-    Q_INIT_RESOURCE(resources); // the icons live in a static library
+    initCorvelResources();
     QApplication::setApplicationName(QStringLiteral("Corvel"));
     QApplication::setOrganizationName(QStringLiteral("Corvel"));
     QApplication::setApplicationVersion(QStringLiteral(CORVEL_VERSION));
@@ -104,7 +105,8 @@ int main(int argc, char *argv[])
     parser.addOptions({headlessOption, autostartOption});
     parser.process(app);
 
-    AppDelegate delegate(AppDelegate::Services::real(), !headless);
+    AppDelegate delegate(AppServices::real(), !headless);
+    delegate.setPreferencesWindowFactory([] { return new ViewController(AppServices::real()); });
     delegate.applicationWillFinishLaunching();
     if (noDisplay && !parser.isSet(headlessOption))
         logInfo(QStringLiteral(
@@ -116,16 +118,18 @@ int main(int argc, char *argv[])
                      &AppDelegate::applicationWillTerminate);
 
     const auto launch = [&delegate, headless] {
-        if (!headless && !QSystemTrayIcon::isSystemTrayAvailable()) {
-            logWarning(QStringLiteral("No system tray was found, so Corvel has no icon to show. On "
-                                      "GNOME, install and enable "
-                                      "the AppIndicator extension (Debian package "
-                                      "gnome-shell-extension-appindicator); other "
-                                      "desktops need a panel with a system tray. Corvel keeps "
-                                      "running; open Preferences with "
-                                      "another start of the program once a tray is available."));
+        const bool noTray = !headless && !QSystemTrayIcon::isSystemTrayAvailable();
+        if (noTray) {
+            logWarning(QStringLiteral(
+                "No system tray was found, so Corvel opens its preferences window instead of a "
+                "tray "
+                "icon. On GNOME, install and enable the AppIndicator extension (Debian package "
+                "gnome-shell-extension-appindicator); other desktops need a panel with a system "
+                "tray."));
         }
         delegate.applicationDidFinishLaunching();
+        if (noTray)
+            delegate.showWindow();
     };
     if (!headless && parser.isSet(autostartOption) && !trayHostRegistered()) {
         // Qt decides once per process whether a tray exists, and desktops start their panel

@@ -30,9 +30,12 @@ struct FakeWorld
         NotificationCenter::defaultCenter().post(name, info);
     }
 
-    AppDelegate::Services services()
+    AppServices services()
     {
-        AppDelegate::Services s;
+        AppServices s;
+        s.searchRunning = [] {
+            return false;
+        };
         s.searchForDevices = [this](std::optional<double> seconds) {
             QCOMPARE(seconds.value_or(0), 8.0);
             ++searches;

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "AppServices.h"
+
+#include "AirConnect.h"
+#include "DeviceDiscovery.h"
+#include "Settings.h"
+
+#include <QDir>
+#include <QtCore/qglobal.h>
+
+void initCorvelResources()
+{
+    Q_INIT_RESOURCE(resources);
+}
+
+AppServices AppServices::real()
+{
+    AppServices services;
+    services.searchForDevices = [](std::optional<double> t) {
+        DeviceDiscovery::shared().searchForDevices(t);
+    };
+    services.stopSearching = [] {
+        DeviceDiscovery::shared().stopSearching();
+    };
+    services.searchRunning = [] {
+        return DeviceDiscovery::shared().session() != nullptr;
+    };
+    services.bridgeRunning = [] {
+        return AirConnect::shared().process() != nullptr;
+    };
+    services.startBridge = [](const std::vector<DeviceSettings> &records) {
+        AirConnect::shared().start(records);
+    };
+    services.stopBridge = [] {
+        AirConnect::shared().stop();
+    };
+    services.shutdownBridge = [] {
+        AirConnect::shared().shutdown();
+    };
+    services.settings = []() -> Settings & {
+        return Settings::shared();
+    };
+    return services;
+}

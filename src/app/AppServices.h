@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the controller and the preferences window need of discovery, the bridge and the
+// settings: the real services by default, fakes in tests.
+#pragma once
+
+#include "DeviceSettings.h"
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+class Settings;
+
+// The user has turned the bridge off. Read by the discovery-complete decision and the
+// preferences window.
+inline bool stoppedByUser = false;
+
+// Registers the icons compiled into the app library; safe to call more than once.
+void initCorvelResources();
+
+struct AppServices
+{
+    std::function<void(std::optional<double>)> searchForDevices;
+    std::function<void()> stopSearching;
+    // Whether a search is running (discovery has a session).
+    std::function<bool()> searchRunning;
+    // Whether the bridge supervisor has a process.
+    std::function<bool()> bridgeRunning;
+    std::function<void(const std::vector<DeviceSettings> &)> startBridge;
+    std::function<void()> stopBridge;
+    // Stops the bridge and waits a bounded time for it to exit (at quit).
+    std::function<void()> shutdownBridge;
+    std::function<Settings &()> settings;
+
+    // Discovery, the bridge supervisor and the settings of this process.
+    static AppServices real();
+};

@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "ViewController.h"
+
+#include "EditableTextField.h"
+#include "LaunchOnLogin.h"
+#include "LogExport.h"
+#include "Logging.h"
+#include "MainQueue.h"
+#include "Notifications.h"
+#include "PreferencesTableViewItem.h"
+#include "Settings.h"
+#include "ui_ViewController.h"
+
+#include <QCheckBox>
+#include <QDateTime>
+#include <QFileDialog>
+#include <QHideEvent>
+#include <QLabel>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QNetworkReply>
+#include <QPointer>
+#include <QShowEvent>
+#include <QStandardPaths>
+
+namespace {
+const QString category = QStringLiteral("preferences");
+constexpr qint64 maxIconBytes = 256 * 1024;
+} // namespace
+
+ViewController::ViewController(AppServices services, QWidget *parent)
+    : QWidget(parent), m_services(std::move(services)), m_ui(std::make_unique<Ui::ViewController>())
+{
+    initCorvelResources();
+    m_ui->setupUi(this);
+    setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
+    m_network.setAutoDeleteReplies(true);
+    connect(m_ui->startStopButton, &QPushButton::clicked, this, &ViewController::startStopClicked);
+    connect(m_ui->startAtLoginCheckBox, &QCheckBox::clicked, this,
+            &ViewController::startAtLoginChecked);
+    connect(m_ui->saveLogButton, &QPushButton::clicked, this, &ViewController::saveLogClicked);
+    logInfo(category, QStringLiteral("viewDidLoad"));
+    reloadData();
+}
+
+ViewController::~ViewController()
+{
+    for (const auto token : m_listeners)
+        NotificationCenter::defaultCenter().removeObserver(token);
+}
+
+void ViewController::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    if (!event->spontaneous())
+        viewWillAppear();
+}
+
+void ViewController::hideEvent(QHideEvent *event)
+{
+    QWidget::hideEvent(event);
+    if (!event->spontaneous())
+        viewDidDisappear();
+}
+
+void ViewController::viewWillAppear()
+{
+    logInfo(category, QStringLiteral("viewWillAppear"));
+    NotificationCenter &center = NotificationCenter::defaultCenter();
+    // Each observer only queues its redraw on the main loop.
+    const auto observe = [this, &center](const QString &name,
+                                         std::function<void(ViewController *)> work) {
+        QPointer<ViewController> self(this);
+        m_listeners.push_back(center.addObserver(name, [self, work](const Notification &) {
+            mainQueueAsync([self, work] {
+                if (self)
+                    work(self);
+            });
+        }));
+    };
+    const auto buttonAndSpinner = [](ViewController *v) {
+        v->updateStartStopButton();
+        v->updateSpinner();
+    };
+    observe(Notifications::discoveryStarted, [](ViewController *v) {
+        v->reloadData();
+        v->updateSpinner();
+    });
+    observe(Notifications::deviceDiscovered, [](ViewController *v) { v->reloadData(); });
+    observe(Notifications::discoveryComplete, [](ViewController *v) { v->updateSpinner(); });
+    observe(Notifications::serviceStarted, buttonAndSpinner);
+    observe(Notifications::serviceReady, buttonAndSpinner);
+    observe(Notifications::serviceTerminated, buttonAndSpinner);
+    observe(Notifications::appStopped, buttonAndSpinner);
+
+    m_ui->startAtLoginCheckBox->setChecked(LaunchOnLogin::launchOnLoginEnabled());
+    updateStartStopButton();
+    updateSpinner();
+    reloadData();
+}
+
+void ViewController::viewDidDisappear()
+{
+    logInfo(category, QStringLiteral("viewDidDisappear"));
+    for (const auto token : m_listeners)
+        NotificationCenter::defaultCenter().removeObserver(token);
+    m_listeners.clear();
+}
+
+std::vector<DeviceSettings> ViewController::listedDevices() const
+{
+    std::vector<DeviceSettings> listed;
+    for (const auto &entry : m_services.settings().devices) {
+        const DeviceSettings &record = entry.second;
+        if (record.active && record.topology && record.topology->coordinator)
+            listed.push_back(record);
+    }
+    return listed;
+}
+
+void ViewController::reloadData()
+{
+    QListWidget *table = m_ui->tableView;
+    const std::vector<DeviceSettings> listed = listedDevices();
+    const int rows = std::max<int>(1, int(listed.size()));
+    while (table->count() > rows)
+        delete table->takeItem(table->count() - 1);
+    while (table->count() < rows) {
+        auto *item = new QListWidgetItem(table);
+        auto *rowView = new PreferencesTableViewItem(m_services.settings, table);
+        item->setSizeHint(QSize(0, 52));
+        table->setItemWidget(item, rowView);
+    }
+    for (int i = 0; i < rows; ++i)
+        fillRow(row(i), i < int(listed.size()) ? &listed[size_t(i)] : nullptr);
+}
+
+void ViewController::fillRow(PreferencesTableViewItem *rowView, const DeviceSettings *record)
+{
+    if (!record) {
+        rowView->setNoSpeakersFound(true);
+        return;
+    }
+    rowView->setNoSpeakersFound(false);
+    // Corvel's own speaker stands in until (or unless) the speaker's icon arrives.
+    rowView->icon()->setPixmap(
+        QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(32, 32));
+    if (!record->info.iconList.empty() && record->info.iconList.front()->url)
+        loadIcon(*record->info.iconList.front()->url, rowView);
+    if (!rowView->titleField()->hasFocus())
+        rowView->titleField()->setText(record->name);
+    rowView->subtitleLabel()->setText(
+        record->info.friendlyName.value_or(record->info.location.host()));
+    rowView->deviceLocation = record->info.location;
+    // The row shows the record's choice, so the window and the tray's check marks agree.
+    rowView->checkbox()->setChecked(record->enabled);
+}
+
+void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView)
+{
+    const auto cached = m_icons.constFind(url);
+    if (cached != m_icons.constEnd()) {
+        rowView->icon()->setPixmap(*cached);
+        return;
+    }
+    if (url.scheme() != QLatin1String("http"))
+        return;
+    QNetworkReply *reply = m_network.get(QNetworkRequest(url));
+    connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received, qint64) {
+        if (received > maxIconBytes)
+            reply->abort();
+    });
+    QPointer<PreferencesTableViewItem> target(rowView);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, url, target] {
+        QPixmap pixmap;
+        if (reply->error() != QNetworkReply::NoError || !pixmap.loadFromData(reply->readAll()))
+            return;
+        m_icons.insert(url, pixmap);
+        if (target && target->deviceLocation && target->deviceLocation->host() == url.host())
+            target->icon()->setPixmap(pixmap);
+    });
+}
+
+PreferencesTableViewItem *ViewController::row(int index) const
+{
+    return qobject_cast<PreferencesTableViewItem *>(
+        m_ui->tableView->itemWidget(m_ui->tableView->item(index)));
+}
+
+int ViewController::rowCount() const
+{
+    return m_ui->tableView->count();
+}
+
+void ViewController::updateStartStopButton()
+{
+    // The first rule that applies: turned off by the user, a bridge, a search, idle.
+    m_canStop = !stoppedByUser && m_services.bridgeRunning();
+    const bool searching = !stoppedByUser && !m_canStop && m_services.searchRunning();
+    const QString title = m_canStop   ? QStringLiteral("Stop")
+                          : searching ? QStringLiteral("Searching...")
+                                      : QStringLiteral("Start");
+    const bool enabled = !searching;
+    m_ui->startStopButton->setText(title);
+    m_ui->startStopButton->setEnabled(enabled);
+}
+
+void ViewController::updateSpinner()
+{
+    m_ui->spinner->setVisible(!stoppedByUser && m_services.searchRunning());
+}
+
+void ViewController::startStopClicked()
+{
+    if (m_canStop) {
+        m_services.stopBridge();
+    } else {
+        stoppedByUser = false;
+        m_services.searchForDevices(8.0);
+    }
+    updateStartStopButton();
+}
+
+void ViewController::startAtLoginChecked()
+{
+    LaunchOnLogin::setLaunchOnLogin(m_ui->startAtLoginCheckBox->checkState() == Qt::Checked);
+}
+
+void ViewController::saveLogClicked()
+{
+    auto *dialog = new QFileDialog(this, tr("Save Log"));
+    dialog->setObjectName(QStringLiteral("saveLogFileDialog"));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setAcceptMode(QFileDialog::AcceptSave);
+    dialog->setDirectory(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation));
+    dialog->selectFile(LogExport::suggestedFileName(QDateTime::currentDateTime()));
+    connect(dialog, &QFileDialog::fileSelected, this, &ViewController::saveLogTo);
+    dialog->open();
+}
+
+void ViewController::saveLogTo(const QString &path)
+{
+    QString error;
+    if (LogExport::writeLog(path, &error))
+        return;
+    auto *alert =
+        new QMessageBox(QMessageBox::Warning, tr("Error"), tr("Error"), QMessageBox::Ok, this);
+    alert->setObjectName(QStringLiteral("saveLogErrorMessageBox"));
+    alert->setInformativeText(QStringLiteral("Failed to save log file: ") + error);
+    alert->setAttribute(Qt::WA_DeleteOnClose);
+    alert->open();
+}

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The preferences window: the speaker table, start/stop with its spinner, start at login and
+// saving the log. It keeps no model: it reads the shared state each time it draws and redraws
+// on the events that may change it while it is shown.
+#pragma once
+
+#include "AppServices.h"
+#include "NotificationCenter.h"
+
+#include <memory>
+#include <QHash>
+#include <QNetworkAccessManager>
+#include <QPixmap>
+#include <QWidget>
+
+namespace Ui {
+class ViewController;
+}
+class PreferencesTableViewItem;
+
+class ViewController : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit ViewController(AppServices services, QWidget *parent = nullptr);
+    ~ViewController() override;
+
+    // The speakers with a row: active group coordinators, in location order.
+    std::vector<DeviceSettings> listedDevices() const;
+    // Rebuilds the rows (at least one).
+    void reloadData();
+    void updateStartStopButton();
+    void updateSpinner();
+
+    void startStopClicked();
+    void startAtLoginChecked();
+    // Opens a save dialog without blocking; its OK writes the log there.
+    void saveLogClicked();
+    // Writes the log to path; a failure shows the "Error" alert.
+    void saveLogTo(const QString &path);
+
+    bool canStop() const { return m_canStop; }
+    int observerCount() const { return int(m_listeners.size()); }
+    PreferencesTableViewItem *row(int index) const;
+    int rowCount() const;
+
+protected:
+    void showEvent(QShowEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
+
+private:
+    void viewWillAppear();
+    void viewDidDisappear();
+    void fillRow(PreferencesTableViewItem *row, const DeviceSettings *record);
+    void loadIcon(const QUrl &url, PreferencesTableViewItem *row);
+
+    AppServices m_services;
+    std::unique_ptr<Ui::ViewController> m_ui;
+    std::vector<NotificationCenter::Token> m_listeners;
+    bool m_canStop = false;
+    QNetworkAccessManager m_network;
+    QHash<QUrl, QPixmap> m_icons;
+};
