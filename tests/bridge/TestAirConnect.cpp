@@ -112,7 +112,9 @@ private:
     void configure(AirConnect &bridge) const
     {
         bridge.setConfigPath(m_dir.filePath(QStringLiteral("airupnp.xml")));
-        bridge.setWatchdogDelay(400);
+        // Long enough that a loaded machine never trips it by accident; the suites about the
+        // watchdog itself shorten it.
+        bridge.setWatchdogDelay(5000);
     }
     QString recordDir() const { return m_dir.filePath(QStringLiteral("record")); }
 
@@ -226,6 +228,7 @@ void TestAirConnect::watchdogStopsBridgeThatNeverGetsReady()
 {
     AirConnect bridge;
     configure(bridge);
+    bridge.setWatchdogDelay(400);
     EventRecorder recorder;
     LogCapture capture;
     bridge.start({speaker()});
@@ -240,6 +243,7 @@ void TestAirConnect::stopCancelsTheWatchdog()
 {
     AirConnect bridge;
     configure(bridge);
+    bridge.setWatchdogDelay(400);
     EventRecorder recorder;
     LogCapture capture;
     bridge.start({});
@@ -291,6 +295,7 @@ void TestAirConnect::bridgeExitingBeforeReadyLeavesWatchdogHarmless()
     qputenv("FAKE_BRIDGE_EXIT_MS", "50");
     AirConnect bridge;
     configure(bridge);
+    bridge.setWatchdogDelay(2000);
     EventRecorder recorder;
     LogCapture capture;
     bridge.start({});
@@ -431,6 +436,7 @@ void TestAirConnect::failedLaunchPostsNothingUntilWatchdog()
     qputenv("CORVEL_BRIDGE", broken.toUtf8());
     AirConnect bridge;
     configure(bridge);
+    bridge.setWatchdogDelay(400);
     EventRecorder recorder;
     LogCapture capture;
     bridge.start({});
