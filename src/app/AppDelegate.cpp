@@ -4,6 +4,7 @@
 #include "AirConnect.h"
 #include "BuildConfig.h"
 #include "DeviceDiscovery.h"
+#include "FeedbackWindow.h"
 #include "Log.h"
 #include "MainQueue.h"
 #include "Notifications.h"
@@ -14,8 +15,11 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QFileDialog>
 #include <QIcon>
 #include <QMessageBox>
+#include <QPushButton>
+#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QWidget>
 
@@ -53,6 +57,79 @@ void AppDelegate::applicationWillFinishLaunching()
     Logging::setDefaultLevel(LogLevel::Verbose);
     Logging::attach(&Log::shared());
     logInfo(QStringLiteral("applicationWillFinishLaunching"));
+    configureCrashReporting();
+}
+
+void AppDelegate::configureCrashReporting()
+{
+    CrashReporter &reporter = CrashReporter::shared();
+    reporter.configure(QStringLiteral(CORVEL_APP_ID), this);
+    reporter.setLogLevel(CrashReporter::Warning);
+    reporter.setLogHandler(&AppDelegate::crashReporterLogHandler);
+    if (m_withTray) {
+        reporter.setPrompt([](const CrashReporter::Report &report,
+                              std::function<void(CrashReporter::Answer)> done) {
+            auto *box = new QMessageBox(QMessageBox::Warning, tr("Corvel quit unexpectedly"),
+                                        tr("Corvel quit unexpectedly the last time it ran."));
+            box->setObjectName(QStringLiteral("crashReportMessageBox"));
+            box->setInformativeText(
+                tr("Would you like to send a report? It holds where Corvel crashed "
+                   "and its recent log, which names your speakers and their "
+                   "addresses on your network."));
+            box->setDetailedText(report.record + QStringLiteral("\n") + report.attachment);
+            QPushButton *send = box->addButton(tr("Send"), QMessageBox::AcceptRole);
+            QPushButton *always = box->addButton(tr("Always Send"), QMessageBox::YesRole);
+            box->addButton(tr("Don't Send"), QMessageBox::RejectRole);
+            box->setDefaultButton(send);
+            box->setAttribute(Qt::WA_DeleteOnClose);
+            QObject::connect(box, &QMessageBox::finished, box, [box, send, always, done](int) {
+                QAbstractButton *clicked = box->clickedButton();
+                done(clicked == send     ? CrashReporter::Answer::Send
+                     : clicked == always ? CrashReporter::Answer::AlwaysSend
+                                         : CrashReporter::Answer::DontSend);
+            });
+            box->open();
+        });
+        reporter.setSavePrompt([](const CrashReporter::Report &,
+                                  std::function<void(QString)> done) {
+            auto *dialog = new QFileDialog(nullptr, tr("Save Crash Report"));
+            dialog->setAttribute(Qt::WA_DeleteOnClose);
+            dialog->setAcceptMode(QFileDialog::AcceptSave);
+            dialog->setDirectory(
+                QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation));
+            dialog->selectFile(QStringLiteral("corvel-crash-report.txt"));
+            QObject::connect(dialog, &QFileDialog::fileSelected, dialog,
+                             [done](const QString &path) { done(path); });
+            QObject::connect(dialog, &QFileDialog::rejected, dialog, [done] { done(QString()); });
+            dialog->open();
+        });
+    }
+    reporter.start();
+}
+
+QString AppDelegate::applicationLogForCrashManager()
+{
+    return Log::shared().text(100);
+}
+
+void AppDelegate::crashManagerWillShowSubmitCrashReportAlert()
+{
+    m_services.settings().recordCrashReport();
+}
+
+void AppDelegate::crashReporterLogHandler(const CrashReporter::MessageProvider &message, int level,
+                                          const char *file, const char *function, quint32 line)
+{
+    if (level != CrashReporter::Error && level != CrashReporter::Warning)
+        return; // the message is not even built
+    const QStringList pieces =
+        file ? QString::fromUtf8(file).split(QLatin1Char('/'), Qt::SkipEmptyParts) : QStringList();
+    const QString text = (pieces.isEmpty() ? QString() : pieces.last()) + QLatin1Char(':') +
+                         QString::number(line) + QLatin1Char(' ') +
+                         (function ? QString::fromUtf8(function) : QString()) + QLatin1Char(' ') +
+                         (message ? message() : QString());
+    log(level == CrashReporter::Error ? LogLevel::Error : LogLevel::Warning,
+        QStringLiteral("CrashReporter"), text);
 }
 
 void AppDelegate::applicationDidFinishLaunching()
@@ -214,16 +291,34 @@ void AppDelegate::preferencesClicked()
 void AppDelegate::aboutClicked()
 {
     logInfo(QStringLiteral("aboutClicked"));
+    showAbout();
+}
+
+void AppDelegate::showAbout()
+{
     if (!m_withTray)
-        return;
-    QMessageBox::about(nullptr, QStringLiteral("Corvel ") + Settings::currentVersion(),
-                       tr("Play this computer's audio on Sonos speakers.\n\nWebsite: %1")
-                           .arg(QStringLiteral(CORVEL_WEBSITE)));
+        return; // a headless run has no screen to show it on
+    auto *box =
+        new QMessageBox(QMessageBox::Information, tr("About Corvel"),
+                        QStringLiteral("Corvel ") + Settings::currentVersion(), QMessageBox::Ok);
+    box->setObjectName(QStringLiteral("aboutMessageBox"));
+    // QMessageBox sizes itself to its title, which would wrap every credit line.
+    box->setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 400px; }"));
+    box->setIconPixmap(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(64, 64));
+    box->setInformativeText(QStringLiteral("Website: %1\n%2\nCreated by %3 (%4)")
+                                .arg(QStringLiteral(CORVEL_WEBSITE), QStringLiteral(CORVEL_SOCIAL),
+                                     QStringLiteral(CORVEL_AUTHOR),
+                                     QStringLiteral(CORVEL_AUTHOR_URL)));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
 }
 
 void AppDelegate::feedbackClicked()
 {
     logInfo(QStringLiteral("feedbackClicked"));
+    auto *window = new FeedbackWindow(QUrl(QStringLiteral(CORVEL_FEEDBACK_ENDPOINT)));
+    window->setAttribute(Qt::WA_DeleteOnClose);
+    window->show();
 }
 
 void AppDelegate::quitClicked()

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "AppServices.h"
+#include "CrashReporter.h"
 #include "NotificationCenter.h"
 
 #include <functional>
@@ -14,7 +15,7 @@
 
 class QSystemTrayIcon;
 
-class AppDelegate : public QObject
+class AppDelegate : public QObject, public CrashReporterDelegate
 {
     Q_OBJECT
 
@@ -53,6 +54,16 @@ public:
     void showWindow();
     // Asks a running launcher helper to quit.
     void stopLauncherApp();
+
+    // Configures, attaches and starts the crash reporter (at launch, before the tray).
+    void configureCrashReporting();
+    QString applicationLogForCrashManager() override;
+    void crashManagerWillShowSubmitCrashReportAlert() override;
+    // The crash reporter's log lines, errors and warnings only, into Corvel's log.
+    static void crashReporterLogHandler(const CrashReporter::MessageProvider &message, int level,
+                                        const char *file, const char *function, quint32 line);
+    // The About box: version and credits.
+    void showAbout();
 
     void onOffClicked();
     void preferencesClicked();

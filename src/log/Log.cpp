@@ -3,9 +3,12 @@
 
 #include <cmath>
 #include <cstdio>
+#include <fcntl.h>
 #include <QDateTime>
+#include <QFile>
 #include <QMutexLocker>
 #include <QStringList>
+#include <unistd.h>
 
 namespace {
 QString categoryText(const std::optional<QString> &category)
@@ -33,6 +36,58 @@ Log &Log::shared()
 
 Log::Log() : m_echo(writeToStandardError), m_clock(now) {}
 
+Log::~Log()
+{
+    if (m_sessionFd >= 0)
+        ::close(m_sessionFd);
+}
+
+namespace {
+constexpr qint64 sessionFileMaxBytes = 1024 * 1024;
+
+void writeAll(int fd, const QByteArray &bytes)
+{
+    qsizetype done = 0;
+    while (done < bytes.size()) {
+        const ssize_t written = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
+        if (written <= 0)
+            return;
+        done += written;
+    }
+}
+} // namespace
+
+void Log::setSessionFile(const QString &path)
+{
+    QMutexLocker locker(&m_mutex);
+    if (m_sessionFd >= 0)
+        ::close(m_sessionFd);
+    m_sessionFd =
+        ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    rewriteSessionFile();
+}
+
+// Replaces the file's content with the newest half of what it may hold, so that compacting
+// happens once every few hundred entries; called with the mutex held.
+void Log::rewriteSessionFile()
+{
+    if (m_sessionFd < 0)
+        return;
+    QByteArray text;
+    int kept = 0;
+    for (auto it = m_lines.rbegin(); it != m_lines.rend() && kept < maxLines / 2; ++it, ++kept) {
+        const QByteArray line = render(*it).toUtf8() + '\n';
+        if (text.size() + line.size() > sessionFileMaxBytes / 2)
+            break;
+        text.prepend(line);
+    }
+    if (::ftruncate(m_sessionFd, 0) != 0 || ::lseek(m_sessionFd, 0, SEEK_SET) != 0)
+        return;
+    writeAll(m_sessionFd, text);
+    m_sessionLines = text.count('\n');
+    m_sessionBytes = text.size();
+}
+
 void Log::log(LogLevel level, const std::optional<QString> &category, const QString &message)
 {
     // The echo line is written verbatim: no format string ever sees the message.
@@ -45,6 +100,14 @@ void Log::log(LogLevel level, const std::optional<QString> &category, const QStr
     m_lines.push_back(LogMessage{m_clock(), level, category, message});
     if (m_lines.size() > static_cast<size_t>(maxLines))
         m_lines.pop_front();
+    if (m_sessionFd >= 0) {
+        const QByteArray entry = render(m_lines.back()).toUtf8() + '\n';
+        writeAll(m_sessionFd, entry);
+        m_sessionBytes += entry.size();
+        // Compacted now and then, so the file stays within maxLines lines and 1 MiB.
+        if (++m_sessionLines >= maxLines || m_sessionBytes > sessionFileMaxBytes)
+            rewriteSessionFile();
+    }
 }
 
 QString Log::render(const LogMessage &entry)

@@ -26,6 +26,7 @@ public:
     static Log &shared();
 
     Log();
+    ~Log() override;
 
     // Echoes the message and appends it; thread-safe.
     void log(LogLevel level, const std::optional<QString> &category,
@@ -40,6 +41,10 @@ public:
     // Renders one entry in the log line format.
     static QString render(const LogMessage &entry);
 
+    // Mirrors every entry from now on to path, as entries arrive, kept to the last maxLines
+    // lines and at most 1 MiB, so that a crash report can carry this session's log.
+    void setSessionFile(const QString &path);
+
     // Where echo lines go (standard error by default); for tests.
     void setEchoSink(std::function<void(const QByteArray &line)> sink);
     // The clock that stamps entries (seconds since 1970); for tests.
@@ -50,4 +55,9 @@ private:
     std::deque<LogMessage> m_lines;
     std::function<void(const QByteArray &)> m_echo;
     std::function<double()> m_clock;
+    // The session file: its descriptor, and how much it holds since it was last compacted.
+    int m_sessionFd = -1;
+    qint64 m_sessionLines = 0;
+    qint64 m_sessionBytes = 0;
+    void rewriteSessionFile();
 };

@@ -67,6 +67,7 @@ void TestEndToEnd::headlessRunConfiguresAndStopsTheBridge()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.path());
+    env.insert(QStringLiteral("XDG_STATE_HOME"), home.filePath(QStringLiteral("state")));
     env.insert(QStringLiteral("CORVEL_BRIDGE"), bridge);
     env.insert(QStringLiteral("FAKE_BRIDGE_RECORD_DIR"), record);
     env.insert(QStringLiteral("FAKE_BRIDGE_READY_MS"), QStringLiteral("100"));

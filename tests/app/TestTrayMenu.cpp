@@ -155,6 +155,7 @@ void TestTrayMenu::initTestCase()
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home.filePath(QStringLiteral("config")));
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_home.path());
+    env.insert(QStringLiteral("XDG_STATE_HOME"), m_home.filePath(QStringLiteral("state")));
     env.insert(QStringLiteral("CORVEL_BRIDGE"), QStringLiteral(FAKE_BRIDGE));
     env.insert(QStringLiteral("FAKE_BRIDGE_READY_MS"), QStringLiteral("100"));
     env.remove(QStringLiteral("XDG_CURRENT_DESKTOP"));

@@ -1,0 +1,330 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "CrashReporter.h"
+
+#include "BuildConfig.h"
+#include "Log.h"
+
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QHttpMultiPart>
+#include <QNetworkReply>
+#include <QSaveFile>
+#include <QStandardPaths>
+#include <unistd.h>
+
+#define REPORTER_LOG(level, message)                                                               \
+    log(level, __FILE__, __func__, __LINE__, [&] { return message; })
+
+namespace {
+// Everything the signal handler needs, prepared at start so that the handler allocates nothing.
+char g_recordPath[4096];
+char g_version[64];
+char g_sessionLog[4096];
+constexpr int fatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
+alignas(16) char g_alternateStack[64 * 1024];
+
+void writeText(int fd, const char *text)
+{
+    size_t left = std::strlen(text);
+    while (left > 0) {
+        const ssize_t written = ::write(fd, text, left);
+        if (written <= 0)
+            return;
+        text += written;
+        left -= size_t(written);
+    }
+}
+
+void writeNumber(int fd, long long value)
+{
+    char digits[24];
+    int at = int(sizeof digits) - 1;
+    digits[at] = '\0';
+    const bool negative = value < 0;
+    unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(value)
+                                            : static_cast<unsigned long long>(value);
+    do {
+        digits[--at] = char('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude > 0 && at > 1);
+    if (negative)
+        digits[--at] = '-';
+    writeText(fd, digits + at);
+}
+
+void onFatalSignal(int signal)
+{
+    CrashReporter::writeCrashRecord(signal);
+    // Re-raise with the default action so the exit status tells the truth.
+    std::signal(signal, SIG_DFL);
+    ::raise(signal);
+}
+
+void copyInto(char *target, size_t size, const QByteArray &text)
+{
+    const size_t length = std::min(size - 1, size_t(text.size()));
+    std::memcpy(target, text.constData(), length);
+    target[length] = '\0';
+}
+
+QString lastLines(const QString &path, int count)
+{
+    QFile file(path);
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return {};
+    const QStringList lines =
+        QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return lines.mid(std::max<qsizetype>(0, lines.size() - count)).join(QLatin1Char('\n'));
+}
+} // namespace
+
+void CrashReporter::writeCrashRecord(int signal)
+{
+    const int fd = ::open(g_recordPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return;
+    writeText(fd, "signal ");
+    writeNumber(fd, signal);
+    writeText(fd, "\ntime ");
+    writeNumber(fd, static_cast<long long>(::time(nullptr)));
+    writeText(fd, "\nversion ");
+    writeText(fd, g_version);
+    writeText(fd, "\nlog ");
+    writeText(fd, g_sessionLog);
+    writeText(fd, "\nbacktrace:\n");
+    void *frames[64];
+    const int depth = ::backtrace(frames, 64);
+    ::backtrace_symbols_fd(frames, depth, fd);
+    ::close(fd);
+}
+
+CrashReporter &CrashReporter::shared()
+{
+    static CrashReporter *instance = new CrashReporter;
+    return *instance;
+}
+
+CrashReporter::CrashReporter(QObject *parent) : QObject(parent)
+{
+    if (qstrlen(CORVEL_CRASH_ENDPOINT) > 0)
+        m_endpoint = QUrl(QStringLiteral(CORVEL_CRASH_ENDPOINT));
+}
+
+void CrashReporter::configure(const QString &identifier, CrashReporterDelegate *delegate)
+{
+    m_identifier = identifier;
+    m_delegate = delegate;
+}
+
+QString CrashReporter::stateFolder() const
+{
+    if (!m_stateFolder.isEmpty())
+        return m_stateFolder;
+    // QStandardPaths has no XDG state location in this Qt, so it is read as the spec says.
+    QString base = qEnvironmentVariable("XDG_STATE_HOME");
+    if (base.isEmpty() || !QDir::isAbsolutePath(base))
+        base = QDir::homePath() + QStringLiteral("/.local/state");
+    return base + QStringLiteral("/corvel");
+}
+
+void CrashReporter::log(int level, const char *file, const char *function, quint32 line,
+                        const MessageProvider &message)
+{
+    if (m_logHandler && level > None && level <= m_logLevel)
+        m_logHandler(message, level, file, function, line);
+}
+
+void CrashReporter::start()
+{
+    if (!QDir().mkpath(reportsFolder())) {
+        REPORTER_LOG(
+            Error,
+            QStringLiteral("Cannot create the crash reports folder %1").arg(reportsFolder()));
+        return;
+    }
+    // Sessions keep their log in a file of their own, so a crash report can carry it.
+    const QString sessionLog =
+        stateFolder() + QStringLiteral("/session-%1.log").arg(QCoreApplication::applicationPid());
+    Log::shared().setSessionFile(sessionLog);
+    const QStringList pending = pendingReports();
+    for (const QFileInfo &old :
+         QDir(stateFolder()).entryInfoList({QStringLiteral("session-*.log")}, QDir::Files)) {
+        bool referenced = old.absoluteFilePath() == sessionLog;
+        for (const QString &report : pending)
+            referenced = referenced || lastLines(report, 1000).contains(old.absoluteFilePath());
+        if (!referenced)
+            QFile::remove(old.absoluteFilePath());
+    }
+
+    copyInto(g_recordPath, sizeof g_recordPath,
+             QFile::encodeName(reportsFolder() + QStringLiteral("/crash-%1-%2.txt")
+                                                     .arg(QDateTime::currentSecsSinceEpoch())
+                                                     .arg(QCoreApplication::applicationPid())));
+    copyInto(g_version, sizeof g_version, QCoreApplication::applicationVersion().toUtf8());
+    copyInto(g_sessionLog, sizeof g_sessionLog, QFile::encodeName(sessionLog));
+    // backtrace() loads its unwinder on first use; do that now, not inside the handler.
+    void *warmUp[2];
+    ::backtrace(warmUp, 2);
+
+    stack_t stack{};
+    stack.ss_sp = g_alternateStack;
+    stack.ss_size = sizeof g_alternateStack;
+    sigaltstack(&stack, nullptr);
+    struct sigaction action
+    {
+    };
+    action.sa_handler = onFatalSignal;
+    action.sa_flags = SA_ONSTACK | SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    for (const int signal : fatalSignals)
+        sigaction(signal, &action, nullptr);
+    // qFatal and std::terminate end in abort(), which the SIGABRT handler records.
+    std::set_terminate([] { std::abort(); });
+
+    processPendingReports();
+}
+
+QStringList CrashReporter::pendingReports() const
+{
+    QStringList reports;
+    for (const QFileInfo &file :
+         QDir(reportsFolder())
+             .entryInfoList({QStringLiteral("crash-*.txt")}, QDir::Files, QDir::Name))
+        reports << file.absoluteFilePath();
+    return reports;
+}
+
+bool CrashReporter::alwaysSend() const
+{
+    return QFile::exists(stateFolder() + QStringLiteral("/always-send"));
+}
+
+void CrashReporter::processPendingReports()
+{
+    for (const QString &path : pendingReports())
+        offer(path);
+}
+
+void CrashReporter::offer(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        REPORTER_LOG(Warning, QStringLiteral("Cannot read the crash report %1").arg(path));
+        return;
+    }
+    Report report{path, QString::fromUtf8(file.read(1024 * 1024)), QString()};
+    file.close();
+    if (!alwaysSend() && !m_prompt) {
+        // Nobody to ask (a headless run): the report waits for a session that can ask.
+        REPORTER_LOG(Warning, QStringLiteral("A crash report is waiting in %1").arg(path));
+        return;
+    }
+    if (m_delegate)
+        m_delegate->crashManagerWillShowSubmitCrashReportAlert();
+    QString crashedLog;
+    for (const QString &line : report.record.split(QLatin1Char('\n'))) {
+        if (line.startsWith(QLatin1String("log ")))
+            crashedLog = lastLines(line.mid(4), 100);
+    }
+    report.attachment = (m_delegate ? m_delegate->applicationLogForCrashManager() : QString()) +
+                        QStringLiteral("\n\n--- The log of the session that crashed ---\n") +
+                        crashedLog;
+    if (alwaysSend()) {
+        handleAnswer(report, Answer::Send);
+        return;
+    }
+    m_prompt(report, [this, report](Answer answer) { handleAnswer(report, answer); });
+}
+
+void CrashReporter::handleAnswer(const Report &report, Answer answer)
+{
+    if (answer == Answer::AlwaysSend) {
+        QFile marker(stateFolder() + QStringLiteral("/always-send"));
+        if (!marker.open(QIODevice::WriteOnly))
+            REPORTER_LOG(
+                Warning,
+                QStringLiteral("Cannot remember \"Always Send\": %1").arg(marker.errorString()));
+    }
+    if (answer == Answer::DontSend) {
+        finish(report, true);
+        return;
+    }
+    if (m_endpoint.isValid() && !m_endpoint.isEmpty()) {
+        send(report);
+        return;
+    }
+    if (!m_savePrompt) {
+        REPORTER_LOG(
+            Warning,
+            QStringLiteral("No crash endpoint and nowhere to save %1; kept").arg(report.path));
+        finish(report, false);
+        return;
+    }
+    m_savePrompt(report, [this, report](const QString &target) {
+        if (target.isEmpty())
+            finish(report, false);
+        else
+            save(report, target);
+    });
+}
+
+void CrashReporter::send(const Report &report)
+{
+    auto *multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+    const auto addPart = [multiPart](const QString &name, const QByteArray &body) {
+        QHttpPart part;
+        part.setHeader(QNetworkRequest::ContentDispositionHeader,
+                       QStringLiteral("form-data; name=\"%1\"").arg(name));
+        part.setBody(body);
+        multiPart->append(part);
+    };
+    addPart(QStringLiteral("identifier"), m_identifier.toUtf8());
+    addPart(QStringLiteral("report"), report.record.toUtf8());
+    addPart(QStringLiteral("log"), report.attachment.toUtf8());
+    QNetworkRequest request(m_endpoint);
+    request.setTransferTimeout(30000);
+    QNetworkReply *reply = m_network.post(request, multiPart);
+    multiPart->setParent(reply);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, report] {
+        reply->deleteLater();
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (reply->error() != QNetworkReply::NoError || status < 200 || status >= 300) {
+            REPORTER_LOG(
+                Warning,
+                QStringLiteral(
+                    "Failed to send the crash report %1: %2; it is kept for the next start")
+                    .arg(report.path, reply->errorString()));
+            finish(report, false);
+            return;
+        }
+        finish(report, true);
+    });
+}
+
+void CrashReporter::save(const Report &report, const QString &path)
+{
+    QSaveFile file(path);
+    const QByteArray text =
+        (report.record + QStringLiteral("\n--- Log ---\n") + report.attachment).toUtf8();
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit()) {
+        REPORTER_LOG(Error, QStringLiteral("Failed to save the crash report to %1: %2")
+                                .arg(path, file.errorString()));
+        finish(report, false);
+        return;
+    }
+    finish(report, true);
+}
+
+void CrashReporter::finish(const Report &report, bool remove)
+{
+    if (remove)
+        QFile::remove(report.path);
+    emit reportHandled(report.path, remove);
+}

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Corvel's crash reporter. It catches fatal signals and writes a crash record with
+// async-signal-safe calls only; at the next start it offers each pending report, with the
+// recent log of both sessions, to be sent, saved or declined.
+#pragma once
+
+#include <functional>
+#include <QNetworkAccessManager>
+#include <QObject>
+#include <QUrl>
+
+// The application's side of crash reporting.
+class CrashReporterDelegate
+{
+public:
+    virtual ~CrashReporterDelegate() = default;
+    // The recent log of this session, attached to every report.
+    virtual QString applicationLogForCrashManager() = 0;
+    // A report of an earlier crash is about to be offered to the user.
+    virtual void crashManagerWillShowSubmitCrashReportAlert() = 0;
+};
+
+class CrashReporter : public QObject
+{
+    Q_OBJECT
+
+public:
+    // The reporter's own log levels.
+    enum Level { None = 0, Error = 1, Warning = 2, Debug = 3, Verbose = 4 };
+    using MessageProvider = std::function<QString()>;
+    // Receives the reporter's own log lines at or below its level; file and function may be null.
+    using LogHandler = std::function<void(const MessageProvider &message, int level,
+                                          const char *file, const char *function, quint32 line)>;
+
+    // What the user chose for a report.
+    enum class Answer { Send, DontSend, AlwaysSend };
+
+    // A pending report, with the log that goes with it.
+    struct Report
+    {
+        QString path;       // the crash record
+        QString record;     // its text: signal, time, version, backtrace
+        QString attachment; // this session's recent log, then the crashed session's
+    };
+    // Shows a report and calls done with the user's answer (possibly later).
+    using Prompt = std::function<void(const Report &report, std::function<void(Answer)> done)>;
+    // Offers to save a report when there is nowhere to send it; calls done with the chosen
+    // path, or an empty one when the user cancels.
+    using SavePrompt = std::function<void(const Report &report, std::function<void(QString)> done)>;
+
+    static CrashReporter &shared();
+    explicit CrashReporter(QObject *parent = nullptr);
+
+    void configure(const QString &identifier, CrashReporterDelegate *delegate);
+    void setLogLevel(int level) { m_logLevel = level; }
+    void setLogHandler(LogHandler handler) { m_logHandler = std::move(handler); }
+    // Opens the state folder, starts the session log, installs the crash handlers, then
+    // offers the reports left by earlier crashes.
+    void start();
+
+    // $XDG_STATE_HOME/corvel unless set (tests).
+    QString stateFolder() const;
+    void setStateFolder(const QString &folder) { m_stateFolder = folder; }
+    QString reportsFolder() const { return stateFolder() + QStringLiteral("/reports"); }
+    // Where reports are posted; empty unless the build names one.
+    void setEndpoint(const QUrl &endpoint) { m_endpoint = endpoint; }
+    void setPrompt(Prompt prompt) { m_prompt = std::move(prompt); }
+    void setSavePrompt(SavePrompt prompt) { m_savePrompt = std::move(prompt); }
+
+    // Reports left by earlier crashes, oldest first.
+    QStringList pendingReports() const;
+    // Whether the user chose "Always Send".
+    bool alwaysSend() const;
+    // Offers every pending report.
+    void processPendingReports();
+
+    // Writes a crash record for signal to the prepared path; async-signal-safe.
+    static void writeCrashRecord(int signal);
+
+signals:
+    // A report was sent, saved, declined (removed) or kept after a failed send.
+    void reportHandled(const QString &path, bool removed);
+
+private:
+    void log(int level, const char *file, const char *function, quint32 line,
+             const MessageProvider &message);
+    void offer(const QString &path);
+    void handleAnswer(const Report &report, Answer answer);
+    void send(const Report &report);
+    void save(const Report &report, const QString &path);
+    void finish(const Report &report, bool remove);
+
+    CrashReporterDelegate *m_delegate = nullptr;
+    QString m_identifier;
+    int m_logLevel = Warning;
+    LogHandler m_logHandler;
+    QString m_stateFolder;
+    QUrl m_endpoint;
+    Prompt m_prompt;
+    SavePrompt m_savePrompt;
+    QNetworkAccessManager m_network;
+};
