@@ -3,10 +3,17 @@
 // controller, discovery and bridge without any window.
 #include "AppDelegate.h"
 #include "BuildConfig.h"
+#include "DeviceDiscovery.h"
+#include "Log.h"
 #include "Logging.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
+#include "Settings.h"
+#include "SpeakerCommands.h"
 #include "ViewController.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <QApplication>
 #include <QCommandLineParser>
@@ -51,11 +58,40 @@ void quitOnSignals(QCoreApplication &app)
 
 bool wantsHeadless(int argc, char *argv[])
 {
+    // The speaker commands never show anything either.
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--headless") == 0)
-            return true;
+        for (const char *option : {"--headless", "--list", "--enable", "--disable", "--rename"}) {
+            if (std::strcmp(argv[i], option) == 0)
+                return true;
+        }
     }
     return false;
+}
+
+// --list: one search, then the known speakers. The bridge is not started; the speakers found
+// are saved, so that the other commands can name them.
+int listSpeakers(QCoreApplication &app)
+{
+    Settings &settings = Settings::shared();
+    NotificationCenter::defaultCenter().addObserver(
+        Notifications::deviceDiscovered, [&settings](const Notification &n) {
+            const QVariant info = n.userInfo.value(UserInfoKey::deviceInfo);
+            const QVariant topology = n.userInfo.value(UserInfoKey::deviceTopology);
+            if (info.metaType() == QMetaType::fromType<DeviceInfo>() &&
+                topology.metaType() == QMetaType::fromType<DeviceTopology>())
+                settings.mergeDiscoveredSpeaker(info.value<DeviceInfo>(),
+                                                topology.value<DeviceTopology>());
+        });
+    NotificationCenter::defaultCenter().addObserver(
+        Notifications::discoveryComplete, [&app](const Notification &) {
+            // Descriptions still on their way get a moment to arrive.
+            QTimer::singleShot(1000, &app, &QCoreApplication::quit);
+        });
+    DeviceDiscovery::shared().searchForDevices(AppDelegate::searchSeconds);
+    app.exec();
+    settings.save();
+    std::fputs(qPrintable(SpeakerCommands::formatList(settings)), stdout);
+    return 0;
 }
 
 bool hasDisplay()
@@ -102,8 +138,52 @@ int main(int argc, char *argv[])
     const QCommandLineOption autostartOption(
         QStringLiteral("autostart"),
         QStringLiteral("Started at login: wait for the desktop's tray."));
-    parser.addOptions({headlessOption, autostartOption});
+    const QCommandLineOption listOption(
+        QStringLiteral("list"),
+        QStringLiteral("Search for speakers, then list the known ones and exit."));
+    const QCommandLineOption enableOption(
+        QStringLiteral("enable"), QStringLiteral("Offer the speaker (location or name) and exit."),
+        QStringLiteral("speaker"));
+    const QCommandLineOption disableOption(
+        QStringLiteral("disable"),
+        QStringLiteral("Stop offering the speaker (location or name) and exit."),
+        QStringLiteral("speaker"));
+    const QCommandLineOption renameOption(
+        QStringLiteral("rename"),
+        QStringLiteral("Rename the speaker (location or name) to the next argument and exit."),
+        QStringLiteral("speaker"));
+    parser.addOptions(
+        {headlessOption, autostartOption, listOption, enableOption, disableOption, renameOption});
+    parser.addPositionalArgument(QStringLiteral("name"),
+                                 QStringLiteral("The new name, with --rename."),
+                                 QStringLiteral("[name]"));
     parser.process(app);
+
+    // The speaker commands work on the settings and exit; a running Corvel reads them at its
+    // next start (stop the service first, or it may save over them).
+    if (parser.isSet(listOption) || parser.isSet(enableOption) || parser.isSet(disableOption) ||
+        parser.isSet(renameOption)) {
+        Logging::setDefaultLevel(parser.isSet(listOption) ? LogLevel::Warning : LogLevel::Info);
+        Logging::attach(&Log::shared());
+        QString error;
+        int status = 0;
+        if (parser.isSet(listOption))
+            status = listSpeakers(app);
+        else if (parser.isSet(enableOption))
+            status = SpeakerCommands::setEnabled(Settings::shared(), parser.value(enableOption),
+                                                 true, &error);
+        else if (parser.isSet(disableOption))
+            status = SpeakerCommands::setEnabled(Settings::shared(), parser.value(disableOption),
+                                                 false, &error);
+        else if (parser.positionalArguments().size() != 1)
+            error = QStringLiteral("--rename needs the new name after the speaker"), status = 2;
+        else
+            status = SpeakerCommands::rename(Settings::shared(), parser.value(renameOption),
+                                             parser.positionalArguments().first(), &error);
+        if (!error.isEmpty())
+            std::fprintf(stderr, "%s\n", qPrintable(error));
+        return status;
+    }
 
     AppDelegate delegate(AppServices::real(), !headless);
     delegate.setPreferencesWindowFactory([] { return new ViewController(AppServices::real()); });

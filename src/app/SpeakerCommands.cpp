@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "SpeakerCommands.h"
+
+#include "JsonReader.h"
+#include "Settings.h"
+
+QString SpeakerCommands::formatList(const Settings &settings)
+{
+    if (settings.devices.empty())
+        return QStringLiteral("No speakers known yet.\n");
+    QString text;
+    for (const auto &[location, record] : settings.devices) {
+        const bool group = record.topology && !record.topology->coordinator;
+        text += QStringLiteral("%1  %2  %3%4\n    %5\n")
+                    .arg(record.active ? QStringLiteral("found    ") : QStringLiteral("not found"),
+                         record.enabled ? QStringLiteral("enabled ") : QStringLiteral("disabled"),
+                         QStringLiteral("\"%1\"").arg(record.name),
+                         group ? QStringLiteral(" (group member: played through its coordinator)")
+                               : QString(),
+                         absoluteString(location));
+    }
+    return text;
+}
+
+std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
+                                                 const QString &locationOrName, QString *error)
+{
+    for (const auto &entry : settings.devices) {
+        if (absoluteString(entry.first) == locationOrName ||
+            entry.first.toString() == locationOrName)
+            return entry.first;
+    }
+    std::optional<QUrl> found;
+    for (const auto &[location, record] : settings.devices) {
+        if (record.name != locationOrName)
+            continue;
+        if (found) {
+            *error =
+                QStringLiteral("More than one speaker is named \"%1\"; give its location instead.")
+                    .arg(locationOrName);
+            return std::nullopt;
+        }
+        found = location;
+    }
+    if (!found)
+        *error =
+            QStringLiteral("No known speaker has the location or name \"%1\" (see corvel --list).")
+                .arg(locationOrName);
+    return found;
+}
+
+int SpeakerCommands::setEnabled(Settings &settings, const QString &locationOrName, bool enabled,
+                                QString *error)
+{
+    const auto location = findSpeaker(settings, locationOrName, error);
+    if (!location)
+        return 1;
+    settings.setDeviceEnabled(*location, enabled);
+    return 0;
+}
+
+int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
+                            const QString &newName, QString *error)
+{
+    const auto location = findSpeaker(settings, locationOrName, error);
+    if (!location)
+        return 1;
+    settings.renameDevice(*location, newName);
+    return 0;
+}

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Managing speakers from the command line, for headless machines: the same settings rules
+// and log lines as the preferences window's rows.
+#pragma once
+
+#include <optional>
+#include <QString>
+#include <QUrl>
+
+class Settings;
+
+namespace SpeakerCommands {
+// One line per known speaker: found in the last search or not, enabled or not, name, location.
+QString formatList(const Settings &settings);
+// The record named by its location text or, failing that, by its exact name. *error says why
+// nothing was found (or the name is ambiguous).
+std::optional<QUrl> findSpeaker(const Settings &settings, const QString &locationOrName,
+                                QString *error);
+// --enable / --disable / --rename: returns the process exit code, writing errors to *error.
+int setEnabled(Settings &settings, const QString &locationOrName, bool enabled, QString *error);
+int rename(Settings &settings, const QString &location, const QString &newName, QString *error);
+} // namespace SpeakerCommands
