@@ -39,6 +39,8 @@ ViewController::ViewController(AppServices services, QWidget *parent)
     connect(m_ui->startAtLoginCheckBox, &QCheckBox::clicked, this,
             &ViewController::startAtLoginChecked);
     connect(m_ui->saveLogButton, &QPushButton::clicked, this, &ViewController::saveLogClicked);
+    connect(m_ui->soundOutputsCheckBox, &QCheckBox::clicked, this,
+            &ViewController::soundOutputsChecked);
     logInfo(category, QStringLiteral("viewDidLoad"));
     reloadData();
 }
@@ -94,6 +96,7 @@ void ViewController::viewWillAppear()
     observe(Notifications::appStopped, buttonAndSpinner);
 
     m_ui->startAtLoginCheckBox->setChecked(LaunchOnLogin::launchOnLoginEnabled());
+    updateSoundOutputsCheckBox();
     updateStartStopButton();
     updateSpinner();
     reloadData();
@@ -224,6 +227,42 @@ void ViewController::startStopClicked()
 void ViewController::startAtLoginChecked()
 {
     LaunchOnLogin::setLaunchOnLogin(m_ui->startAtLoginCheckBox->checkState() == Qt::Checked);
+}
+
+void ViewController::updateSoundOutputsCheckBox()
+{
+    const SoundOutputs::Status status = m_soundOutputs.status();
+    m_ui->soundOutputsCheckBox->setChecked(status.raopDiscoveryActive);
+    const bool server = status.server != SoundOutputs::Server::None;
+    m_ui->soundOutputsCheckBox->setEnabled(server);
+    m_ui->soundOutputsCheckBox->setToolTip(
+        server ? tr("Turns on AirPlay (RAOP) discovery in your sound server, now and at every "
+                    "login, so the "
+                    "speakers appear in your sound settings")
+               : tr("No sound server answered: Corvel needs PipeWire (with pipewire-pulse) or "
+                    "PulseAudio"));
+}
+
+void ViewController::soundOutputsChecked()
+{
+    const bool enable = m_ui->soundOutputsCheckBox->isChecked();
+    QString error;
+    if (enable ? m_soundOutputs.enable(&error) : m_soundOutputs.disable(&error)) {
+        logInfo(category, enable ? QStringLiteral("Enabled speakers as sound outputs")
+                                 : QStringLiteral("Disabled speakers as sound outputs"));
+        return;
+    }
+    logError(category, error);
+    m_ui->soundOutputsCheckBox->setChecked(!enable);
+    auto *alert =
+        new QMessageBox(QMessageBox::Warning, tr("Sound outputs"),
+                        enable ? tr("The speakers could not be made sound outputs.")
+                               : tr("The speakers could not be removed from the sound outputs."),
+                        QMessageBox::Ok, this);
+    alert->setObjectName(QStringLiteral("soundOutputsErrorMessageBox"));
+    alert->setInformativeText(error);
+    alert->setAttribute(Qt::WA_DeleteOnClose);
+    alert->open();
 }
 
 void ViewController::saveLogClicked()

@@ -6,6 +6,7 @@
 
 #include "AppServices.h"
 #include "NotificationCenter.h"
+#include "SoundOutputs.h"
 
 #include <memory>
 #include <QHash>
@@ -35,6 +36,11 @@ public:
 
     void startStopClicked();
     void startAtLoginChecked();
+    // Turns the speakers as sound outputs of this computer on or off.
+    void soundOutputsChecked();
+    // The sound-server backend; the system's unless a test sets another.
+    void setSoundOutputs(SoundOutputs soundOutputs) { m_soundOutputs = std::move(soundOutputs); }
+    void updateSoundOutputsCheckBox();
     // Opens a save dialog without blocking; its OK writes the log there.
     void saveLogClicked();
     // Writes the log to path; a failure shows the "Error" alert.
@@ -61,4 +67,5 @@ private:
     bool m_canStop = false;
     QNetworkAccessManager m_network;
     QHash<QUrl, QPixmap> m_icons;
+    SoundOutputs m_soundOutputs;
 };
