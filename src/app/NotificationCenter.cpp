@@ -2,7 +2,6 @@
 #include "NotificationCenter.h"
 
 #include <algorithm>
-#include <QMutexLocker>
 
 NotificationCenter &NotificationCenter::defaultCenter()
 {
@@ -12,7 +11,7 @@ NotificationCenter &NotificationCenter::defaultCenter()
 
 NotificationCenter::Token NotificationCenter::addObserver(const QString &name, Block block)
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     const Token token = m_nextToken++;
     m_entries.push_back(std::make_shared<Entry>(Entry{token, name, std::move(block)}));
     return token;
@@ -20,7 +19,7 @@ NotificationCenter::Token NotificationCenter::addObserver(const QString &name, B
 
 void NotificationCenter::removeObserver(Token token)
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     const auto it = std::find_if(m_entries.begin(), m_entries.end(),
                                  [token](const auto &entry) { return entry->token == token; });
     if (it == m_entries.end())
@@ -34,7 +33,7 @@ void NotificationCenter::post(const QString &name, const QVariantMap &userInfo)
     // Deliver from a snapshot so that observers can change the list while being called.
     std::vector<std::shared_ptr<Entry>> targets;
     {
-        QMutexLocker locker(&m_mutex);
+        std::lock_guard locker(m_mutex);
         for (const auto &entry : m_entries) {
             if (entry->name == name)
                 targets.push_back(entry);
@@ -43,7 +42,7 @@ void NotificationCenter::post(const QString &name, const QVariantMap &userInfo)
     const Notification notification{name, userInfo};
     for (const auto &entry : targets) {
         {
-            QMutexLocker locker(&m_mutex);
+            std::lock_guard locker(m_mutex);
             if (entry->removed)
                 continue;
         }
@@ -53,6 +52,6 @@ void NotificationCenter::post(const QString &name, const QVariantMap &userInfo)
 
 int NotificationCenter::observerCount() const
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     return static_cast<int>(m_entries.size());
 }

@@ -4,7 +4,7 @@
 
 #include <functional>
 #include <memory>
-#include <QMutex>
+#include <mutex>
 #include <QString>
 #include <QVariantMap>
 #include <vector>
@@ -45,7 +45,7 @@ private:
         Block block;
         bool removed = false; // guarded by m_mutex
     };
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex; // std::mutex, so that ThreadSanitizer sees it
     std::vector<std::shared_ptr<Entry>> m_entries;
     Token m_nextToken = 1;
 };

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <QDateTime>
 #include <QFile>
-#include <QMutexLocker>
 #include <QStringList>
 #include <unistd.h>
 
@@ -59,7 +58,7 @@ void writeAll(int fd, const QByteArray &bytes)
 
 void Log::setSessionFile(const QString &path)
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     if (m_sessionFd >= 0)
         ::close(m_sessionFd);
     m_sessionFd =
@@ -95,7 +94,7 @@ void Log::log(LogLevel level, const std::optional<QString> &category, const QStr
                          categoryText(category) + QStringLiteral("] ") + message;
     const QByteArray line = echo.toUtf8() + '\n';
 
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     m_echo(line);
     m_lines.push_back(LogMessage{m_clock(), level, category, message});
     if (m_lines.size() > static_cast<size_t>(maxLines))
@@ -122,7 +121,7 @@ QString Log::render(const LogMessage &entry)
 
 QString Log::text(int lastLines) const
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     const size_t count = std::min(static_cast<size_t>(std::max(lastLines, 0)), m_lines.size());
     QStringList rendered;
     rendered.reserve(static_cast<qsizetype>(count));
@@ -133,18 +132,18 @@ QString Log::text(int lastLines) const
 
 std::vector<LogMessage> Log::lines() const
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     return {m_lines.begin(), m_lines.end()};
 }
 
 void Log::setEchoSink(std::function<void(const QByteArray &)> sink)
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     m_echo = sink ? std::move(sink) : writeToStandardError;
 }
 
 void Log::setClock(std::function<double()> clock)
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     m_clock = clock ? std::move(clock) : now;
 }

@@ -6,7 +6,7 @@
 
 #include <deque>
 #include <functional>
-#include <QMutex>
+#include <mutex>
 
 // One log entry. timestamp is seconds since 1970-01-01 UTC.
 struct LogMessage
@@ -51,7 +51,7 @@ public:
     void setClock(std::function<double()> clock);
 
 private:
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex; // std::mutex, so that ThreadSanitizer sees it
     std::deque<LogMessage> m_lines;
     std::function<void(const QByteArray &)> m_echo;
     std::function<double()> m_clock;
