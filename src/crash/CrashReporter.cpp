@@ -127,7 +127,8 @@ QString CrashReporter::stateFolder() const
 {
     if (!m_stateFolder.isEmpty())
         return m_stateFolder;
-    // QStandardPaths has no XDG state location in this Qt, so it is read as the spec says.
+    // QStandardPaths has no XDG state location in this Qt, so the XDG base-directory rule is
+    // applied here.
     QString base = qEnvironmentVariable("XDG_STATE_HOME");
     if (base.isEmpty() || !QDir::isAbsolutePath(base))
         base = QDir::homePath() + QStringLiteral("/.local/state");
