@@ -179,10 +179,11 @@ void TestCrashReporter::alwaysSendIsRemembered()
             done(CrashReporter::Answer::AlwaysSend);
         });
     QStringList saved;
-    reporter.setSavePrompt([&](const CrashReporter::Report &, std::function<void(QString)> done) {
+    const auto saveNext = [&](const CrashReporter::Report &, std::function<void(QString)> done) {
         saved << state.filePath(QStringLiteral("saved-%1.txt").arg(saved.size()));
         done(saved.last());
-    });
+    };
+    reporter.setSavePrompt(saveNext);
     reporter.processPendingReports();
     QVERIFY(reporter.alwaysSend());
     writeReport(state.path(), QStringLiteral("crash-2-2.txt"));
@@ -191,10 +192,7 @@ void TestCrashReporter::alwaysSendIsRemembered()
     nextStart.configure(QStringLiteral("id"), &delegate);
     nextStart.setPrompt([&](const CrashReporter::Report &,
                             std::function<void(CrashReporter::Answer)>) { ++prompts; });
-    nextStart.setSavePrompt([&](const CrashReporter::Report &, std::function<void(QString)> done) {
-        saved << state.filePath(QStringLiteral("saved-%1.txt").arg(saved.size()));
-        done(saved.last());
-    });
+    nextStart.setSavePrompt(saveNext);
     nextStart.processPendingReports();
     QCOMPARE(prompts, 1); // not asked again
     QCOMPARE(saved.size(), 2);
