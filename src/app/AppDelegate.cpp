@@ -3,6 +3,7 @@
 
 #include "AirConnect.h"
 #include "BuildConfig.h"
+#include "DBusNames.h"
 #include "DeviceDiscovery.h"
 #include "FeedbackWindow.h"
 #include "Log.h"
@@ -13,7 +14,6 @@
 
 #include <QApplication>
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QFileDialog>
 #include <QIcon>
@@ -154,8 +154,7 @@ void AppDelegate::stopLauncherApp()
     // The launcher helper runs as the owner of its bus name; without a session bus there is
     // no helper to stop.
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected() || !bus.interface() ||
-        !bus.interface()->isServiceRegistered(helperService).value())
+    if (!busNameHasOwner(bus, helperService))
         return;
     logInfo(QStringLiteral("Stopping launcher app"));
     QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/corvel/Corvel"),
@@ -341,17 +340,13 @@ void AppDelegate::onDiscoveryStarted()
 
 void AppDelegate::onDeviceDiscovered(const Notification &notification)
 {
-    const QVariant infoValue = notification.userInfo.value(UserInfoKey::deviceInfo);
-    const QVariant topologyValue = notification.userInfo.value(UserInfoKey::deviceTopology);
-    if (!infoValue.canConvert<DeviceInfo>() || !topologyValue.canConvert<DeviceTopology>() ||
-        infoValue.metaType() != QMetaType::fromType<DeviceInfo>() ||
-        topologyValue.metaType() != QMetaType::fromType<DeviceTopology>()) {
+    const auto speaker = discoveredSpeaker(notification);
+    if (!speaker) {
         logWarning(QStringLiteral(
             "Ignoring a deviceDiscovered event without a speaker description and topology"));
         return;
     }
-    m_services.settings().mergeDiscoveredSpeaker(infoValue.value<DeviceInfo>(),
-                                                 topologyValue.value<DeviceTopology>());
+    m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second);
     QPointer<AppDelegate> self(this);
     mainQueueAsync([self] {
         if (self)

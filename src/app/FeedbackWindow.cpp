@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "FeedbackWindow.h"
 
+#include "AtomicFile.h"
 #include "Log.h"
 
 #include <QCheckBox>
@@ -12,7 +13,6 @@
 #include <QNetworkReply>
 #include <QPlainTextEdit>
 #include <QPushButton>
-#include <QSaveFile>
 #include <QStandardPaths>
 #include <QUrlQuery>
 #include <QVBoxLayout>
@@ -103,10 +103,9 @@ void FeedbackWindow::sendClicked()
 
 void FeedbackWindow::saveTo(const QString &path)
 {
-    QSaveFile file(path);
-    const QByteArray text = feedbackText().toUtf8();
-    if (file.open(QIODevice::WriteOnly) && file.write(text) == text.size() && file.commit())
+    QString error;
+    if (writeFileAtomically(path, feedbackText().toUtf8(), &error))
         m_status->setText(tr("Saved to %1.").arg(path));
     else
-        m_status->setText(tr("Saving failed: %1").arg(file.errorString()));
+        m_status->setText(tr("Saving failed: %1").arg(error));
 }

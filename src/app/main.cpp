@@ -3,6 +3,7 @@
 // controller, discovery and bridge without any window.
 #include "AppDelegate.h"
 #include "BuildConfig.h"
+#include "DBusNames.h"
 #include "DeviceDiscovery.h"
 #include "Log.h"
 #include "Logging.h"
@@ -18,7 +19,6 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QElapsedTimer>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
@@ -75,12 +75,8 @@ int listSpeakers(QCoreApplication &app)
     Settings &settings = Settings::shared();
     NotificationCenter::defaultCenter().addObserver(
         Notifications::deviceDiscovered, [&settings](const Notification &n) {
-            const QVariant info = n.userInfo.value(UserInfoKey::deviceInfo);
-            const QVariant topology = n.userInfo.value(UserInfoKey::deviceTopology);
-            if (info.metaType() == QMetaType::fromType<DeviceInfo>() &&
-                topology.metaType() == QMetaType::fromType<DeviceTopology>())
-                settings.mergeDiscoveredSpeaker(info.value<DeviceInfo>(),
-                                                topology.value<DeviceTopology>());
+            if (const auto speaker = discoveredSpeaker(n))
+                settings.mergeDiscoveredSpeaker(speaker->first, speaker->second);
         });
     NotificationCenter::defaultCenter().addObserver(
         Notifications::discoveryComplete, [&app](const Notification &) {
@@ -102,11 +98,8 @@ bool hasDisplay()
 
 bool trayHostRegistered()
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    return bus.isConnected() && bus.interface() &&
-           bus.interface()
-               ->isServiceRegistered(QStringLiteral("org.kde.StatusNotifierWatcher"))
-               .value();
+    return busNameHasOwner(QDBusConnection::sessionBus(),
+                           QStringLiteral("org.kde.StatusNotifierWatcher"));
 }
 } // namespace
 

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "ConfigWriter.h"
 
+#include "AtomicFile.h"
 #include "BuildConfig.h"
 #include "Logging.h"
-
-#include <QSaveFile>
 
 QString xmlEscaped(const QString &text, AttributeValueEscape mode)
 {
@@ -70,12 +69,5 @@ bool writeConfigFile(const QString &destination, const std::vector<DeviceSetting
     const QString text = configFileText(records);
     logDebug(text);
 
-    QSaveFile file(destination);
-    const QByteArray bytes = text.toUtf8();
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size() || !file.commit()) {
-        if (error)
-            *error = file.errorString();
-        return false;
-    }
-    return true;
+    return writeFileAtomically(destination, text.toUtf8(), error);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "CrashReporter.h"
 
+#include "AtomicFile.h"
 #include "BuildConfig.h"
 #include "Log.h"
 
@@ -15,7 +16,7 @@
 #include <QFile>
 #include <QHttpMultiPart>
 #include <QNetworkReply>
-#include <QSaveFile>
+#include <QSet>
 #include <QStandardPaths>
 #include <unistd.h>
 
@@ -72,6 +73,22 @@ void copyInto(char *target, size_t size, const QByteArray &text)
     const size_t length = std::min(size - 1, size_t(text.size()));
     std::memcpy(target, text.constData(), length);
     target[length] = '\0';
+}
+
+// The session log a crash record names on its "log " line.
+QString sessionLogOf(const QString &record)
+{
+    for (const QStringView line : QStringView(record).split(QLatin1Char('\n'))) {
+        if (line.startsWith(QLatin1String("log ")))
+            return line.mid(4).toString();
+    }
+    return {};
+}
+
+QString readRecord(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.read(1024 * 1024)) : QString();
 }
 
 QString lastLines(const QString &path, int count)
@@ -154,13 +171,13 @@ void CrashReporter::start()
     const QString sessionLog =
         stateFolder() + QStringLiteral("/session-%1.log").arg(QCoreApplication::applicationPid());
     Log::shared().setSessionFile(sessionLog);
-    const QStringList pending = pendingReports();
+    // Earlier sessions' logs go, except those that a waiting report still needs.
+    QSet<QString> kept{sessionLog};
+    for (const QString &report : pendingReports())
+        kept.insert(sessionLogOf(readRecord(report)));
     for (const QFileInfo &old :
          QDir(stateFolder()).entryInfoList({QStringLiteral("session-*.log")}, QDir::Files)) {
-        bool referenced = old.absoluteFilePath() == sessionLog;
-        for (const QString &report : pending)
-            referenced = referenced || lastLines(report, 1000).contains(old.absoluteFilePath());
-        if (!referenced)
+        if (!kept.contains(old.absoluteFilePath()))
             QFile::remove(old.absoluteFilePath());
     }
 
@@ -222,22 +239,18 @@ void CrashReporter::offer(const QString &path)
     }
     Report report{path, QString::fromUtf8(file.read(1024 * 1024)), QString()};
     file.close();
-    if (!alwaysSend() && !m_prompt) {
+    const bool send = alwaysSend();
+    if (!send && !m_prompt) {
         // Nobody to ask (a headless run): the report waits for a session that can ask.
         REPORTER_LOG(Warning, QStringLiteral("A crash report is waiting in %1").arg(path));
         return;
     }
     if (m_delegate)
         m_delegate->crashManagerWillShowSubmitCrashReportAlert();
-    QString crashedLog;
-    for (const QString &line : report.record.split(QLatin1Char('\n'))) {
-        if (line.startsWith(QLatin1String("log ")))
-            crashedLog = lastLines(line.mid(4), 100);
-    }
     report.attachment = (m_delegate ? m_delegate->applicationLogForCrashManager() : QString()) +
                         QStringLiteral("\n\n--- The log of the session that crashed ---\n") +
-                        crashedLog;
-    if (alwaysSend()) {
+                        lastLines(sessionLogOf(report.record), 100);
+    if (send) {
         handleAnswer(report, Answer::Send);
         return;
     }
@@ -311,12 +324,12 @@ void CrashReporter::send(const Report &report)
 
 void CrashReporter::save(const Report &report, const QString &path)
 {
-    QSaveFile file(path);
     const QByteArray text =
         (report.record + QStringLiteral("\n--- Log ---\n") + report.attachment).toUtf8();
-    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit()) {
-        REPORTER_LOG(Error, QStringLiteral("Failed to save the crash report to %1: %2")
-                                .arg(path, file.errorString()));
+    QString error;
+    if (!writeFileAtomically(path, text, &error)) {
+        REPORTER_LOG(Error,
+                     QStringLiteral("Failed to save the crash report to %1: %2").arg(path, error));
         finish(report, false);
         return;
     }

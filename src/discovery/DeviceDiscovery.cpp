@@ -14,6 +14,17 @@ namespace {
 const QString category = QStringLiteral("SSDP");
 } // namespace
 
+std::optional<std::pair<DeviceInfo, DeviceTopology>>
+discoveredSpeaker(const Notification &notification)
+{
+    const QVariant info = notification.userInfo.value(UserInfoKey::deviceInfo);
+    const QVariant topology = notification.userInfo.value(UserInfoKey::deviceTopology);
+    if (info.metaType() != QMetaType::fromType<DeviceInfo>() ||
+        topology.metaType() != QMetaType::fromType<DeviceTopology>())
+        return std::nullopt;
+    return std::pair(info.value<DeviceInfo>(), topology.value<DeviceTopology>());
+}
+
 QString DiscoveryError::description() const
 {
     if (!message.isEmpty())

@@ -13,6 +13,12 @@
 #include <QObject>
 
 class Settings;
+struct Notification;
+
+// The description and topology that a "deviceDiscovered" event carries, or nothing when either
+// is missing or of another type.
+std::optional<std::pair<DeviceInfo, DeviceTopology>>
+discoveredSpeaker(const Notification &notification);
 
 // An error of the discovery pipeline: the HTTP client's, or one of the three own domains.
 struct DiscoveryError

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "LogExport.h"
 
+#include "AtomicFile.h"
 #include "Log.h"
-
-#include <QSaveFile>
 
 QString LogExport::suggestedFileName(const QDateTime &localTime)
 {
@@ -16,20 +15,7 @@ QString LogExport::suggestedFileName(const QDateTime &localTime)
 
 bool LogExport::writeText(const QString &path, const QString &text, QString *error)
 {
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        if (error)
-            *error = file.errorString();
-        return false;
-    }
-    const QByteArray bytes = text.toUtf8();
-    if (file.write(bytes) != bytes.size() || !file.commit()) {
-        if (error)
-            *error = file.errorString();
-        file.cancelWriting();
-        return false;
-    }
-    return true;
+    return writeFileAtomically(path, text.toUtf8(), error);
 }
 
 bool LogExport::writeLog(const QString &path, QString *error)

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "SoundOutputs.h"
 
+#include "AtomicFile.h"
+#include "DBusNames.h"
 #include "Logging.h"
 
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QSaveFile>
 #include <QStandardPaths>
 
 namespace {
@@ -20,10 +20,10 @@ constexpr int pactlTimeoutMs = 3000;
 bool writeFile(const QString &path, const QByteArray &text, QString *error)
 {
     QDir().mkpath(QFileInfo(path).path());
-    QSaveFile file(path);
-    if (file.open(QIODevice::WriteOnly) && file.write(text) == text.size() && file.commit())
+    QString reason;
+    if (writeFileAtomically(path, text, &reason))
         return true;
-    *error = QStringLiteral("Cannot write %1: %2").arg(path, file.errorString());
+    *error = QStringLiteral("Cannot write %1: %2").arg(path, reason);
     return false;
 }
 } // namespace
@@ -36,11 +36,8 @@ SoundOutputs::SoundOutputs(QString pactl, QString configHome, std::function<bool
         m_configHome = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
     if (!m_avahiRunning) {
         m_avahiRunning = [] {
-            QDBusConnection bus = QDBusConnection::systemBus();
-            return bus.isConnected() && bus.interface() &&
-                   bus.interface()
-                       ->isServiceRegistered(QStringLiteral("org.freedesktop.Avahi"))
-                       .value();
+            return busNameHasOwner(QDBusConnection::systemBus(),
+                                   QStringLiteral("org.freedesktop.Avahi"));
         };
     }
 }

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "LaunchOnLogin.h"
 
+#include "AtomicFile.h"
 #include "Logging.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QSaveFile>
 #include <QStandardPaths>
 
 namespace {
@@ -72,9 +72,8 @@ void LaunchOnLogin::setLaunchOnLogin(bool enabled)
     const QString path = entryPath();
     if (enabled) {
         QDir().mkpath(QFileInfo(path).path());
-        QSaveFile file(path);
-        const QByteArray entry = desktopEntry(QCoreApplication::applicationFilePath());
-        ok = file.open(QIODevice::WriteOnly) && file.write(entry) == entry.size() && file.commit();
+        ok = writeFileAtomically(path, desktopEntry(QCoreApplication::applicationFilePath()),
+                                 nullptr);
     } else {
         ok = !QFile::exists(path) || QFile::remove(path);
     }

@@ -163,9 +163,11 @@ void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView
 {
     const auto cached = m_icons.constFind(url);
     if (cached != m_icons.constEnd()) {
-        rowView->icon()->setPixmap(*cached);
+        if (!cached->isNull())
+            rowView->icon()->setPixmap(*cached);
         return;
     }
+    m_icons.insert(url, QPixmap());
     if (url.scheme() != QLatin1String("http"))
         return;
     QNetworkReply *reply = m_network.get(QNetworkRequest(url));
@@ -179,6 +181,7 @@ void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView
         if (reply->error() != QNetworkReply::NoError || !pixmap.loadFromData(reply->readAll()))
             return;
         m_icons.insert(url, pixmap);
+        // The row may show another speaker by now; only its current speaker's icon goes in.
         if (target && target->deviceLocation && target->deviceLocation->host() == url.host())
             target->icon()->setPixmap(pixmap);
     });

@@ -66,6 +66,8 @@ private:
     std::vector<NotificationCenter::Token> m_listeners;
     bool m_canStop = false;
     QNetworkAccessManager m_network;
+    // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a
+    // table reload never asks a speaker for the same icon twice.
     QHash<QUrl, QPixmap> m_icons;
     SoundOutputs m_soundOutputs;
 };

@@ -202,7 +202,7 @@ qint64 Settings::crashCount() const
 
 void Settings::recordCrashReport()
 {
-    crashesByVersion[currentVersion()] = crashCount() + 1;
+    ++crashesByVersion[currentVersion()]; // a new entry starts at 0
     save();
 }
 

@@ -16,6 +16,8 @@
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -98,6 +100,7 @@ private slots:
     void rows_data();
     void rows();
     void subtitles();
+    void iconsAreFetchedOnce();
     void button_data();
     void button();
     void appStoppedDuringSearch();
@@ -171,6 +174,33 @@ void TestPreferences::subtitles()
     m_window->reloadData();
     QCOMPARE(m_window->row(0)->subtitleLabel()->text(), QStringLiteral("192.0.2.1 - Sonos One"));
     QCOMPARE(m_window->row(1)->subtitleLabel()->text(), QStringLiteral("127.0.1.2"));
+}
+
+void TestPreferences::iconsAreFetchedOnce()
+{
+    // A loopback server that never has the icon: every reload during a search must not ask again.
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    int requests = 0;
+    connect(&server, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        ++requests;
+        socket->write("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        socket->disconnectFromHost();
+    });
+    m_world->add(1);
+    auto icon = std::make_shared<DeviceInfo::Icon>();
+    icon->url =
+        QUrl(QStringLiteral("http://127.0.0.1:%1/img/icon-S3.png").arg(server.serverPort()));
+    m_world->settings->devices.at(location(1)).info.iconList = {icon};
+    for (int i = 0; i < 5; ++i)
+        m_window->reloadData();
+    QTRY_COMPARE(requests, 1);
+    for (int i = 0; i < 5; ++i)
+        m_window->reloadData();
+    QTest::qWait(200);
+    QCOMPARE(requests, 1);
+    QVERIFY(m_window->row(0)->icon()->pixmap().isNull() == false); // the placeholder stays
 }
 
 void TestPreferences::button_data()

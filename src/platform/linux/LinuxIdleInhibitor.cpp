@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "LinuxIdleInhibitor.h"
 
+#include "DBusNames.h"
 #include "Logging.h"
 
 #include <fcntl.h>
-#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
 #include <unistd.h>
@@ -12,12 +12,6 @@
 namespace {
 const QString reason = QStringLiteral("Playing audio on Sonos speakers");
 const QString appId = QStringLiteral("org.corvel.Corvel");
-
-bool hasOwner(const QDBusConnection &bus, const QString &service)
-{
-    return bus.isConnected() && bus.interface() &&
-           bus.interface()->isServiceRegistered(service).value();
-}
 
 QDBusMessage call(const QDBusConnection &bus, const QString &service, const QString &path,
                   const QString &interface, const QString &method, const QVariantList &arguments)
@@ -55,13 +49,13 @@ int LinuxIdleInhibitor::create(const QString &name, quint32 *id)
     int firstError = 0;
     const QString gnome = QStringLiteral("org.gnome.SessionManager");
     const QString powerManagement = QStringLiteral("org.freedesktop.PowerManagement");
-    if (hasOwner(m_session, gnome)) {
+    if (busNameHasOwner(m_session, gnome)) {
         // Flag 4 blocks suspend only, not screen blanking; GNOME honours nothing else here.
         locks.gnomeCookie =
             cookieOf(call(m_session, gnome, QStringLiteral("/org/gnome/SessionManager"), gnome,
                           QStringLiteral("Inhibit"), {appId, 0u, reason, 4u}),
                      QStringLiteral("GNOME session"), &firstError);
-    } else if (hasOwner(m_session, powerManagement)) {
+    } else if (busNameHasOwner(m_session, powerManagement)) {
         const QString interface = QStringLiteral("org.freedesktop.PowerManagement.Inhibit");
         locks.powerManagementCookie =
             cookieOf(call(m_session, powerManagement,
