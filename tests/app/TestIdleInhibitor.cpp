@@ -113,8 +113,12 @@ void TestIdleInhibitor::initTestCase()
 
 void TestIdleInhibitor::cleanupTestCase()
 {
+    // Deleted in their own thread before it stops: a queued deleteLater could be dropped when
+    // the thread's loop quits first, and the objects would leak.
     for (QObject *object : m_objects)
-        QMetaObject::invokeMethod(object, &QObject::deleteLater);
+        QMetaObject::invokeMethod(
+            object, [object] { delete object; }, Qt::BlockingQueuedConnection);
+    m_objects.clear();
     m_serviceThread.quit();
     m_serviceThread.wait();
     for (const char *name : {"service", "client"})
