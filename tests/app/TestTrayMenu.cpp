@@ -187,8 +187,13 @@ void TestTrayMenu::cleanupTestCase()
         process->terminate();
         process->waitForFinished(3000);
     }
-    if (m_watcher)
-        QMetaObject::invokeMethod(m_watcher, &QObject::deleteLater);
+    // Deleted in its own thread before that stops; a queued deleteLater could be dropped.
+    if (m_watcher) {
+        QObject *watcher = m_watcher;
+        QMetaObject::invokeMethod(
+            watcher, [watcher] { delete watcher; }, Qt::BlockingQueuedConnection);
+        m_watcher = nullptr;
+    }
     m_watcherThread.quit();
     m_watcherThread.wait();
     for (const char *name : {"watcher", "panel"})
