@@ -9,6 +9,7 @@
 #include "Settings.h"
 
 #include <QNetworkReply>
+#include <QScopeGuard>
 
 namespace {
 const QString category = QStringLiteral("SSDP");
@@ -53,6 +54,7 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
     logInfo(category, QStringLiteral("searchForDevices"));
     // The user's choices outlive a search: known speakers are only marked not found yet.
     (m_settings ? *m_settings : Settings::shared()).markAllDevicesNotActive();
+    m_answersThisSearch = 0;
 
     SSDPMSearchRequest request;
     request.delegate = this;
@@ -85,7 +87,30 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
 {
     logInfo(category, QStringLiteral("discoveredDevice(") + response.description() +
                           QStringLiteral(", ") + session->description() + QLatin1Char(')'));
-    fetchDeviceInfo(response);
+    if (m_answersThisSearch == maxAnswersPerSearch) {
+        logWarning(category, QStringLiteral("More than %1 answers to one search: ignoring the rest")
+                                 .arg(maxAnswersPerSearch));
+    }
+    if (m_answersThisSearch++ >= maxAnswersPerSearch)
+        return;
+    m_waiting.push_back(response);
+    startWaitingPipelines();
+}
+
+void DeviceDiscovery::startWaitingPipelines()
+{
+    // A pipeline can end at once (a bad location), which calls back here: the outer loop
+    // carries on instead of recursing.
+    if (m_starting)
+        return;
+    m_starting = true;
+    while (m_inFlight < maxPipelinesInFlight && !m_waiting.empty()) {
+        const SSDPMSearchResponse response = m_waiting.front();
+        m_waiting.pop_front();
+        ++m_inFlight;
+        fetchDeviceInfo(response);
+    }
+    m_starting = false;
 }
 
 void DeviceDiscovery::discoveredService(const SSDPMSearchResponse &response,
@@ -192,6 +217,11 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
                                          const std::optional<DeviceTopology> &topology,
                                          const SSDPMSearchResponse &response)
 {
+    // Every pipeline ends here, once: when it is done, its place goes to the next answer.
+    const auto next = qScopeGuard([this] {
+        --m_inFlight;
+        startWaitingPipelines();
+    });
     if (error || !info || !topology) {
         logWarning(category, QStringLiteral("fetchDeviceInfo failed: ") +
                                  (error ? error->description() : QStringLiteral("no error")));

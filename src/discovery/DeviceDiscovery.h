@@ -6,6 +6,7 @@
 #include "DeviceInfo.h"
 #include "SSDPDiscovery.h"
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -44,6 +45,11 @@ class DeviceDiscovery : public QObject, public SSDPDiscoveryDelegate
 public:
     static constexpr int defaultTransferTimeoutMs = 60000;
     static constexpr qint64 maxBodyBytes = 1024 * 1024;
+    // A flood of answers must not become a flood of connections: at most this many answers
+    // are fetched at once (the rest wait their turn), and at most maxAnswersPerSearch of one
+    // search are fetched at all.
+    static constexpr int maxPipelinesInFlight = 32;
+    static constexpr int maxAnswersPerSearch = 1024;
 
     // The process-wide discovery, created on first use on the main thread.
     static DeviceDiscovery &shared();
@@ -80,6 +86,8 @@ private:
     // GETs url and completes with (error, body); the body is empty with an error.
     void fetchXML(const QUrl &url, XmlCompletion completion);
     void fetchDeviceInfo(const SSDPMSearchResponse &response);
+    // Starts waiting pipelines while there is room.
+    void startWaitingPipelines();
     void handleDeviceResult(const std::optional<DiscoveryError> &error,
                             const std::optional<DeviceInfo> &info,
                             const std::optional<DeviceTopology> &topology,
@@ -90,4 +98,8 @@ private:
     std::shared_ptr<SSDPDiscoverySession> m_session;
     std::map<QUrl, DeviceInfo, LocationOrder> m_devices;
     int m_transferTimeoutMs = defaultTransferTimeoutMs;
+    std::deque<SSDPMSearchResponse> m_waiting;
+    int m_inFlight = 0;
+    int m_answersThisSearch = 0;
+    bool m_starting = false;
 };

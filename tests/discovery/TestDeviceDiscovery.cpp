@@ -89,6 +89,7 @@ private slots:
     void socketFailureCompletesWithoutStarting();
     void playerFaults_data();
     void playerFaults();
+    void answerFloodIsBounded();
 
 private:
     std::unique_ptr<Settings> m_settings;
@@ -320,6 +321,44 @@ void TestDeviceDiscovery::playerFaults()
         QCOMPARE(warnings.size(), 1);
         QVERIFY(warnings[0].startsWith(QStringLiteral("fetchDeviceInfo failed: ")));
     }
+}
+
+// Answers naming 1,124 different ports where nothing listens: only 32 fetches run at once,
+// only the first 1,024 answers are fetched at all, and the rest are refused with one line.
+void TestDeviceDiscovery::answerFloodIsBounded()
+{
+    DeviceDiscovery discovery(m_settings.get());
+    discovery.setTransferTimeout(2000);
+    LogCapture capture;
+    discovery.searchForDevices(5);
+    QVERIFY(discovery.session());
+    const int answers = DeviceDiscovery::maxAnswersPerSearch + 100;
+    for (int i = 0; i < answers; ++i) {
+        SSDPMSearchResponse response;
+        response.location = QUrl(QStringLiteral("http://127.0.0.1:%1/xml/d.xml").arg(20000 + i));
+        discovery.discoveredDevice(response, discovery.session());
+    }
+    const auto count = [&capture](const QString &prefix) {
+        const auto entries = capture.entries();
+        return int(std::count_if(entries.begin(), entries.end(), [&prefix](const auto &entry) {
+            return entry.message.startsWith(prefix);
+        }));
+    };
+    QCOMPARE(count("Fetching XML from "), DeviceDiscovery::maxPipelinesInFlight);
+    QCOMPARE(count("More than 1024 answers to one search: ignoring the rest"), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(count("fetchDeviceInfo failed: "),
+                              DeviceDiscovery::maxAnswersPerSearch, 30000);
+    QCOMPARE(count("Fetching XML from "), DeviceDiscovery::maxAnswersPerSearch);
+    QCOMPARE(count("Fetching XML from http://127.0.0.1:21023/"), 1);
+    QCOMPARE(count("Fetching XML from http://127.0.0.1:21024/"), 0);
+
+    // A new search counts afresh.
+    discovery.searchForDevices(5);
+    SSDPMSearchResponse response;
+    response.location = QUrl(QStringLiteral("http://127.0.0.1:19999/xml/d.xml"));
+    discovery.discoveredDevice(response, discovery.session());
+    QCOMPARE(count("Fetching XML from http://127.0.0.1:19999/"), 1);
+    discovery.stopSearching();
 }
 
 QTEST_GUILESS_MAIN(TestDeviceDiscovery)
