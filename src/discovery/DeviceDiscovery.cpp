@@ -10,6 +10,7 @@
 
 #include <QNetworkReply>
 #include <QScopeGuard>
+#include <QTimer>
 
 namespace {
 const QString category = QStringLiteral("SSDP");
@@ -135,8 +136,11 @@ void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
     request.setTransferTimeout(m_transferTimeoutMs);
     QNetworkReply *reply = m_network.get(request);
 
-    // Hostile devices exist: a body past the cap is aborted and counts as a failed fetch.
+    // Hostile devices exist: a body past the cap is aborted and counts as a failed fetch, and
+    // so is a transfer still running after the time-out, however slowly its bytes trickle in
+    // (the client's own time-out only notices silence).
     auto tooLarge = std::make_shared<bool>(false);
+    auto tooSlow = std::make_shared<bool>(false);
     connect(reply, &QNetworkReply::downloadProgress, reply,
             [reply, tooLarge](qint64 received, qint64) {
                 if (received > maxBodyBytes && !*tooLarge) {
@@ -144,17 +148,28 @@ void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
                     reply->abort();
                 }
             });
+    auto *deadline = new QTimer(reply);
+    deadline->setSingleShot(true);
+    connect(deadline, &QTimer::timeout, reply, [reply, tooSlow] {
+        *tooSlow = true;
+        reply->abort();
+    });
+    deadline->start(m_transferTimeoutMs);
     connect(reply, &QNetworkReply::finished, this,
-            [reply, urlText, tooLarge, completion = std::move(completion)] {
+            [this, reply, urlText, tooLarge, tooSlow, completion = std::move(completion)] {
                 // An HTTP status means an answer arrived: its body is used whatever the status,
                 // like any other answer. Only transport failures are errors here.
                 const bool answered =
                     reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
-                if (*tooLarge || !answered) {
-                    DiscoveryError error{
-                        QStringLiteral("QNetworkReply"), static_cast<int>(reply->error()),
-                        *tooLarge ? QStringLiteral("The response is larger than 1 MiB")
-                                  : reply->errorString()};
+                if (*tooLarge || *tooSlow || !answered) {
+                    QString message = reply->errorString();
+                    if (*tooLarge)
+                        message = QStringLiteral("The response is larger than 1 MiB");
+                    else if (*tooSlow)
+                        message = QStringLiteral("No complete response within %1 ms")
+                                      .arg(m_transferTimeoutMs);
+                    DiscoveryError error{QStringLiteral("QNetworkReply"),
+                                         static_cast<int>(reply->error()), message};
                     logError(QStringLiteral("Failed to fetch XML from ") + urlText +
                              QStringLiteral(" - ") + error.description());
                     completion(error, QByteArray());

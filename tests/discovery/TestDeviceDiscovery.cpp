@@ -281,6 +281,10 @@ void TestDeviceDiscovery::playerFaults_data()
     QTest::newRow("no answer within the time-out")
         << int(SimulatedPlayer::DescriptionSlow) << false
         << "Failed to fetch XML from http://127.0.1.1:1400/xml/device_description.xml - ";
+    QTest::newRow("body trickling in past the time-out")
+        << int(SimulatedPlayer::DescriptionTrickle) << false
+        << "Failed to fetch XML from http://127.0.1.1:1400/xml/device_description.xml - No "
+           "complete response within 300 ms";
     QTest::newRow("body over 1 MiB")
         << int(SimulatedPlayer::DescriptionHuge) << false
         << "Failed to fetch XML from http://127.0.1.1:1400/xml/device_description.xml - The "

@@ -5,6 +5,7 @@
 #include <QNetworkInterface>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 #include <QUdpSocket>
 
 namespace {
@@ -85,6 +86,7 @@ QString SpeakerSimulator::faultName(SimulatedPlayer::Fault fault)
                                       "description-garbage",
                                       "description-slow",
                                       "description-huge",
+                                      "description-trickle",
                                       "topology-missing",
                                       "topology-empty",
                                       "silent"};
@@ -221,6 +223,18 @@ void SpeakerSimulator::handleRequest(int index, QTcpSocket *socket)
             break;
         case SimulatedPlayer::DescriptionSlow:
             return; // holds the connection open
+        case SimulatedPlayer::DescriptionTrickle: {
+            const QByteArray body = descriptionXml(player);
+            socket->write(httpResponse("200 OK", "text/xml", body).chopped(body.size()));
+            auto *trickle = new QTimer(socket);
+            connect(trickle, &QTimer::timeout, socket,
+                    [socket, body, sent = qsizetype(0)]() mutable {
+                        if (sent < body.size())
+                            socket->write(body.mid(sent++, 1));
+                    });
+            trickle->start(100);
+            return;
+        }
         case SimulatedPlayer::DescriptionHuge:
             answer = httpResponse("200 OK", "text/xml",
                                   descriptionXml(player) + QByteArray(2 * 1024 * 1024, ' '));

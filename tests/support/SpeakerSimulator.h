@@ -22,6 +22,7 @@ struct SimulatedPlayer
         DescriptionGarbage, // 200 with bytes that are not XML
         DescriptionSlow,    // accepts and never answers
         DescriptionHuge,    // 200 with a 2 MiB body
+        DescriptionTrickle, // 200 whose body arrives one byte every 100 ms
         TopologyMissing,    // current firmware: 404 for /status/topology
         TopologyEmpty,      // <ZPSupportInfo/> without ZonePlayers
         SilentOnSsdp,       // never answers a search

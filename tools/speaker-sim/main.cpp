@@ -49,7 +49,8 @@ int main(int argc, char *argv[])
     const QCommandLineOption fault(
         QStringLiteral("fault"),
         QStringLiteral("Give player INDEX (from 0) a fault: description-404, description-html, "
-                       "description-garbage, description-slow, description-huge, topology-missing, "
+                       "description-garbage, description-slow, description-huge, "
+                       "description-trickle, topology-missing, "
                        "topology-empty, silent. Repeatable."),
         QStringLiteral("index:fault"));
     const QCommandLineOption reportAnswers(
