@@ -51,13 +51,19 @@ std::optional<qint64> JsonReader::integer(const QString &key, bool required)
     const auto v = value(key, required);
     if (!v)
         return std::nullopt;
+    const auto number = integerValue(*v);
+    if (!number)
+        typeMismatch(key, "a 64-bit integer");
+    return number;
+}
+
+std::optional<qint64> JsonReader::integerValue(const QJsonValue &value)
+{
     // toInteger gives its default for a fraction or a value beyond 64 bits; two
     // different defaults tell that apart from a stored 0 or 1.
-    if (!v->isDouble() || v->toInteger(0) != v->toInteger(1)) {
-        typeMismatch(key, "a 64-bit integer");
+    if (!value.isDouble() || value.toInteger(0) != value.toInteger(1))
         return std::nullopt;
-    }
-    return v->toInteger();
+    return value.toInteger();
 }
 
 std::optional<float> JsonReader::floatNumber(const QString &key, bool required)

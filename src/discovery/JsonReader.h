@@ -25,6 +25,9 @@ public:
     std::optional<QJsonArray> array(const QString &key, bool required = false);
     std::optional<QJsonObject> object(const QString &key, bool required = false);
 
+    // A value holding a whole number that fits 64 bits exactly, else nothing.
+    static std::optional<qint64> integerValue(const QJsonValue &value);
+
     bool ok() const { return m_error.isEmpty(); }
     QString error() const { return m_error; }
     // Records a failure found by the caller (the first one wins).

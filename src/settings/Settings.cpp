@@ -117,13 +117,17 @@ std::optional<SettingsDocument> SettingsDocument::decode(const QByteArray &json,
         document.devices.insert_or_assign(*location, std::move(*record));
     }
 
-    JsonReader crashReader(*crashes, QStringLiteral("crashesByVersion"));
+    // Each value is read through its iterator: looking a key up again is not safe, as Qt
+    // orders some keys mixing U+E000..U+FFFF and characters beyond U+FFFF differently when
+    // parsing and when searching, and would not find them.
     for (auto it = crashes->constBegin(); it != crashes->constEnd(); ++it) {
-        if (const auto count = crashReader.integer(it.key(), true))
-            document.crashesByVersion[it.key()] = *count;
+        const auto count = JsonReader::integerValue(it.value());
+        if (!count)
+            return fail(QStringLiteral("crashesByVersion: value for key \"%1\" is not a 64-bit "
+                                       "integer")
+                            .arg(it.key()));
+        document.crashesByVersion[it.key()] = *count;
     }
-    if (!crashReader.ok())
-        return fail(crashReader.error());
 
     document.installedAt = *installedAt;
     document.lastRatingsPrompt = *lastRatingsPrompt;

@@ -71,6 +71,8 @@ private slots:
     void missingVersionCountsUnderPlaceholder();
     void userStoreRoundTrip();
     void unwritableStoreKeepsSessionGoing();
+    void fuzzFindingsRoundTrip_data();
+    void fuzzFindingsRoundTrip();
 
 private:
     QTemporaryDir m_config;
@@ -298,6 +300,34 @@ void TestSettings::unwritableStoreKeepsSessionGoing()
     QCOMPARE(verdict, 1);
     QVERIFY(stored.open(QIODevice::ReadOnly));
     QCOMPARE(stored.readAll(), before);
+}
+
+// Inputs the fuzzer once broke: each loads, saves, and loads again to the same text.
+void TestSettings::fuzzFindingsRoundTrip_data()
+{
+    QTest::addColumn<QString>("path");
+    const QDir folder(QStringLiteral(SETTINGS_REGRESSIONS));
+    for (const QString &name : folder.entryList(QDir::Files))
+        QTest::newRow(qPrintable(name)) << folder.filePath(name);
+    QVERIFY(folder.entryList(QDir::Files).size() > 0);
+}
+
+void TestSettings::fuzzFindingsRoundTrip()
+{
+    QFETCH(QString, path);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    auto storage = std::make_unique<MemorySettingsStorage>();
+    MemorySettingsStorage *memory = storage.get();
+    memory->text = QString::fromUtf8(file.readAll());
+    auto settings = Settings::load(std::move(storage));
+    settings->save();
+    const QString saved = memory->text.value_or(QString());
+    QString error;
+    QVERIFY2(SettingsDocument::decode(saved.toUtf8(), &error), qPrintable(error));
+    auto again = Settings::load(std::make_unique<MemorySettingsStorage>(*memory));
+    again->save();
+    QCOMPARE(again->storage().read(), saved);
 }
 
 QTEST_GUILESS_MAIN(TestSettings)
