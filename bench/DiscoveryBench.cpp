@@ -108,9 +108,11 @@ int main(int argc, char *argv[])
     }
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    std::printf("| %d | %zu | %.1f | %.1f | %.1f | %.1f | %.1f |\n", players, eventAt.size(),
-                double(lastEvent - start) / 1e6, double(lastEvent - lastAnswer) / 1e6,
-                percentile(latencies, 0.5), percentile(latencies, 0.99),
-                double(usage.ru_maxrss) / 1024.0);
+    std::printf(
+        "| discovery, %d player%s | %zu found; search to last event %.1f ms (last answer to "
+        "last event %.1f ms); answer to event median %.1f ms, p99 %.1f ms | %.1f |\n",
+        players, players == 1 ? "" : "s", eventAt.size(), double(lastEvent - start) / 1e6,
+        double(lastEvent - lastAnswer) / 1e6, percentile(latencies, 0.5),
+        percentile(latencies, 0.99), double(usage.ru_maxrss) / 1024.0);
     return int(eventAt.size()) == players ? 0 : 1;
 }

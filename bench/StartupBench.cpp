@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Start-up of the headless program: from starting the process to its first search, over
+// several runs, with the peak memory it reached by then. It searches, so run it through
+// scripts/netns (scripts/bench).
+//   corvel-bench-startup RUNS
+#include <algorithm>
+#include <cstdio>
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+namespace {
+double peakMiBOf(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024;
+    }
+    return 0;
+}
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const int runs = argc > 1 ? std::max(1, atoi(argv[1])) : 10;
+    std::vector<double> ms;
+    std::vector<double> peaks;
+    for (int run = 0; run < runs; ++run) {
+        QTemporaryDir home;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.path());
+        env.insert(QStringLiteral("XDG_STATE_HOME"), home.filePath(QStringLiteral("state")));
+        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+        QProcess corvel;
+        corvel.setProcessEnvironment(env);
+        corvel.setProcessChannelMode(QProcess::MergedChannels);
+        QElapsedTimer timer;
+        timer.start();
+        corvel.start(QStringLiteral(CORVEL_EXECUTABLE), {QStringLiteral("--headless")});
+        QByteArray output;
+        while (!output.contains("[Info][SSDP] searchForDevices") && timer.elapsed() < 20000 &&
+               corvel.waitForReadyRead(20000))
+            output += corvel.readAll();
+        const double took = double(timer.nsecsElapsed()) / 1e6;
+        const bool searched = output.contains("[Info][SSDP] searchForDevices");
+        peaks.push_back(peakMiBOf(corvel.processId()));
+        corvel.terminate();
+        corvel.waitForFinished(10000);
+        if (!searched) {
+            std::fprintf(stderr, "corvel did not start a search:\n%s\n",
+                         output.right(2000).constData());
+            return 1;
+        }
+        ms.push_back(took);
+    }
+    std::sort(ms.begin(), ms.end());
+    std::sort(peaks.begin(), peaks.end());
+    std::printf(
+        "| headless start-up to first search | median %.0f ms, slowest %.0f ms (%d runs) | %.1f "
+        "|\n",
+        ms[ms.size() / 2], ms.back(), runs, peaks.back());
+    return 0;
+}
