@@ -101,9 +101,20 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
             raise(SIGTERM);
     });
     connect(process, &QProcess::readyReadStandardOutput, this, [this, process] {
-        const QByteArray chunk = process->readAllStandardOutput();
-        if (process == m_process)
-            handleOutput(chunk);
+        // When Corvel falls behind a chatty bridge, the output waiting can be megabytes; it is
+        // taken in pieces of at most maxOutputChunk bytes, cut after a line where one ends, so
+        // that every log entry stays small and characters are not split.
+        while (process->bytesAvailable() > 0) {
+            QByteArray chunk = process->peek(maxOutputChunk);
+            if (process->bytesAvailable() > chunk.size()) {
+                const qsizetype lineEnd = chunk.lastIndexOf('\n');
+                if (lineEnd >= 0)
+                    chunk.truncate(lineEnd + 1);
+            }
+            process->skip(chunk.size());
+            if (process == m_process)
+                handleOutput(chunk);
+        }
     });
     connect(process, &QProcess::started, this, [] { post(Notifications::serviceStarted); });
     connect(process, &QProcess::errorOccurred, this, [process](QProcess::ProcessError error) {

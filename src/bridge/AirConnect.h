@@ -16,6 +16,8 @@ class AirConnect : public QObject
 public:
     static constexpr int defaultWatchdogDelayMs = 20000;
     static constexpr int quitGraceMs = 3000;
+    // The most output passed to handleOutput at once.
+    static constexpr qint64 maxOutputChunk = 8192;
 
     // The process-wide supervisor, created on first use on the main thread.
     static AirConnect &shared();

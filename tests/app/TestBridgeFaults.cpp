@@ -9,6 +9,7 @@
 #include "LogCapture.h"
 #include "MainQueue.h"
 #include "Notifications.h"
+#include "Sanitizers.h"
 #include "Settings.h"
 #include "SSDPMessages.h"
 #include "StaleBridges.h"
@@ -22,6 +23,7 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 #include <unistd.h>
 
@@ -123,8 +125,9 @@ private:
 
 void TestBridgeFaults::initTestCase()
 {
-    // Named like a release of the bridge, so the stale-bridge sweep recognises it.
-    m_bridgeName = QStringLiteral("airupnp-linux-x86_64");
+    // A name of its own: the stale-bridge sweep ends every process of the launched file's name,
+    // and suites running at the same time must not end each other's bridges.
+    m_bridgeName = QStringLiteral("airupnp-faults");
     const QString bridge = m_dir.filePath(m_bridgeName);
     QVERIFY(QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge));
     QFile::setPermissions(bridge, QFile::ReadOwner | QFile::ExeOwner);
@@ -252,7 +255,13 @@ void TestBridgeFaults::faults()
         return std::any_of(entries.begin(), entries.end(),
                            [&line](const auto &entry) { return entry.message.startsWith(line); });
     };
-    QTRY_VERIFY_WITH_TIMEOUT(logged(), 15000);
+    const auto messages = [&capture] {
+        QStringList all;
+        for (const auto &entry : capture.entries())
+            all << entry.message.left(200);
+        return all.join(QLatin1Char('\n')).toUtf8();
+    };
+    QTRY_VERIFY2_WITH_TIMEOUT(logged(), messages().constData(), 30000);
     QTRY_COMPARE(titles(*m_app), QStringList({status, command}));
     QVERIFY(!m_bridge->process());
     QTRY_VERIFY(childProcesses(false).isEmpty());
@@ -276,6 +285,10 @@ void TestBridgeFaults::outputFloodKeepsMemoryBounded()
     QElapsedTimer elapsed;
     elapsed.start();
     m_app->applicationDidFinishLaunching();
+    // Fall behind at once, as a busy machine would: the pipe fills while nothing reads it.
+    QTRY_VERIFY(m_bridge->process());
+    QVERIFY(m_bridge->process()->waitForStarted());
+    QThread::msleep(300);
     const bool ready = runUntil(
         [this] { return m_app->firstMenuItem()->text() == AppDelegate::statusRunning; }, 30000);
     const qint64 took = elapsed.elapsed();
@@ -287,8 +300,13 @@ void TestBridgeFaults::outputFloodKeepsMemoryBounded()
     qInfo("50 MB of bridge output read in %lld ms: resident memory %.1f MiB before, %.1f MiB "
           "after",
           took, before, after);
-    QVERIFY2(after - before < 40, qPrintable(QString::number(after - before)));
-    QVERIFY(Log::shared().text(Log::maxLines).size() < 16 * 1024 * 1024);
+    if (!CORVEL_UNDER_SANITIZER)
+        QVERIFY2(after - before < 40, qPrintable(QString::number(after - before)));
+    // Each entry is one piece of output of at most 8 KiB, however far behind the reader fell.
+    qsizetype longest = 0;
+    for (const LogMessage &entry : Log::shared().lines())
+        longest = std::max(longest, entry.message.size());
+    QVERIFY2(longest <= AirConnect::maxOutputChunk, qPrintable(QString::number(longest)));
 }
 
 void TestBridgeFaults::fiveHundredOnOffCycles()
@@ -320,7 +338,8 @@ void TestBridgeFaults::fiveHundredOnOffCycles()
     qInfo("500 on/off cycles in %lld ms: resident memory %.1f MiB before, %.1f MiB after; "
           "%d descriptors before and after",
           elapsed.elapsed(), before, after, descriptors);
-    QVERIFY2(after - before < 4, qPrintable(QString::number(after - before)));
+    if (!CORVEL_UNDER_SANITIZER)
+        QVERIFY2(after - before < 4, qPrintable(QString::number(after - before)));
     QTRY_COMPARE(titles(*m_app),
                  QStringList({AppDelegate::statusRunning, AppDelegate::commandTurnOff}));
     Logging::setDefaultLevel(LogLevel::Info);
