@@ -120,7 +120,7 @@ int benchHandleOutput()
 int benchBridge(const char *fakeBridge)
 {
     QTemporaryDir dir;
-    const QString bridgePath = dir.filePath(QStringLiteral("airupnp-linux-x86_64"));
+    const QString bridgePath = dir.filePath(QStringLiteral("airupnp-bench"));
     QFile::copy(QString::fromLocal8Bit(fakeBridge), bridgePath);
     QFile::setPermissions(bridgePath, QFile::ReadOwner | QFile::ExeOwner);
     constexpr qint64 total = 50LL * 1000 * 1000;

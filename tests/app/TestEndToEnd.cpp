@@ -40,7 +40,8 @@ void TestEndToEnd::headlessRunConfiguresAndStopsTheBridge()
     QTemporaryDir home;
     const QString record = home.filePath(QStringLiteral("record"));
     QVERIFY(QDir().mkpath(record));
-    const QString bridge = home.filePath(QStringLiteral("airupnp-linux-x86_64"));
+    // A name of its own, so suites running beside it never sweep its bridge away as stale.
+    const QString bridge = home.filePath(QStringLiteral("airupnp-endtoend"));
     QVERIFY(QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge));
     QFile::setPermissions(bridge, QFile::ReadOwner | QFile::ExeOwner);
 
