@@ -9,6 +9,7 @@
 #include "LogCapture.h"
 #include "MainQueue.h"
 #include "Notifications.h"
+#include "ProcessCensus.h"
 #include "Sanitizers.h"
 #include "Settings.h"
 #include "SSDPMessages.h"
@@ -28,43 +29,12 @@
 #include <unistd.h>
 
 namespace {
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-int openDescriptors()
-{
-    return int(QDir(QStringLiteral("/proc/self/fd"))
-                   .entryList(QDir::NoDotAndDotDot | QDir::System)
-                   .size());
-}
-
-// Children of this process; only zombies when zombiesOnly.
-QList<int> childProcesses(bool zombiesOnly)
-{
-    QList<int> found;
-    const QByteArray self = QByteArray::number(getpid());
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        const QByteArray stat = readFile("/proc/" + entry + "/stat");
-        const qsizetype close = stat.lastIndexOf(')');
-        if (close < 0)
-            continue;
-        const QList<QByteArray> fields = stat.mid(close + 2).split(' ');
-        if (fields.size() > 1 && fields[1] == self && (!zombiesOnly || fields[0] == "Z"))
-            found << entry.toInt();
-    }
-    return found;
-}
+using census::childProcesses;
+using census::openDescriptors;
 
 double residentMiB()
 {
-    for (const QByteArray &line : readFile(QStringLiteral("/proc/self/status")).split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024;
-    }
-    return 0;
+    return census::memoryMiB("VmRSS");
 }
 
 struct NoInhibitor : IdleInhibitor

@@ -3,6 +3,7 @@
 // and malicious description servers, a flood of answers, and a 256-player household. Every run
 // must leave Corvel running and answering, log what went wrong, and keep the user's choices.
 #include "NetworkGuard.h"
+#include "ProcessCensus.h"
 #include "Settings.h"
 #include "SpeakerSimulator.h"
 
@@ -208,11 +209,7 @@ struct Usage
 Usage usageOf(qint64 pid)
 {
     Usage usage;
-    for (const QByteArray &line :
-         readFile(QStringLiteral("/proc/%1/status").arg(pid)).split('\n')) {
-        if (line.startsWith("VmHWM:"))
-            usage.peakMiB = line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024;
-    }
+    usage.peakMiB = census::memoryMiB("VmHWM", QString::number(pid));
     // Fields after the parenthesised command name: utime and stime are the 12th and 13th.
     const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
     const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');

@@ -5,6 +5,7 @@
 #include "LogCapture.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
+#include "ProcessCensus.h"
 #include "StaleBridges.h"
 
 #include <csignal>
@@ -45,28 +46,8 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// Open descriptors, children and zombie children of this process.
-int openDescriptors()
-{
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/fd"))
-                                .entryList(QDir::NoDotAndDotDot | QDir::System)
-                                .size());
-}
-QList<int> childProcesses(bool zombiesOnly)
-{
-    QList<int> found;
-    const QByteArray self = QByteArray::number(getpid());
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        const QByteArray stat = readFile("/proc/" + entry + "/stat");
-        const qsizetype close = stat.lastIndexOf(')');
-        if (close < 0)
-            continue;
-        const QList<QByteArray> fields = stat.mid(close + 2).split(' ');
-        if (fields.size() > 1 && fields[1] == self && (!zombiesOnly || fields[0] == "Z"))
-            found << entry.toInt();
-    }
-    return found;
-}
+using census::childProcesses;
+using census::openDescriptors;
 
 DeviceSettings speaker()
 {
