@@ -444,11 +444,18 @@ void TestHostileNetwork::answerFlood()
     QVERIFY2(corvel.waitFor("Discovery complete, starting AirConnect", 20000),
              corvel.output.right(4000).constData());
     QVERIFY2(corvel.waitFor("adding renderer", 30000), corvel.output.right(4000).constData());
-    QVERIFY(corvel.output.contains("More than 1024 answers to one search: ignoring the rest"));
+    // Past 1,024 answers the rest are refused with one line; a loaded machine may drop some
+    // datagrams before Corvel reads them, but never so many that the flood goes unnoticed.
+    const qsizetype answers = corvel.output.count("[Info][SSDP] discoveredDevice(");
+    QVERIFY2(answers > 200, QByteArray::number(answers).constData());
+    QCOMPARE(corvel.output.contains("More than 1024 answers to one search: ignoring the rest"),
+             answers > 1024);
     QVERIFY(corvel.running());
     const Usage after = usageOf(corvel.pid());
-    qInfo("answer flood: peak memory %.1f MiB; CPU %.2f s in the first 1.5 s, %.2f s in all",
-          after.peakMiB, during.cpuSeconds - before.cpuSeconds, after.cpuSeconds);
+    qInfo("answer flood: %lld valid answers read; peak memory %.1f MiB; CPU %.2f s in the first "
+          "1.5 s, %.2f s in all",
+          static_cast<long long>(answers), after.peakMiB, during.cpuSeconds - before.cpuSeconds,
+          after.cpuSeconds);
     QVERIFY(corvel.stop());
     QVERIFY(corvel.bridgeConfig().contains("<name>Living Room - PLAY:3</name>"));
 }
