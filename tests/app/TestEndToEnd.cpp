@@ -1,24 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Corvel as a user runs it on a server: build/bin/corvel --headless against a simulated
 // household (its own process) and the fake bridge, inside a private network namespace.
+#include "HeadlessCorvel.h"
 #include "NetworkGuard.h"
 #include "Settings.h"
 
-#include <csignal>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QTest>
-
 namespace {
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QByteArray deviceBlock(const QByteArray &udn, const QByteArray &name, int enabled)
 {
     return "<device>\n  <udn>uuid:" + udn + "</udn>\n  <name>" + name + "</name>\n  <enabled>" +
@@ -38,12 +25,6 @@ private slots:
 void TestEndToEnd::headlessRunConfiguresAndStopsTheBridge()
 {
     QTemporaryDir home;
-    const QString record = home.filePath(QStringLiteral("record"));
-    QVERIFY(QDir().mkpath(record));
-    // A name of its own, so suites running beside it never sweep its bridge away as stale.
-    const QString bridge = home.filePath(QStringLiteral("airupnp-endtoend"));
-    QVERIFY(QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge));
-    QFile::setPermissions(bridge, QFile::ReadOwner | QFile::ExeOwner);
 
     QProcess simulator;
     simulator.start(QStringLiteral(SPEAKER_SIM), {"--players", "3", "--groups", "2", "--boost"});
@@ -63,40 +44,23 @@ void TestEndToEnd::headlessRunConfiguresAndStopsTheBridge()
         settings->setDeviceEnabled(known.location, false);
     }
 
-    QProcess corvel;
-    corvel.setProcessChannelMode(QProcess::MergedChannels);
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.path());
-    env.insert(QStringLiteral("XDG_STATE_HOME"), home.filePath(QStringLiteral("state")));
-    env.insert(QStringLiteral("CORVEL_BRIDGE"), bridge);
-    env.insert(QStringLiteral("FAKE_BRIDGE_RECORD_DIR"), record);
-    env.insert(QStringLiteral("FAKE_BRIDGE_READY_MS"), QStringLiteral("100"));
-    env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-    corvel.setProcessEnvironment(env);
-    corvel.start(QStringLiteral(CORVEL_EXECUTABLE), {"--headless"});
-    QVERIFY(corvel.waitForStarted());
-
-    QByteArray output;
-    QElapsedTimer waited;
-    waited.start();
-    while (!output.contains("adding renderer") && waited.elapsed() < 30000 &&
-           corvel.state() == QProcess::Running) {
-        corvel.waitForReadyRead(500);
-        output += corvel.readAll();
-    }
-    QVERIFY2(output.contains("adding renderer"), output.right(3000).constData());
+    HeadlessCorvel corvel(QStringLiteral(CORVEL_EXECUTABLE), QStringLiteral(FAKE_BRIDGE),
+                          QStringLiteral("airupnp-endtoend"),
+                          home.filePath(QStringLiteral("config")));
+    QVERIFY(corvel.running());
+    QVERIFY2(corvel.waitFor("adding renderer", 30000), corvel.output.right(3000).constData());
+    const QByteArray &output = corvel.output;
 
     // What the bridge was given: coordinators on, the group member and the speaker the user
     // switched off written as 0, no BOOST.
-    const QByteArray config = readFile(record + "/config.xml");
+    const QByteArray config = corvel.bridgeRecord(QStringLiteral("config.xml"));
     QVERIFY(config.contains(deviceBlock("RINCON_000E5800000101400", "Living Room - PLAY:3", 0)));
     QVERIFY(config.contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 1)));
     QVERIFY(config.contains(deviceBlock("RINCON_000E5800000301400", "Bedroom - PLAY:3", 0)));
     QCOMPARE(config.count("<device>"), 3);
     QVERIFY(!config.contains("BOOST"));
-    QCOMPARE(readFile(record + "/args.txt"),
-             "-Z\n-x\n" + home.filePath("airupnp.xml").toUtf8() + "\n");
+    QCOMPARE(corvel.bridgeRecord(QStringLiteral("args.txt")),
+             "-Z\n-x\n" + QDir(corvel.runtimeDir()).filePath("airupnp.xml").toUtf8() + "\n");
 
     // The lifecycle, in order.
     const QList<QByteArray> milestones = {"[Info][default] applicationDidFinishLaunching",
@@ -113,16 +77,13 @@ void TestEndToEnd::headlessRunConfiguresAndStopsTheBridge()
         at = found;
     }
 
-    const pid_t bridgePid = readFile(record + "/pid").toInt();
+    const pid_t bridgePid = corvel.bridgeRecord(QStringLiteral("pid")).toInt();
     QVERIFY(bridgePid > 0);
     QElapsedTimer stopping;
     stopping.start();
-    ::kill(pid_t(corvel.processId()), SIGTERM);
-    QVERIFY(corvel.waitForFinished(5000));
+    QVERIFY(corvel.stop()); // exit 0
     QVERIFY(stopping.elapsed() < 5000);
-    QCOMPARE(corvel.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(corvel.exitCode(), 0);
-    QVERIFY(corvel.readAll().contains("applicationWillTerminate"));
+    QVERIFY(corvel.output.contains("applicationWillTerminate"));
     QVERIFY(::kill(bridgePid, 0) != 0); // the bridge is gone (and reaped by Corvel)
 
     simulator.terminate();

@@ -2,22 +2,16 @@
 // The headless program against a hostile network, inside a private network namespace: broken
 // and malicious description servers, a flood of answers, and a 256-player household. Every run
 // must leave Corvel running and answering, log what went wrong, and keep the user's choices.
+#include "HeadlessCorvel.h"
 #include "NetworkGuard.h"
-#include "ProcessCensus.h"
 #include "Settings.h"
 #include "SpeakerSimulator.h"
 
-#include <csignal>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
 #include <QNetworkDatagram>
 #include <QNetworkInterface>
-#include <QProcess>
 #include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QUdpSocket>
@@ -26,12 +20,6 @@
 namespace {
 const QUrl knownLocation(QStringLiteral("http://127.0.9.9:1400/xml/device_description.xml"));
 const QString knownName = QStringLiteral("Den speaker");
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 QByteArray searchResponse(const QUrl &location, int index)
 {
@@ -211,80 +199,23 @@ Usage usageOf(qint64 pid)
     Usage usage;
     usage.peakMiB = census::memoryMiB("VmHWM", QString::number(pid));
     // Fields after the parenthesised command name: utime and stime are the 12th and 13th.
-    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray stat = census::readWholeFile(QStringLiteral("/proc/%1/stat").arg(pid));
     const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
     usage.cpuSeconds =
         (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(sysconf(_SC_CLK_TCK));
     return usage;
 }
 
-// build/bin/corvel --headless with its own folders and the fake bridge; output collected as the
-// test's event loop runs, so servers in this process keep answering.
-class CorvelRun : public QObject
+// The headless program with this suite's bridge name and the suite's settings folder.
+class CorvelRun : public HeadlessCorvel
 {
 public:
     explicit CorvelRun(const QString &configHome)
+        : HeadlessCorvel(QStringLiteral(CORVEL_EXECUTABLE), QStringLiteral(FAKE_BRIDGE),
+                         QStringLiteral("airupnp-hostile"), configHome)
     {
-        m_record = m_home.filePath(QStringLiteral("record"));
-        QDir().mkpath(m_record);
-        // A name of its own, so suites running beside it never sweep its bridge away as stale.
-        const QString bridge = m_home.filePath(QStringLiteral("airupnp-hostile"));
-        QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge);
-        QFile::setPermissions(bridge, QFile::ReadOwner | QFile::ExeOwner);
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), configHome);
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_home.path());
-        env.insert(QStringLiteral("XDG_STATE_HOME"), m_home.filePath(QStringLiteral("state")));
-        env.insert(QStringLiteral("CORVEL_BRIDGE"), bridge);
-        env.insert(QStringLiteral("FAKE_BRIDGE_RECORD_DIR"), m_record);
-        env.insert(QStringLiteral("FAKE_BRIDGE_READY_MS"), QStringLiteral("100"));
-        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        m_process.setProcessEnvironment(env);
-        m_process.setProcessChannelMode(QProcess::MergedChannels);
-        connect(&m_process, &QProcess::readyRead, this, [this] { output += m_process.readAll(); });
-        m_process.start(QStringLiteral(CORVEL_EXECUTABLE), {"--headless"});
-        m_process.waitForStarted();
     }
-    ~CorvelRun() override
-    {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.kill();
-            m_process.waitForFinished();
-        }
-    }
-
-    bool running() const { return m_process.state() == QProcess::Running; }
-    qint64 pid() const { return m_process.processId(); }
-    QByteArray bridgeConfig() const { return readFile(m_record + "/config.xml"); }
-
-    // Waits, serving the event loop, until the output holds text (count times).
-    bool waitFor(const QByteArray &text, int timeoutMs, qsizetype count = 1)
-    {
-        QElapsedTimer waited;
-        waited.start();
-        while (output.count(text) < count && waited.elapsed() < timeoutMs && running())
-            QTest::qWait(50);
-        return output.count(text) >= count;
-    }
-
-    // SIGTERM, as a service manager stops it: a responsive program exits 0 promptly.
-    bool stop()
-    {
-        ::kill(pid_t(m_process.processId()), SIGTERM);
-        QElapsedTimer waited;
-        waited.start();
-        while (m_process.state() != QProcess::NotRunning && waited.elapsed() < 10000)
-            QTest::qWait(50);
-        return m_process.state() == QProcess::NotRunning &&
-               m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
-    }
-
-    QByteArray output;
-
-private:
-    QTemporaryDir m_home;
-    QString m_record;
-    QProcess m_process;
+    QByteArray bridgeConfig() const { return bridgeRecord(QStringLiteral("config.xml")); }
 };
 } // namespace
 

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 namespace census {
-inline QByteArray readProcFile(const QString &path)
+inline QByteArray readWholeFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
@@ -28,7 +28,7 @@ inline QList<int> childProcesses(bool zombiesOnly)
     QList<int> found;
     const QByteArray self = QByteArray::number(getpid());
     for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        const QByteArray stat = readProcFile("/proc/" + entry + "/stat");
+        const QByteArray stat = readWholeFile("/proc/" + entry + "/stat");
         const qsizetype close = stat.lastIndexOf(')');
         if (close < 0)
             continue;
@@ -42,7 +42,7 @@ inline QList<int> childProcesses(bool zombiesOnly)
 // A "Vm...:" figure of /proc/PID/status in MiB (VmRSS now, VmHWM the peak); 0 if unknown.
 inline double memoryMiB(const QByteArray &field, const QString &pid = QStringLiteral("self"))
 {
-    for (const QByteArray &line : readProcFile("/proc/" + pid + "/status").split('\n')) {
+    for (const QByteArray &line : readWholeFile("/proc/" + pid + "/status").split('\n')) {
         if (line.startsWith(field + ':'))
             return line.mid(field.size() + 1).trimmed().split(' ').value(0).toDouble() / 1024;
     }
