@@ -132,44 +132,38 @@ void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
 {
     const QString urlText = absoluteString(url);
     logInfo(QStringLiteral("Fetching XML from ") + urlText);
-    QNetworkRequest request(url);
-    request.setTransferTimeout(m_transferTimeoutMs);
-    QNetworkReply *reply = m_network.get(request);
+    QNetworkReply *reply = m_network.get(QNetworkRequest(url));
 
     // Hostile devices exist: a body past the cap is aborted and counts as a failed fetch, and
-    // so is a transfer still running after the time-out, however slowly its bytes trickle in
-    // (the client's own time-out only notices silence).
-    auto tooLarge = std::make_shared<bool>(false);
-    auto tooSlow = std::make_shared<bool>(false);
-    connect(reply, &QNetworkReply::downloadProgress, reply,
-            [reply, tooLarge](qint64 received, qint64) {
-                if (received > maxBodyBytes && !*tooLarge) {
-                    *tooLarge = true;
-                    reply->abort();
-                }
-            });
+    // so is a transfer not complete within the time-out, whether the server is silent or
+    // trickles its bytes. The first reason to abort is the one reported.
+    auto abortReason = std::make_shared<QString>();
+    const auto abortWith = [reply, abortReason](const QString &reason) {
+        if (abortReason->isEmpty()) {
+            *abortReason = reason;
+            reply->abort();
+        }
+    };
+    connect(reply, &QNetworkReply::downloadProgress, reply, [abortWith](qint64 received, qint64) {
+        if (received > maxBodyBytes)
+            abortWith(QStringLiteral("The response is larger than 1 MiB"));
+    });
     auto *deadline = new QTimer(reply);
     deadline->setSingleShot(true);
-    connect(deadline, &QTimer::timeout, reply, [reply, tooSlow] {
-        *tooSlow = true;
-        reply->abort();
+    connect(deadline, &QTimer::timeout, reply, [abortWith, timeoutMs = m_transferTimeoutMs] {
+        abortWith(QStringLiteral("No complete response within %1 ms").arg(timeoutMs));
     });
     deadline->start(m_transferTimeoutMs);
     connect(reply, &QNetworkReply::finished, this,
-            [this, reply, urlText, tooLarge, tooSlow, completion = std::move(completion)] {
+            [reply, urlText, abortReason, completion = std::move(completion)] {
                 // An HTTP status means an answer arrived: its body is used whatever the status,
                 // like any other answer. Only transport failures are errors here.
                 const bool answered =
                     reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
-                if (*tooLarge || *tooSlow || !answered) {
-                    QString message = reply->errorString();
-                    if (*tooLarge)
-                        message = QStringLiteral("The response is larger than 1 MiB");
-                    else if (*tooSlow)
-                        message = QStringLiteral("No complete response within %1 ms")
-                                      .arg(m_transferTimeoutMs);
-                    DiscoveryError error{QStringLiteral("QNetworkReply"),
-                                         static_cast<int>(reply->error()), message};
+                if (!abortReason->isEmpty() || !answered) {
+                    DiscoveryError error{
+                        QStringLiteral("QNetworkReply"), static_cast<int>(reply->error()),
+                        abortReason->isEmpty() ? reply->errorString() : *abortReason};
                     logError(QStringLiteral("Failed to fetch XML from ") + urlText +
                              QStringLiteral(" - ") + error.description());
                     completion(error, QByteArray());

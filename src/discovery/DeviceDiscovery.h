@@ -71,7 +71,7 @@ public:
     // Every player described since the program started, by location.
     const std::map<QUrl, DeviceInfo, LocationOrder> &devices() const { return m_devices; }
 
-    // The time-out of each HTTP transfer; 60 seconds unless a test shortens it.
+    // How long each HTTP transfer may take in all; 60 seconds unless a test shortens it.
     void setTransferTimeout(int ms) { m_transferTimeoutMs = ms; }
 
     void discoveredDevice(const SSDPMSearchResponse &response,
