@@ -3,6 +3,7 @@
 // peak memory printed belongs to that benchmark alone. Prints one row of the bench table.
 //   corvel-bench-core log | text | output | bridge
 #include "AirConnect.h"
+#include "BenchFigures.h"
 #include "Log.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
@@ -14,24 +15,9 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QTimer>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
-double peakMiB()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_maxrss) / 1024.0;
-}
-
-double percentile(std::vector<double> values, double p)
-{
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0
-                          : values[std::min(values.size() - 1, size_t(p * double(values.size())))];
-}
-
 // The echo goes where a service's standard error would: a file, here /dev/null.
 void echoToDevNull(Log &log)
 {

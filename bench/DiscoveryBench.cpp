@@ -3,6 +3,7 @@
 // search's start to the last "deviceDiscovered", each player's time from its SSDP answer to
 // its event, and this process's peak memory. Run it through scripts/netns (scripts/bench).
 //   corvel-bench-discovery PLAYERS
+#include "BenchFigures.h"
 #include "DeviceDiscovery.h"
 #include "Log.h"
 #include "NotificationCenter.h"
@@ -17,7 +18,6 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QTimer>
-#include <sys/resource.h>
 
 namespace {
 qint64 monotonicNanoseconds()
@@ -27,14 +27,6 @@ qint64 monotonicNanoseconds()
     return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-double percentile(std::vector<double> values, double p)
-{
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    const size_t index = std::min(values.size() - 1, size_t(p * double(values.size() - 1) + 0.5));
-    return values[index];
-}
 } // namespace
 
 int main(int argc, char *argv[])
@@ -106,13 +98,11 @@ int main(int argc, char *argv[])
             lastAnswer = std::max(lastAnswer, answered->second);
         }
     }
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
     std::printf(
         "| discovery, %d player%s | %zu found; search to last event %.1f ms (last answer to "
         "last event %.1f ms); answer to event median %.1f ms, p99 %.1f ms | %.1f |\n",
         players, players == 1 ? "" : "s", eventAt.size(), double(lastEvent - start) / 1e6,
         double(lastEvent - lastAnswer) / 1e6, percentile(latencies, 0.5),
-        percentile(latencies, 0.99), double(usage.ru_maxrss) / 1024.0);
+        percentile(latencies, 0.99), peakMiB());
     return int(eventAt.size()) == players ? 0 : 1;
 }

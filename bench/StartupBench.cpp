@@ -3,6 +3,8 @@
 // several runs, with the peak memory it reached by then. It searches, so run it through
 // scripts/netns (scripts/bench).
 //   corvel-bench-startup RUNS
+#include "ProcessCensus.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <QCoreApplication>
@@ -10,20 +12,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
-
-namespace {
-double peakMiBOf(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024;
-    }
-    return 0;
-}
-} // namespace
 
 int main(int argc, char *argv[])
 {
@@ -50,7 +38,7 @@ int main(int argc, char *argv[])
             output += corvel.readAll();
         const double took = double(timer.nsecsElapsed()) / 1e6;
         const bool searched = output.contains("[Info][SSDP] searchForDevices");
-        peaks.push_back(peakMiBOf(corvel.processId()));
+        peaks.push_back(census::memoryMiB("VmHWM", QString::number(corvel.processId())));
         corvel.terminate();
         corvel.waitForFinished(10000);
         if (!searched) {
