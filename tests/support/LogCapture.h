@@ -63,6 +63,22 @@ public:
         }
         return false;
     }
+    // How many messages, at any level, begin with prefix.
+    int countStartingWith(const QString &prefix) const
+    {
+        int count = 0;
+        for (const Entry &entry : entries())
+            count += entry.message.startsWith(prefix) ? 1 : 0;
+        return count;
+    }
+    // Every message, one a line, for failure reports.
+    QByteArray allMessages() const
+    {
+        QStringList all;
+        for (const Entry &entry : entries())
+            all << entry.message;
+        return all.join(QLatin1Char('\n')).toUtf8();
+    }
     void clear()
     {
         QMutexLocker locker(&m_mutex);
