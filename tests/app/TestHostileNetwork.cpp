@@ -8,7 +8,6 @@
 #include "SpeakerSimulator.h"
 
 #include <QNetworkDatagram>
-#include <QNetworkInterface>
 #include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -42,15 +41,7 @@ public:
 
     bool start()
     {
-        QNetworkInterface loopback;
-        for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
-            if (interface.flags().testFlag(QNetworkInterface::IsLoopBack))
-                loopback = interface;
-        }
-        if (!m_listener.bind(QHostAddress::AnyIPv4, 1900,
-                             QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint) ||
-            !m_listener.joinMulticastGroup(QHostAddress(QStringLiteral("239.255.255.250")),
-                                           loopback) ||
+        if (!SpeakerSimulator::listenForSearches(&m_listener, nullptr) ||
             !m_sender.bind(QHostAddress::LocalHost, 0))
             return false;
         connect(&m_listener, &QUdpSocket::readyRead, this, [this] {

@@ -109,7 +109,7 @@ SpeakerSimulator::SpeakerSimulator(std::vector<SimulatedPlayer> players, QObject
 
 SpeakerSimulator::~SpeakerSimulator() = default;
 
-bool SpeakerSimulator::start(QString *error)
+bool SpeakerSimulator::listenForSearches(QUdpSocket *socket, QString *error)
 {
     const auto fail = [error](const QString &message) {
         if (error)
@@ -123,14 +123,24 @@ bool SpeakerSimulator::start(QString *error)
     }
     if (!loopback.isValid())
         return fail(QStringLiteral("no loopback interface"));
+    if (!socket->bind(QHostAddress::AnyIPv4, ssdpPort,
+                      QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint))
+        return fail(QStringLiteral("cannot bind port 1900: ") + socket->errorString());
+    if (!socket->joinMulticastGroup(multicastGroup, loopback))
+        return fail(QStringLiteral("cannot join the SSDP group on lo: ") + socket->errorString());
+    return true;
+}
 
+bool SpeakerSimulator::start(QString *error)
+{
+    const auto fail = [error](const QString &message) {
+        if (error)
+            *error = message;
+        return false;
+    };
     m_listener = new QUdpSocket(this);
-    if (!m_listener->bind(QHostAddress::AnyIPv4, ssdpPort,
-                          QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint))
-        return fail(QStringLiteral("cannot bind port 1900: ") + m_listener->errorString());
-    if (!m_listener->joinMulticastGroup(multicastGroup, loopback))
-        return fail(QStringLiteral("cannot join the SSDP group on lo: ") +
-                    m_listener->errorString());
+    if (!listenForSearches(m_listener, error))
+        return false;
     connect(m_listener, &QUdpSocket::readyRead, this, &SpeakerSimulator::handleSearch);
 
     for (size_t i = 0; i < m_players.size(); ++i) {

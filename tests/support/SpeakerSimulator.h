@@ -54,6 +54,10 @@ public:
     static QString faultName(SimulatedPlayer::Fault fault);
     static std::optional<SimulatedPlayer::Fault> faultFromName(const QString &name);
 
+    // Binds socket to the SSDP port and joins the search group on loopback, as every responder
+    // here does; false with *error when that fails.
+    static bool listenForSearches(QUdpSocket *socket, QString *error);
+
     explicit SpeakerSimulator(std::vector<SimulatedPlayer> players, QObject *parent = nullptr);
     ~SpeakerSimulator() override;
 
