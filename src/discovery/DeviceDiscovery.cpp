@@ -88,12 +88,14 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
 {
     logInfo(category, QStringLiteral("discoveredDevice(") + response.description() +
                           QStringLiteral(", ") + session->description() + QLatin1Char(')'));
-    if (m_answersThisSearch == maxAnswersPerSearch) {
-        logWarning(category, QStringLiteral("More than %1 answers to one search: ignoring the rest")
-                                 .arg(maxAnswersPerSearch));
-    }
-    if (m_answersThisSearch++ >= maxAnswersPerSearch)
+    if (++m_answersThisSearch > maxAnswersPerSearch) {
+        if (m_answersThisSearch == maxAnswersPerSearch + 1) {
+            logWarning(category,
+                       QStringLiteral("More than %1 answers to one search: ignoring the rest")
+                           .arg(maxAnswersPerSearch));
+        }
         return;
+    }
     m_waiting.push_back(response);
     startWaitingPipelines();
 }
