@@ -3,7 +3,6 @@
 
 #include "AirConnect.h"
 #include "BuildConfig.h"
-#include "DBusNames.h"
 #include "DeviceDiscovery.h"
 #include "FeedbackWindow.h"
 #include "Log.h"
@@ -23,12 +22,9 @@
 #include <QSystemTrayIcon>
 #include <QWidget>
 
-namespace {
-const QString helperService = QStringLiteral("org.corvel.CorvelHelper");
-}
-
-AppDelegate::AppDelegate(Services services, bool withTray, QObject *parent)
-    : QObject(parent), m_services(std::move(services)), m_withTray(withTray)
+AppDelegate::AppDelegate(Services services, Platform platform, bool withTray, QObject *parent)
+    : QObject(parent), m_services(std::move(services)), m_platform(std::move(platform)),
+      m_systemSleep(m_platform.idleInhibitor), m_withTray(withTray)
 {
     initCorvelResources();
     // The fixed entries: four ahead of the speakers, the commands after them.
@@ -64,8 +60,6 @@ void AppDelegate::configureCrashReporting()
 {
     CrashReporter &reporter = CrashReporter::shared();
     reporter.configure(QStringLiteral(CORVEL_APP_ID), this);
-    reporter.setLogLevel(CrashReporter::Warning);
-    reporter.setLogHandler(&AppDelegate::crashReporterLogHandler);
     if (m_withTray) {
         reporter.setPrompt([](const CrashReporter::Report &report,
                               std::function<void(CrashReporter::Answer)> done) {
@@ -117,21 +111,6 @@ void AppDelegate::crashManagerWillShowSubmitCrashReportAlert()
     m_services.settings().recordCrashReport();
 }
 
-void AppDelegate::crashReporterLogHandler(const CrashReporter::MessageProvider &message, int level,
-                                          const char *file, const char *function, quint32 line)
-{
-    if (level != CrashReporter::Error && level != CrashReporter::Warning)
-        return; // the message is not even built
-    const QStringList pieces =
-        file ? QString::fromUtf8(file).split(QLatin1Char('/'), Qt::SkipEmptyParts) : QStringList();
-    const QString text = (pieces.isEmpty() ? QString() : pieces.last()) + QLatin1Char(':') +
-                         QString::number(line) + QLatin1Char(' ') +
-                         (function ? QString::fromUtf8(function) : QString()) + QLatin1Char(' ') +
-                         (message ? message() : QString());
-    log(level == CrashReporter::Error ? LogLevel::Error : LogLevel::Warning,
-        QStringLiteral("CrashReporter"), text);
-}
-
 void AppDelegate::applicationDidFinishLaunching()
 {
     logInfo(QStringLiteral("applicationDidFinishLaunching"));
@@ -139,8 +118,43 @@ void AppDelegate::applicationDidFinishLaunching()
     setUpStatusItem();
     addObservers();
     updateDeviceMenuItems();
-    stoppedByUser = false;
-    m_services.searchForDevices(searchSeconds);
+    m_stoppedByUser = false;
+    m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
+}
+
+void AppDelegate::startSearching()
+{
+    m_stoppedByUser = false;
+    m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
+}
+
+QString AppDelegate::statusTitle(State state)
+{
+    switch (state) {
+    case State::Searching:
+        return statusSearching;
+    case State::NoSpeakers:
+        return statusNoSpeakers;
+    case State::Starting:
+        return statusStarting;
+    case State::Running:
+        return statusRunning;
+    case State::Stopped:
+        return statusStopped;
+    case State::StartingUp:
+    case State::Off:
+        break;
+    }
+    return statusOff;
+}
+
+void AppDelegate::setState(State state, std::optional<bool> turnsOn)
+{
+    m_state = state;
+    if (turnsOn)
+        m_onOffTurnsOn = *turnsOn;
+    m_firstMenuItem->setText(statusTitle(m_state));
+    m_onOffMenuItem->setText(m_onOffTurnsOn ? commandTurnOn : commandTurnOff);
 }
 
 void AppDelegate::applicationWillTerminate()
@@ -151,17 +165,8 @@ void AppDelegate::applicationWillTerminate()
 
 void AppDelegate::stopLauncherApp()
 {
-    // The launcher helper runs as the owner of its bus name; without a session bus there is
-    // no helper to stop.
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!busNameHasOwner(bus, helperService))
-        return;
-    logInfo(QStringLiteral("Stopping launcher app"));
-    QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/corvel/Corvel"),
-                                                     QStringLiteral("org.corvel.Corvel"),
-                                                     QStringLiteral("killLauncher"));
-    signal << QStringLiteral(CORVEL_APP_ID);
-    bus.send(signal);
+    m_platform.launcherHelper->stopIfRunning(
+        [] { logInfo(QStringLiteral("Stopping launcher app")); });
 }
 
 void AppDelegate::setUpStatusItem()
@@ -202,8 +207,14 @@ void AppDelegate::addObservers()
     };
     m_observers.push_back(center.addObserver(Notifications::deviceSettingsChanged,
                                              hop(&AppDelegate::onDeviceSettingsChanged)));
-    m_observers.push_back(
-        center.addObserver(Notifications::discoveryStarted, hop(&AppDelegate::onDiscoveryStarted)));
+    // Known speakers are marked not found at once, before any answer of the search can be
+    // merged; the titles and the menu follow on the main loop.
+    m_observers.push_back(center.addObserver(
+        Notifications::discoveryStarted,
+        [this, titles = hop(&AppDelegate::onDiscoveryStarted)](const Notification &n) {
+            m_services.settings().markAllDevicesNotActive();
+            titles(n);
+        }));
     m_observers.push_back(center.addObserver(
         Notifications::deviceDiscovered, [this](const Notification &n) { onDeviceDiscovered(n); }));
     // The decision runs as a hop so it sees the menu rebuilds queued by earlier speakers.
@@ -265,16 +276,14 @@ void AppDelegate::showWindow()
 
 void AppDelegate::onOffClicked()
 {
-    const bool turningOn = m_onOffMenuItem->text().endsWith(QLatin1String("On"));
+    const bool turningOn = m_onOffTurnsOn;
     logInfo(turningOn ? QStringLiteral("onClicked") : QStringLiteral("offClicked"));
-    stoppedByUser = !turningOn;
+    m_stoppedByUser = !turningOn;
     if (turningOn) {
-        m_firstMenuItem->setText(statusSearching);
-        m_onOffMenuItem->setText(commandTurnOff);
-        m_services.searchForDevices(searchSeconds);
+        setState(State::Searching, false);
+        m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
     } else {
-        m_firstMenuItem->setText(statusOff);
-        m_onOffMenuItem->setText(commandTurnOn);
+        setState(State::Off, true);
         NotificationCenter::defaultCenter().post(Notifications::appStopped);
         m_services.stopSearching();
         m_services.stopBridge();
@@ -333,8 +342,7 @@ void AppDelegate::onDeviceSettingsChanged()
 
 void AppDelegate::onDiscoveryStarted()
 {
-    m_firstMenuItem->setText(statusSearching);
-    m_onOffMenuItem->setText(commandTurnOff);
+    setState(State::Searching, false);
     updateDeviceMenuItems();
 }
 
@@ -358,10 +366,10 @@ void AppDelegate::onDiscoveryComplete()
 {
     if (m_deviceMenuItems.isEmpty()) {
         logWarning(QStringLiteral("Discovery finished with no speakers found"));
-        m_firstMenuItem->setText(statusNoSpeakers);
+        setState(State::NoSpeakers);
         return;
     }
-    if (stoppedByUser) {
+    if (m_stoppedByUser) {
         logInfo(QStringLiteral("Discovery complete, bridge is stopped"));
         return;
     }
@@ -378,18 +386,17 @@ void AppDelegate::onDiscoveryComplete()
 
 void AppDelegate::onServiceStarted()
 {
-    m_firstMenuItem->setText(statusStarting);
-    SystemSleep::disableIdleSleep();
+    setState(State::Starting);
+    m_systemSleep.disableIdleSleep();
 }
 
 void AppDelegate::onServiceReady()
 {
-    m_firstMenuItem->setText(statusRunning);
+    setState(State::Running);
 }
 
 void AppDelegate::onServiceTerminated()
 {
-    SystemSleep::enableIdleSleep();
-    m_firstMenuItem->setText(statusStopped);
-    m_onOffMenuItem->setText(commandTurnOn);
+    m_systemSleep.enableIdleSleep();
+    setState(State::Stopped, true);
 }

@@ -4,8 +4,11 @@
 #pragma once
 
 #include "AppServices.h"
+#include "Controls.h"
 #include "CrashReporter.h"
 #include "NotificationCenter.h"
+#include "Platform.h"
+#include "SystemSleep.h"
 
 #include <functional>
 #include <QAction>
@@ -15,12 +18,15 @@
 
 class QSystemTrayIcon;
 
-class AppDelegate : public QObject, public CrashReporterDelegate
+class AppDelegate : public QObject, public Controls, public CrashReporterDelegate
 {
     Q_OBJECT
 
 public:
     using Services = AppServices;
+
+    // Where the bridge's lifecycle stands; the status line is derived from it.
+    enum class State { StartingUp, Searching, NoSpeakers, Starting, Running, Stopped, Off };
 
     // The lifecycle titles.
     static inline const QString statusOff = QStringLiteral("Corvel: Off");
@@ -34,16 +40,20 @@ public:
 
     // Speaker items are inserted from this menu position on.
     static constexpr int firstDeviceMenuIndex = 4;
-    static constexpr double searchSeconds = 8.0;
 
     // withTray: show a tray icon; headless runs without one.
-    AppDelegate(Services services, bool withTray, QObject *parent = nullptr);
+    AppDelegate(Services services, Platform platform, bool withTray, QObject *parent = nullptr);
     ~AppDelegate() override;
 
     void applicationWillFinishLaunching();
     void applicationDidFinishLaunching();
     // Stops the bridge (waiting a bounded time) before Corvel exits.
     void applicationWillTerminate();
+
+    State state() const { return m_state; }
+    // Whether the on/off command turns the bridge on (its item reads "Turn Corvel On").
+    bool onOffTurnsOn() const { return m_onOffTurnsOn; }
+    static QString statusTitle(State state);
 
     // Rebuilds the speaker items from the active speakers, in location order.
     void updateDeviceMenuItems();
@@ -55,13 +65,10 @@ public:
     // Asks a running launcher helper to quit.
     void stopLauncherApp();
 
-    // Configures, attaches and starts the crash reporter (at launch, before the tray).
+    // Configures and starts the crash reporter (at launch, before the tray).
     void configureCrashReporting();
     QString applicationLogForCrashManager() override;
     void crashManagerWillShowSubmitCrashReportAlert() override;
-    // The crash reporter's log lines, errors and warnings only, into Corvel's log.
-    static void crashReporterLogHandler(const CrashReporter::MessageProvider &message, int level,
-                                        const char *file, const char *function, quint32 line);
     // The About box: version and credits.
     void showAbout();
 
@@ -71,11 +78,20 @@ public:
     void feedbackClicked();
     void quitClicked();
 
+    // Controls, for the preferences window.
+    Settings &settings() override { return m_services.settings(); }
+    bool searchRunning() const override { return m_services.searchRunning(); }
+    bool bridgeRunning() const override { return m_services.bridgeRunning(); }
+    bool stoppedByUser() const override { return m_stoppedByUser; }
+    void startSearching() override;
+    void stopBridge() override { m_services.stopBridge(); }
+
     QMenu *statusMenu() { return &m_statusMenu; }
     QAction *firstMenuItem() const { return m_firstMenuItem; }
     QAction *onOffMenuItem() const { return m_onOffMenuItem; }
     const QList<QAction *> &deviceMenuItems() const { return m_deviceMenuItems; }
     QSystemTrayIcon *statusItem() const { return m_statusItem; }
+    SystemSleep &systemSleep() { return m_systemSleep; }
 
     // Creates the preferences window on first use; unset until the window exists.
     void setPreferencesWindowFactory(std::function<QWidget *()> factory)
@@ -87,6 +103,8 @@ signals:
     void quitRequested();
 
 private:
+    // Enters state; turnsOn, when given, is the new on/off command.
+    void setState(State state, std::optional<bool> turnsOn = std::nullopt);
     void setUpStatusItem();
     void addObservers();
     void onDeviceSettingsChanged();
@@ -99,7 +117,12 @@ private:
     void showBridgeNotFound(const QString &message);
 
     Services m_services;
+    Platform m_platform;
+    SystemSleep m_systemSleep;
     bool m_withTray;
+    State m_state = State::StartingUp;
+    bool m_onOffTurnsOn = true;
+    bool m_stoppedByUser = false;
     QMenu m_statusMenu;
     QAction *m_firstMenuItem = nullptr;
     QAction *m_onOffMenuItem = nullptr;

@@ -26,7 +26,7 @@ AppServices AppServices::real()
         return DeviceDiscovery::shared().session() != nullptr;
     };
     services.bridgeRunning = [] {
-        return AirConnect::shared().process() != nullptr;
+        return AirConnect::shared().running();
     };
     services.startBridge = [](const std::vector<DeviceSettings> &records) {
         AirConnect::shared().start(records);

@@ -11,10 +11,6 @@
 
 class Settings;
 
-// The user has turned the bridge off. Read by the discovery-complete decision and the
-// preferences window.
-inline bool stoppedByUser = false;
-
 // Registers the icons compiled into the app library; safe to call more than once.
 void initCorvelResources();
 

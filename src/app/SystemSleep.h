@@ -4,24 +4,29 @@
 
 #include "IdleInhibitor.h"
 
+#include <memory>
 #include <optional>
 
 class SystemSleep
 {
 public:
-    // The identifier of the lock, filled in when one is created.
-    static inline quint32 assertionID = 0;
-    // The result of the last creation; absent when no lock is recorded.
-    static inline std::optional<int> assertionResult;
+    explicit SystemSleep(std::shared_ptr<IdleInhibitor> backend);
+    ~SystemSleep();
 
-    // Takes the lock unless one is recorded; a failure is recorded too (and logged).
-    static void disableIdleSleep();
+    // Takes the lock unless one is recorded or being taken; a failure is recorded too (and
+    // logged). The backend answers later; a release asked for meanwhile follows the answer.
+    void disableIdleSleep();
     // Releases the recorded lock, if any.
-    static void enableIdleSleep();
+    void enableIdleSleep();
 
-    // The backend; the system's unless a test sets another. Takes ownership.
-    static void setBackend(std::unique_ptr<IdleInhibitor> backend);
+    // The identifier of the lock, filled in when one is created.
+    quint32 assertionID = 0;
+    // The result of the last creation; absent when no lock is recorded.
+    std::optional<int> assertionResult;
 
 private:
-    static IdleInhibitor &backend();
+    std::shared_ptr<IdleInhibitor> m_backend;
+    bool m_creating = false;
+    bool m_releaseWhenCreated = false;
+    std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
 };

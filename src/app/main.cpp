@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Corvel's entry point: the tray program, or with --headless (or without a display) the same
 // controller, discovery and bridge without any window.
+#include "AirConnect.h"
 #include "AppDelegate.h"
 #include "BuildConfig.h"
-#include "DBusNames.h"
 #include "DeviceDiscovery.h"
 #include "Log.h"
 #include "Logging.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
+#include "Platform.h"
 #include "Settings.h"
 #include "SpeakerCommands.h"
 #include "ViewController.h"
@@ -18,7 +19,6 @@
 #include <cstring>
 #include <QApplication>
 #include <QCommandLineParser>
-#include <QDBusConnection>
 #include <QElapsedTimer>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
@@ -83,7 +83,7 @@ int listSpeakers(QCoreApplication &app)
             // Descriptions still on their way get a moment to arrive.
             QTimer::singleShot(1000, &app, &QCoreApplication::quit);
         });
-    DeviceDiscovery::shared().searchForDevices(AppDelegate::searchSeconds);
+    DeviceDiscovery::shared().searchForDevices(DeviceDiscovery::defaultSearchSeconds);
     app.exec();
     settings.save();
     std::fputs(qPrintable(SpeakerCommands::formatList(settings)), stdout);
@@ -94,12 +94,6 @@ bool hasDisplay()
 {
     return !qEnvironmentVariableIsEmpty("DISPLAY") ||
            !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-}
-
-bool trayHostRegistered()
-{
-    return busNameHasOwner(QDBusConnection::sessionBus(),
-                           QStringLiteral("org.kde.StatusNotifierWatcher"));
 }
 } // namespace
 
@@ -119,6 +113,10 @@ int main(int argc, char *argv[])
     QApplication::setDesktopFileName(QStringLiteral(CORVEL_APP_ID));
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
+
+    // The long-lived services, destroyed in reverse order before the application object.
+    DeviceDiscovery discovery;
+    AirConnect bridge;
 
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -178,8 +176,10 @@ int main(int argc, char *argv[])
         return status;
     }
 
-    AppDelegate delegate(AppServices::real(), !headless);
-    delegate.setPreferencesWindowFactory([] { return new ViewController(AppServices::real()); });
+    const Platform platform = Platform::system();
+    AppDelegate delegate(AppServices::real(), platform, !headless);
+    delegate.setPreferencesWindowFactory(
+        [&delegate, platform] { return new ViewController(delegate, platform); });
     delegate.applicationWillFinishLaunching();
     if (noDisplay && !parser.isSet(headlessOption))
         logInfo(QStringLiteral(
@@ -204,20 +204,27 @@ int main(int argc, char *argv[])
         if (noTray)
             delegate.showWindow();
     };
-    if (!headless && parser.isSet(autostartOption) && !trayHostRegistered()) {
+    std::function<void()> ask; // lives as long as the loop that calls it
+    if (!headless && parser.isSet(autostartOption)) {
         // Qt decides once per process whether a tray exists, and desktops start their panel
-        // late at login: wait up to 30 seconds for the tray host before creating the icon.
-        auto *poll = new QTimer(&app);
-        auto *waited = new QElapsedTimer;
-        waited->start();
-        QObject::connect(poll, &QTimer::timeout, &app, [poll, waited, launch] {
-            if (trayHostRegistered() || waited->elapsed() > 30000) {
-                poll->stop();
-                delete waited;
-                launch();
-            }
-        });
-        poll->start(500);
+        // late at login: wait up to 30 seconds for the tray host before creating the icon,
+        // asking every half second without blocking the loop.
+        QElapsedTimer waited;
+        waited.start();
+        auto launched = std::make_shared<bool>(false);
+        ask = [&app, &ask, waited, launch, launched] {
+            Platform::whenTrayHostRegistered([&app, &ask, waited, launch, launched](bool found) {
+                if (*launched)
+                    return;
+                if (found || waited.hasExpired(30000)) {
+                    *launched = true;
+                    launch();
+                    return;
+                }
+                QTimer::singleShot(500, &app, ask);
+            });
+        };
+        ask();
     } else {
         launch();
     }

@@ -18,11 +18,11 @@
 #include <unistd.h>
 
 namespace {
+AirConnect *g_shared = nullptr;
 const QString category = QStringLiteral("AirConnect");
 const QString readinessMarker = QStringLiteral("adding renderer");
 // A stopped bridge may hang while speakers are unreachable; it is killed after this.
 constexpr int stopKillDelayMs = 10000;
-constexpr int launchWaitMs = 5000;
 
 void post(const QString &name)
 {
@@ -32,14 +32,17 @@ void post(const QString &name)
 
 AirConnect &AirConnect::shared()
 {
-    // Never destroyed: it may hold a QProcess, which must not outlive the application
-    // object; shutdown() ends the bridges at quit.
-    static AirConnect *instance = new AirConnect;
-    return *instance;
+    // main constructs the instance and destroys it before the application object; without
+    // one (a test, a tool) a first use creates one that is never destroyed.
+    if (!g_shared)
+        new AirConnect;
+    return *g_shared;
 }
 
 AirConnect::AirConnect(QObject *parent) : QObject(parent)
 {
+    if (!g_shared)
+        g_shared = this;
     m_startTimer.setSingleShot(true);
     m_startTimer.setInterval(defaultWatchdogDelayMs);
     connect(&m_startTimer, &QTimer::timeout, this, &AirConnect::watchdogTimerExpired);
@@ -47,6 +50,8 @@ AirConnect::AirConnect(QObject *parent) : QObject(parent)
 
 AirConnect::~AirConnect()
 {
+    if (g_shared == this)
+        g_shared = nullptr;
     shutdown();
 }
 
@@ -69,10 +74,23 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
         return;
     }
 
-    const int stale = StaleBridges::endAll(QFileInfo(bridge.path).fileName());
-    if (stale > 0)
-        logInfo(category, QStringLiteral("Ended %1 stale bridge process(es)").arg(stale));
+    // The launch follows the sweep of stale bridges, which is watched from the loop; a stop()
+    // meanwhile cancels it.
+    const quint64 launch = ++m_launch;
+    m_launchPending = true;
+    StaleBridges::endAll(
+        QFileInfo(bridge.path).fileName(), this,
+        [this, launch, path = bridge.path, records](int stale) {
+            if (stale > 0)
+                logInfo(category, QStringLiteral("Ended %1 stale bridge process(es)").arg(stale));
+            if (launch == m_launch && m_launchPending)
+                this->launch(path, records);
+        });
+}
 
+void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSettings> &records)
+{
+    m_launchPending = false;
     const QString config = configPath();
     QString error;
     if (writeConfigFile(config, records, &error))
@@ -85,10 +103,10 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
         retire(m_process);
     auto *process = new QProcess(this);
     m_process = process;
-    const quint64 launch = ++m_launch;
+    const quint64 launch = m_launch;
     m_markerTail.clear();
 
-    process->setProgram(bridge.path);
+    process->setProgram(bridgePath);
     process->setArguments({QStringLiteral("-Z"), QStringLiteral("-x"), config});
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
@@ -116,7 +134,11 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
                 handleOutput(chunk);
         }
     });
-    connect(process, &QProcess::started, this, [] { post(Notifications::serviceStarted); });
+    connect(process, &QProcess::started, this, [this, process] {
+        // A bridge stopped before its exec finished is not announced.
+        if (process == m_process)
+            post(Notifications::serviceStarted);
+    });
     connect(process, &QProcess::errorOccurred, this, [process](QProcess::ProcessError error) {
         if (error == QProcess::FailedToStart)
             logError(category, QStringLiteral("Failed to launch ") + process->program());
@@ -126,15 +148,13 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
 
     m_startTimer.start(); // a newer launch cancels the older launch's watchdog
     process->start();
-    // Waiting for exec (milliseconds) makes "serviceStarted" or the launch failure happen
-    // inside start(), so a stop() that follows can never be overtaken by a late start event.
-    process->waitForStarted(launchWaitMs);
 }
 
 void AirConnect::stop()
 {
     m_startTimer.stop();
     m_ready = false;
+    m_launchPending = false;
     if (m_process) {
         if (m_process->state() != QProcess::NotRunning)
             m_process->terminate();

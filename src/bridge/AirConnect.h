@@ -19,14 +19,15 @@ public:
     // The most output passed to handleOutput at once.
     static constexpr qint64 maxOutputChunk = 8192;
 
-    // The process-wide supervisor, created on first use on the main thread.
+    // The process-wide supervisor: the first one constructed, else created on first use.
     static AirConnect &shared();
 
+    // The first instance becomes the shared one until it is destroyed.
     explicit AirConnect(QObject *parent = nullptr);
     ~AirConnect() override;
 
-    // Ends stale bridges, writes the configuration for records, launches the bridge and
-    // arms the watchdog. Callers start only while no bridge runs (process() is null).
+    // Ends stale bridges, then writes the configuration for records, launches the bridge and
+    // arms the watchdog. Callers start only while no bridge runs (running() is false).
     void start(const std::vector<DeviceSettings> &records);
     // Cancels the watchdog, forgets readiness, asks the bridge to terminate and forgets it.
     // "serviceTerminated" follows when it has exited.
@@ -42,8 +43,10 @@ public:
     // One chunk of the bridge's merged output.
     void handleOutput(const QByteArray &chunk);
 
-    // The bridge of the last launch; null when none runs. Running means exactly this is set.
+    // The bridge of the last launch; null when none runs.
     QProcess *process() const { return m_process; }
+    // A bridge runs, or is about to be launched once stale ones have ended.
+    bool running() const { return m_process || m_launchPending; }
     bool isReady() const { return m_ready; }
     bool watchdogPending() const { return m_startTimer.isActive(); }
     // True when the last start found no bridge executable.
@@ -59,6 +62,7 @@ signals:
     void bridgeNotFound(const QString &message);
 
 private:
+    void launch(const QString &bridgePath, const std::vector<DeviceSettings> &records);
     void handleTermination(QProcess *process, quint64 launch);
     // Keeps a stopped bridge until it exits; kills it if it ignores the request too long.
     void retire(QProcess *process);
@@ -70,5 +74,6 @@ private:
     QString m_configPath;
     QString m_markerTail; // end of the previous chunk, so a marker split across reads matches
     bool m_bridgeMissing = false;
+    bool m_launchPending = false;
     std::vector<QProcess *> m_retired;
 };

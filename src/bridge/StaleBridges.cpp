@@ -2,11 +2,12 @@
 #include "StaleBridges.h"
 
 #include <csignal>
+#include <memory>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QThread>
+#include <QTimer>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,20 +66,30 @@ QList<pid_t> StaleBridges::find(const QString &executableFileName)
     return found;
 }
 
-int StaleBridges::endAll(const QString &executableFileName, int graceMs)
+void StaleBridges::endAll(const QString &executableFileName, QObject *context,
+                          std::function<void(int)> done, int graceMs)
 {
-    QList<pid_t> pids = find(executableFileName);
+    const QList<pid_t> pids = find(executableFileName);
+    if (pids.isEmpty()) {
+        done(0);
+        return;
+    }
     for (pid_t pid : pids)
         kill(pid, SIGTERM);
+    auto *poll = new QTimer(context);
+    auto left = std::make_shared<QList<pid_t>>(pids);
     QElapsedTimer waited;
     waited.start();
-    QList<pid_t> left = pids;
-    while (!left.isEmpty() && waited.elapsed() < graceMs) {
-        left.removeIf(hasEnded);
-        if (!left.isEmpty())
-            QThread::msleep(10);
-    }
-    for (pid_t pid : left)
-        kill(pid, SIGKILL);
-    return static_cast<int>(pids.size());
+    const int found = static_cast<int>(pids.size());
+    QObject::connect(poll, &QTimer::timeout, context, [poll, left, waited, graceMs, found, done] {
+        left->removeIf(hasEnded);
+        if (!left->isEmpty() && !waited.hasExpired(graceMs))
+            return;
+        for (pid_t pid : std::as_const(*left))
+            kill(pid, SIGKILL);
+        poll->stop();
+        poll->deleteLater();
+        done(found);
+    });
+    poll->start(10);
 }

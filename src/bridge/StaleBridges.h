@@ -2,7 +2,9 @@
 // Ends bridge processes left over from earlier runs, found by their executable file.
 #pragma once
 
+#include <functional>
 #include <QList>
+#include <QObject>
 #include <QString>
 #include <sys/types.h>
 
@@ -11,7 +13,9 @@ namespace StaleBridges {
 // the given file name. Process names are cut to 15 characters, so they are not used.
 QList<pid_t> find(const QString &executableFileName);
 
-// Sends SIGTERM to every such process, waits up to graceMs for them to go, then SIGKILLs
-// the rest. Returns how many were found.
-int endAll(const QString &executableFileName, int graceMs = 2000);
+// Sends SIGTERM to every such process and calls done(how many were found) once they are gone,
+// or after graceMs, when the rest get SIGKILL. Watches them from the event loop without
+// blocking it; done runs at once when there are none, and never when context goes first.
+void endAll(const QString &executableFileName, QObject *context, std::function<void(int)> done,
+            int graceMs = 2000);
 } // namespace StaleBridges

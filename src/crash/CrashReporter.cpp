@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "CrashReporter.h"
 
+#include "Logging.h"
+
 #include "AtomicFile.h"
 #include "BuildConfig.h"
 #include "Log.h"
@@ -20,10 +22,22 @@
 #include <QStandardPaths>
 #include <unistd.h>
 
+// The reporter's lines go to the log as "File.cpp:line function message" under its own
+// category; a message the log level drops is never built.
 #define REPORTER_LOG(level, message)                                                               \
-    log(level, __FILE__, __func__, __LINE__, [&] { return message; })
+    reporterLog(LogLevel::level, __FILE__, __func__, __LINE__, [&] { return message; })
 
 namespace {
+void reporterLog(LogLevel level, const char *file, const char *function, int line,
+                 const std::function<QString()> &message)
+{
+    if (level > Logging::defaultLevel())
+        return;
+    const QString name = QString::fromUtf8(file).section(QLatin1Char('/'), -1);
+    log(level, QStringLiteral("CrashReporter"),
+        QStringLiteral("%1:%2 %3 %4").arg(name).arg(line).arg(QLatin1String(function), message()));
+}
+
 // Everything the signal handler needs, prepared at start so that the handler allocates nothing.
 char g_recordPath[4096];
 char g_version[64];
@@ -150,13 +164,6 @@ QString CrashReporter::stateFolder() const
     if (base.isEmpty() || !QDir::isAbsolutePath(base))
         base = QDir::homePath() + QStringLiteral("/.local/state");
     return base + QStringLiteral("/corvel");
-}
-
-void CrashReporter::log(int level, const char *file, const char *function, quint32 line,
-                        const MessageProvider &message)
-{
-    if (m_logHandler && level > None && level <= m_logLevel)
-        m_logHandler(message, level, file, function, line);
 }
 
 void CrashReporter::start()

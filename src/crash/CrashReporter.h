@@ -25,13 +25,6 @@ class CrashReporter : public QObject
     Q_OBJECT
 
 public:
-    // The reporter's own log levels.
-    enum Level { None = 0, Error = 1, Warning = 2, Debug = 3, Verbose = 4 };
-    using MessageProvider = std::function<QString()>;
-    // Receives the reporter's own log lines at or below its level; file and function may be null.
-    using LogHandler = std::function<void(const MessageProvider &message, int level,
-                                          const char *file, const char *function, quint32 line)>;
-
     // What the user chose for a report.
     enum class Answer { Send, DontSend, AlwaysSend };
 
@@ -52,8 +45,6 @@ public:
     explicit CrashReporter(QObject *parent = nullptr);
 
     void configure(const QString &identifier, CrashReporterDelegate *delegate);
-    void setLogLevel(int level) { m_logLevel = level; }
-    void setLogHandler(LogHandler handler) { m_logHandler = std::move(handler); }
     // Opens the state folder, starts the session log, installs the crash handlers, then
     // offers the reports left by earlier crashes.
     void start();
@@ -82,8 +73,6 @@ signals:
     void reportHandled(const QString &path, bool removed);
 
 private:
-    void log(int level, const char *file, const char *function, quint32 line,
-             const MessageProvider &message);
     void offer(const QString &path);
     void handleAnswer(const Report &report, Answer answer);
     void send(const Report &report);
@@ -92,8 +81,6 @@ private:
 
     CrashReporterDelegate *m_delegate = nullptr;
     QString m_identifier;
-    int m_logLevel = Warning;
-    LogHandler m_logHandler;
     QString m_stateFolder;
     QUrl m_endpoint;
     Prompt m_prompt;

@@ -50,6 +50,30 @@ std::optional<QUrl> childUrl(const pugi::xml_node &parent, const char *name)
     return url.isValid() ? std::optional<QUrl>(url) : std::nullopt;
 }
 
+// Fills every field that has an element among parent's children, each by its type's rule.
+template <typename Record>
+void readElements(const pugi::xml_node &parent, Record &record,
+                  const std::vector<RecordField<Record>> &fields)
+{
+    for (const auto &field : fields) {
+        if (!field.element)
+            continue;
+        std::visit(
+            [&](auto member) {
+                using T = std::decay_t<decltype(*(record.*member))>;
+                if constexpr (std::is_same_v<T, QString>)
+                    record.*member = childText(parent, field.element);
+                else if constexpr (std::is_same_v<T, QUrl>)
+                    record.*member = childUrl(parent, field.element);
+                else if constexpr (std::is_same_v<T, qint64>)
+                    record.*member = childInteger(parent, field.element);
+                else
+                    record.*member = childFloat(parent, field.element);
+            },
+            field.member);
+    }
+}
+
 // pugixml keeps what it parsed before an error, which is the leniency wanted here, so the
 // result is not looked at. It never expands DTD entities and parses without recursion, so
 // hostile documents stay cheap.
@@ -109,27 +133,12 @@ DescriptionParser::parseDeviceDescription(const QByteArray &body, const QUrl &lo
     DeviceInfo info;
     info.location = location;
     info.server = server;
-    info.deviceType = childText(device, "deviceType");
-    info.friendlyName = childText(device, "friendlyName");
-    info.manufacturer = childText(device, "manufacturer");
-    info.manufacturerURL = childUrl(device, "manufacturerURL");
-    info.modelNumber = childText(device, "modelNumber");
-    info.modelDescription = childText(device, "modelDescription");
-    info.modelName = childText(device, "modelName");
-    info.modelURL = childUrl(device, "modelURL");
-    info.softwareVersion = childText(device, "softwareVersion");
-    info.hardwareVersion = childText(device, "hardwareVersion");
-    info.serialNum = childText(device, "serialNum");
-    info.udn = childText(device, "UDN");
+    readElements(device, info, deviceInfoFields);
     for (const pugi::xml_node &entry : device.child("iconList").children()) {
         if (entry.type() != pugi::node_element)
             continue;
         auto icon = std::make_shared<DeviceInfo::Icon>();
-        icon->id = childInteger(entry, "id");
-        icon->mimetype = childText(entry, "mimetype");
-        icon->width = childInteger(entry, "width");
-        icon->height = childInteger(entry, "height");
-        icon->depth = childInteger(entry, "depth");
+        readElements(entry, *icon, iconFields);
         if (const auto url = childText(entry, "url"); url && !url->isEmpty()) {
             const QUrl relative(*url, QUrl::StrictMode);
             if (relative.isValid())
@@ -137,26 +146,6 @@ DescriptionParser::parseDeviceDescription(const QByteArray &body, const QUrl &lo
         }
         info.iconList.push_back(std::move(icon));
     }
-    info.minCompatibleVersion = childText(device, "minCompatibleVersion");
-    info.legacyCompatibleVersion = childText(device, "legacyCompatibleVersion");
-    info.apiVersion = childText(device, "apiVersion");
-    info.displayVersion = childText(device, "displayVersion");
-    info.extraVersion = childText(device, "extraVersion");
-    info.roomName = childText(device, "roomName");
-    info.displayName = childText(device, "displayName");
-    info.zoneType = childInteger(device, "zoneType");
-    info.feature1 = childText(device, "feature1");
-    info.feature2 = childText(device, "feature2");
-    info.feature3 = childText(device, "feature3");
-    info.variant = childInteger(device, "variant");
-    info.internalSpeakerSize = childInteger(device, "internalSpeakerSize");
-    info.bassExtension = childFloat(device, "bassExtension");
-    info.satGainOffset = childFloat(device, "satGainOffset");
-    info.memory = childInteger(device, "memory");
-    info.flash = childInteger(device, "flash");
-    info.flashRepartitioned = childInteger(device, "flashRepartitioned");
-    info.ampOnTime = childInteger(device, "ampOnTime");
-    info.retailMode = childInteger(device, "retailMode");
     return info;
 }
 

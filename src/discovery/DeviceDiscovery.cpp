@@ -6,13 +6,13 @@
 #include "Logging.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
-#include "Settings.h"
 
 #include <QNetworkReply>
 #include <QScopeGuard>
 #include <QTimer>
 
 namespace {
+DeviceDiscovery *g_shared = nullptr;
 const QString category = QStringLiteral("SSDP");
 } // namespace
 
@@ -38,23 +38,29 @@ QString DiscoveryError::description() const
 
 DeviceDiscovery &DeviceDiscovery::shared()
 {
-    // Never destroyed: it owns sockets and network objects that must not outlive the
-    // application object.
-    static DeviceDiscovery *instance = new DeviceDiscovery;
-    return *instance;
+    // main constructs the instance and destroys it before the application object; without
+    // one (a test, a tool) a first use creates one that is never destroyed.
+    if (!g_shared)
+        new DeviceDiscovery;
+    return *g_shared;
 }
 
-DeviceDiscovery::DeviceDiscovery(Settings *settings, QObject *parent)
-    : QObject(parent), m_settings(settings)
+DeviceDiscovery::DeviceDiscovery(QObject *parent) : QObject(parent)
 {
+    if (!g_shared)
+        g_shared = this;
     m_network.setAutoDeleteReplies(true);
+}
+
+DeviceDiscovery::~DeviceDiscovery()
+{
+    if (g_shared == this)
+        g_shared = nullptr;
 }
 
 void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
 {
     logInfo(category, QStringLiteral("searchForDevices"));
-    // The user's choices outlive a search: known speakers are only marked not found yet.
-    (m_settings ? *m_settings : Settings::shared()).markAllDevicesNotActive();
     m_answersThisSearch = 0;
 
     SSDPMSearchRequest request;
@@ -63,7 +69,7 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
                                                         sonosDeviceType, sonosDeviceVersion);
     QString error;
     auto session = SSDPDiscovery::defaultDiscovery().startDiscovery(
-        request, timeoutSeconds.value_or(8.0), &error);
+        request, timeoutSeconds.value_or(defaultSearchSeconds), &error);
     if (!session) {
         logError(category,
                  QStringLiteral("Failed to establish socket for M-SEARCH broadcasts: ") + error);

@@ -13,7 +13,6 @@
 #include <QNetworkAccessManager>
 #include <QObject>
 
-class Settings;
 struct Notification;
 
 // The description and topology that a "deviceDiscovered" event carries, or nothing when either
@@ -51,17 +50,22 @@ public:
     static constexpr int maxPipelinesInFlight = 32;
     static constexpr int maxAnswersPerSearch = 1024;
 
-    // The process-wide discovery, created on first use on the main thread.
+    // The process-wide discovery: the first one constructed, else created on first use.
     static DeviceDiscovery &shared();
 
-    // settings is the document whose records are marked not found when a search starts;
-    // the process-wide settings when null.
-    explicit DeviceDiscovery(Settings *settings = nullptr, QObject *parent = nullptr);
+    // How long every search lasts.
+    static constexpr double defaultSearchSeconds = 8.0;
+
+    // The first instance becomes the shared one until it is destroyed.
+    explicit DeviceDiscovery(QObject *parent = nullptr);
+    ~DeviceDiscovery() override;
 
     const QString sonosDeviceType = QStringLiteral("ZonePlayer");
     const int sonosDeviceVersion = 1;
 
-    // Starts a search lasting timeoutSeconds (every caller passes 8); closes an earlier one.
+    // Starts a search lasting timeoutSeconds (defaultSearchSeconds when absent); closes an
+    // earlier one. "discoveryStarted" is posted before any answer can arrive, so observers
+    // may prepare for the search (the controller marks known speakers not found yet).
     void searchForDevices(std::optional<double> timeoutSeconds);
     // Ends the search in progress, if any, and posts "discoveryComplete".
     void stopSearching();
@@ -93,7 +97,6 @@ private:
                             const std::optional<DeviceTopology> &topology,
                             const SSDPMSearchResponse &response);
 
-    Settings *m_settings;
     QNetworkAccessManager m_network;
     std::shared_ptr<SSDPDiscoverySession> m_session;
     std::map<QUrl, DeviceInfo, LocationOrder> m_devices;

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Keeps the computer from sleeping while the user is idle.
+// Keeps the computer from sleeping while the user is idle. Asynchronous: nothing here waits.
 #pragma once
 
-#include <memory>
+#include <functional>
 #include <QString>
 
 class IdleInhibitor
 {
 public:
-    virtual ~IdleInhibitor() = default;
-    // Takes the lock; returns 0 on success, else an error code. *id identifies the lock.
-    virtual int create(const QString &name, quint32 *id) = 0;
-    // Releases the lock taken under id; its result is not examined.
-    virtual int release(quint32 id) = 0;
-};
+    // result is 0 when a lock was taken (id names it), else an error code.
+    using Done = std::function<void(int result, quint32 id)>;
 
-// The backend for this system.
-std::unique_ptr<IdleInhibitor> makeSystemIdleInhibitor();
+    virtual ~IdleInhibitor() = default;
+    // Takes the lock and calls done once, later, on the main loop.
+    virtual void create(const QString &name, Done done) = 0;
+    // Releases the lock taken under id; nothing reports the outcome.
+    virtual void release(quint32 id) = 0;
+};

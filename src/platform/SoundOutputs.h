@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Makes the speakers that the bridge announces (AirPlay/RAOP receivers) sound outputs of this
-// computer: RAOP discovery in the sound server (PipeWire through pipewire-pulse, or
-// PulseAudio), loaded now with pactl and made persistent in the user's configuration.
+// computer. Asynchronous: every answer comes later on the main loop.
 #pragma once
 
 #include <functional>
@@ -18,26 +17,12 @@ public:
         bool raopDiscoveryActive = false;
         bool avahiRunning = false;
     };
+    // ok is false with a message for the user.
+    using Done = std::function<void(bool ok, const QString &error)>;
 
-    // pactl: the program to run (found on PATH by default); configHome: $XDG_CONFIG_HOME;
-    // avahiRunning: whether avahi-daemon answers (asked on the system bus by default).
-    explicit SoundOutputs(QString pactl = QStringLiteral("pactl"), QString configHome = QString(),
-                          std::function<bool()> avahiRunning = {});
-
-    Status status() const;
-    // Loads RAOP discovery now and at every login; false with a message for the user.
-    bool enable(QString *error) const;
-    // Unloads it and removes what enable() added to the configuration.
-    bool disable(QString *error) const;
-
-    // The files enable() writes: PipeWire's drop-in, PulseAudio's default.pa.
-    QString pipeWireDropIn() const;
-    QString pulseAudioScript() const;
-
-private:
-    bool runPactl(const QStringList &arguments, QString *output) const;
-
-    QString m_pactl;
-    QString m_configHome;
-    std::function<bool()> m_avahiRunning;
+    virtual ~SoundOutputs() = default;
+    virtual void status(std::function<void(const Status &)> done) = 0;
+    // Loads RAOP discovery now and at every login (enable), or unloads it and removes what
+    // enabling added to the configuration.
+    virtual void setEnabled(bool enable, Done done) = 0;
 };

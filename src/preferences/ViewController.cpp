@@ -2,7 +2,6 @@
 #include "ViewController.h"
 
 #include "EditableTextField.h"
-#include "LaunchOnLogin.h"
 #include "LogExport.h"
 #include "Logging.h"
 #include "MainQueue.h"
@@ -28,10 +27,10 @@ const QString category = QStringLiteral("preferences");
 constexpr qint64 maxIconBytes = 256 * 1024;
 } // namespace
 
-ViewController::ViewController(AppServices services, QWidget *parent)
-    : QWidget(parent), m_services(std::move(services)), m_ui(std::make_unique<Ui::ViewController>())
+ViewController::ViewController(Controls &controls, Platform platform, QWidget *parent)
+    : QWidget(parent), m_controls(controls), m_platform(std::move(platform)),
+      m_ui(std::make_unique<Ui::ViewController>())
 {
-    initCorvelResources();
     m_ui->setupUi(this);
     setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
     m_network.setAutoDeleteReplies(true);
@@ -95,7 +94,7 @@ void ViewController::viewWillAppear()
     observe(Notifications::serviceTerminated, buttonAndSpinner);
     observe(Notifications::appStopped, buttonAndSpinner);
 
-    m_ui->startAtLoginCheckBox->setChecked(LaunchOnLogin::launchOnLoginEnabled());
+    m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
     updateSoundOutputsCheckBox();
     updateStartStopButton();
     updateSpinner();
@@ -113,7 +112,7 @@ void ViewController::viewDidDisappear()
 std::vector<DeviceSettings> ViewController::listedDevices() const
 {
     std::vector<DeviceSettings> listed;
-    for (const auto &entry : m_services.settings().devices) {
+    for (const auto &entry : m_controls.settings().devices) {
         const DeviceSettings &record = entry.second;
         if (record.active && record.topology && record.topology->coordinator)
             listed.push_back(record);
@@ -130,7 +129,8 @@ void ViewController::reloadData()
         delete table->takeItem(table->count() - 1);
     while (table->count() < rows) {
         auto *item = new QListWidgetItem(table);
-        auto *rowView = new PreferencesTableViewItem(m_services.settings, table);
+        auto *rowView = new PreferencesTableViewItem(
+            [this]() -> Settings & { return m_controls.settings(); }, table);
         item->setSizeHint(QSize(0, 52));
         table->setItemWidget(item, rowView);
     }
@@ -201,8 +201,9 @@ int ViewController::rowCount() const
 void ViewController::updateStartStopButton()
 {
     // The first rule that applies: turned off by the user, a bridge, a search, idle.
-    m_canStop = !stoppedByUser && m_services.bridgeRunning();
-    const bool searching = !stoppedByUser && !m_canStop && m_services.searchRunning();
+    const bool stoppedByUser = m_controls.stoppedByUser();
+    m_canStop = !stoppedByUser && m_controls.bridgeRunning();
+    const bool searching = !stoppedByUser && !m_canStop && m_controls.searchRunning();
     const QString title = m_canStop   ? QStringLiteral("Stop")
                           : searching ? QStringLiteral("Searching...")
                                       : QStringLiteral("Start");
@@ -213,59 +214,72 @@ void ViewController::updateStartStopButton()
 
 void ViewController::updateSpinner()
 {
-    m_ui->spinner->setVisible(!stoppedByUser && m_services.searchRunning());
+    m_ui->spinner->setVisible(!m_controls.stoppedByUser() && m_controls.searchRunning());
 }
 
 void ViewController::startStopClicked()
 {
     if (m_canStop) {
-        m_services.stopBridge();
+        m_controls.stopBridge();
     } else {
-        stoppedByUser = false;
-        m_services.searchForDevices(8.0);
+        m_controls.startSearching();
     }
     updateStartStopButton();
 }
 
 void ViewController::startAtLoginChecked()
 {
-    LaunchOnLogin::setLaunchOnLogin(m_ui->startAtLoginCheckBox->checkState() == Qt::Checked);
+    const bool enabled = m_ui->startAtLoginCheckBox->checkState() == Qt::Checked;
+    QString error;
+    if (!m_platform.autostart->setEnabled(enabled, &error))
+        m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
 }
 
 void ViewController::updateSoundOutputsCheckBox()
 {
-    const SoundOutputs::Status status = m_soundOutputs.status();
-    m_ui->soundOutputsCheckBox->setChecked(status.raopDiscoveryActive);
-    const bool server = status.server != SoundOutputs::Server::None;
-    m_ui->soundOutputsCheckBox->setEnabled(server);
-    m_ui->soundOutputsCheckBox->setToolTip(
-        server ? tr("Turns on AirPlay (RAOP) discovery in your sound server, now and at every "
-                    "login, so the "
-                    "speakers appear in your sound settings")
-               : tr("No sound server answered: Corvel needs PipeWire (with pipewire-pulse) or "
-                    "PulseAudio"));
+    QPointer<ViewController> self(this);
+    m_platform.soundOutputs->status([self](const SoundOutputs::Status &status) {
+        if (!self)
+            return;
+        QCheckBox *box = self->m_ui->soundOutputsCheckBox;
+        box->setChecked(status.raopDiscoveryActive);
+        const bool server = status.server != SoundOutputs::Server::None;
+        box->setEnabled(server);
+        box->setToolTip(
+            server ? tr("Turns on AirPlay (RAOP) discovery in your sound server, now and at "
+                        "every login, so the speakers appear in your sound settings")
+                   : tr("No sound server answered: Corvel needs PipeWire (with pipewire-pulse) "
+                        "or PulseAudio"));
+    });
 }
 
 void ViewController::soundOutputsChecked()
 {
     const bool enable = m_ui->soundOutputsCheckBox->isChecked();
-    QString error;
-    if (enable ? m_soundOutputs.enable(&error) : m_soundOutputs.disable(&error)) {
-        logInfo(category, enable ? QStringLiteral("Enabled speakers as sound outputs")
-                                 : QStringLiteral("Disabled speakers as sound outputs"));
-        return;
-    }
-    logError(category, error);
-    m_ui->soundOutputsCheckBox->setChecked(!enable);
-    auto *alert =
-        new QMessageBox(QMessageBox::Warning, tr("Sound outputs"),
-                        enable ? tr("The speakers could not be made sound outputs.")
-                               : tr("The speakers could not be removed from the sound outputs."),
-                        QMessageBox::Ok, this);
-    alert->setObjectName(QStringLiteral("soundOutputsErrorMessageBox"));
-    alert->setInformativeText(error);
-    alert->setAttribute(Qt::WA_DeleteOnClose);
-    alert->open();
+    // The box waits, greyed, for the sound server's answer.
+    m_ui->soundOutputsCheckBox->setEnabled(false);
+    QPointer<ViewController> self(this);
+    m_platform.soundOutputs->setEnabled(enable, [self, enable](bool ok, const QString &error) {
+        if (!self)
+            return;
+        self->m_ui->soundOutputsCheckBox->setEnabled(true);
+        if (ok) {
+            logInfo(category, enable ? QStringLiteral("Enabled speakers as sound outputs")
+                                     : QStringLiteral("Disabled speakers as sound outputs"));
+            return;
+        }
+        logError(category, error);
+        self->m_ui->soundOutputsCheckBox->setChecked(!enable);
+        auto *alert = new QMessageBox(
+            QMessageBox::Warning, tr("Sound outputs"),
+            enable ? tr("The speakers could not be made sound outputs.")
+                   : tr("The speakers could not be removed from the sound outputs."),
+            QMessageBox::Ok, self);
+        alert->setObjectName(QStringLiteral("soundOutputsErrorMessageBox"));
+        alert->setInformativeText(error);
+        alert->setAttribute(Qt::WA_DeleteOnClose);
+        alert->open();
+    });
 }
 
 void ViewController::saveLogClicked()

@@ -4,9 +4,10 @@
 // on the events that may change it while it is shown.
 #pragma once
 
-#include "AppServices.h"
+#include "Controls.h"
+#include "DeviceSettings.h"
 #include "NotificationCenter.h"
-#include "SoundOutputs.h"
+#include "Platform.h"
 
 #include <memory>
 #include <QHash>
@@ -24,7 +25,8 @@ class ViewController : public QWidget
     Q_OBJECT
 
 public:
-    explicit ViewController(AppServices services, QWidget *parent = nullptr);
+    // controls: the controller; platform: start at login and the sound outputs.
+    ViewController(Controls &controls, Platform platform, QWidget *parent = nullptr);
     ~ViewController() override;
 
     // The speakers with a row: active group coordinators, in location order.
@@ -38,8 +40,6 @@ public:
     void startAtLoginChecked();
     // Turns the speakers as sound outputs of this computer on or off.
     void soundOutputsChecked();
-    // The sound-server backend; the system's unless a test sets another.
-    void setSoundOutputs(SoundOutputs soundOutputs) { m_soundOutputs = std::move(soundOutputs); }
     void updateSoundOutputsCheckBox();
     // Opens a save dialog without blocking; its OK writes the log there.
     void saveLogClicked();
@@ -61,7 +61,8 @@ private:
     void fillRow(PreferencesTableViewItem *row, const DeviceSettings *record);
     void loadIcon(const QUrl &url, PreferencesTableViewItem *row);
 
-    AppServices m_services;
+    Controls &m_controls;
+    Platform m_platform;
     std::unique_ptr<Ui::ViewController> m_ui;
     std::vector<NotificationCenter::Token> m_listeners;
     bool m_canStop = false;
@@ -69,5 +70,4 @@ private:
     // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a
     // table reload never asks a speaker for the same icon twice.
     QHash<QUrl, QPixmap> m_icons;
-    SoundOutputs m_soundOutputs;
 };

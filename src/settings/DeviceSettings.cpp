@@ -22,8 +22,8 @@ QJsonObject DeviceSettings::toJson() const
 std::optional<DeviceSettings> DeviceSettings::fromJson(const QJsonObject &object, QString *error)
 {
     JsonReader reader(object, QStringLiteral("DeviceSettings"));
-    const auto name = reader.string(QStringLiteral("name"), true);
-    const auto infoObject = reader.object(QStringLiteral("info"), true);
+    const auto name = reader.get<QString>(QStringLiteral("name"), true);
+    const auto infoObject = reader.get<QJsonObject>(QStringLiteral("info"), true);
     if (!reader.ok()) {
         if (error)
             *error = reader.error();

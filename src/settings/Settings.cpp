@@ -90,12 +90,12 @@ std::optional<SettingsDocument> SettingsDocument::decode(const QByteArray &json,
 
     JsonReader reader(parsed.object(), QStringLiteral("Settings"));
     SettingsDocument document;
-    const auto deviceArray = reader.array(QStringLiteral("devices"), true);
-    const auto crashes = reader.object(QStringLiteral("crashesByVersion"), true);
-    const auto installedAt = reader.number(QStringLiteral("installedAt"), true);
-    const auto lastRatingsPrompt = reader.number(QStringLiteral("lastRatingsPrompt"), true);
-    const auto prompted = reader.boolean(QStringLiteral("hasPromptedForRating"), true);
-    const auto rated = reader.boolean(QStringLiteral("hasRated"), true);
+    const auto deviceArray = reader.get<QJsonArray>(QStringLiteral("devices"), true);
+    const auto crashes = reader.get<QJsonObject>(QStringLiteral("crashesByVersion"), true);
+    const auto installedAt = reader.get<double>(QStringLiteral("installedAt"), true);
+    const auto lastRatingsPrompt = reader.get<double>(QStringLiteral("lastRatingsPrompt"), true);
+    const auto prompted = reader.get<bool>(QStringLiteral("hasPromptedForRating"), true);
+    const auto rated = reader.get<bool>(QStringLiteral("hasRated"), true);
     if (!reader.ok())
         return fail(reader.error());
 

@@ -1,24 +1,45 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "LinuxIdleInhibitor.h"
 
+#include "BuildConfig.h"
 #include "DBusNames.h"
 #include "Logging.h"
 
 #include <fcntl.h>
+#include <memory>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
 #include <unistd.h>
 
 namespace {
 const QString reason = QStringLiteral("Playing audio on Sonos speakers");
-const QString appId = QStringLiteral("org.corvel.Corvel");
+const QString gnome = QStringLiteral("org.gnome.SessionManager");
+const QString gnomePath = QStringLiteral("/org/gnome/SessionManager");
+const QString powerManagement = QStringLiteral("org.freedesktop.PowerManagement");
+const QString powerManagementPath = QStringLiteral("/org/freedesktop/PowerManagement/Inhibit");
+const QString powerManagementInterface = QStringLiteral("org.freedesktop.PowerManagement.Inhibit");
 
-QDBusMessage call(const QDBusConnection &bus, const QString &service, const QString &path,
-                  const QString &interface, const QString &method, const QVariantList &arguments)
+// Calls the method and hands its reply (or error) to done, later.
+void call(const QDBusConnection &bus, const QString &service, const QString &path,
+          const QString &interface, const QString &method, const QVariantList &arguments,
+          std::function<void(const QDBusMessage &)> done)
 {
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
     message.setArguments(arguments);
-    return bus.call(message, QDBus::Block, LinuxIdleInhibitor::callTimeoutMs);
+    auto *watcher = new QDBusPendingCallWatcher(
+        bus.asyncCall(message, LinuxIdleInhibitor::callTimeoutMs), QCoreApplication::instance());
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
+                     [watcher, done = std::move(done)](QDBusPendingCallWatcher *) {
+                         watcher->deleteLater();
+                         done(watcher->reply());
+                     });
+}
+
+// Sends the method without waiting for, or looking at, its reply.
+void send(const QDBusConnection &bus, const QString &service, const QString &path,
+          const QString &interface, const QString &method, const QVariantList &arguments)
+{
+    call(bus, service, path, interface, method, arguments, [](const QDBusMessage &) {});
 }
 
 std::optional<quint32> cookieOf(const QDBusMessage &reply, const QString &what, int *firstError)
@@ -39,75 +60,99 @@ LinuxIdleInhibitor::LinuxIdleInhibitor(QDBusConnection sessionBus, QDBusConnecti
 
 LinuxIdleInhibitor::~LinuxIdleInhibitor()
 {
-    for (const auto &entry : std::map<quint32, Locks>(m_locks))
-        release(entry.first);
+    for (const auto &entry : m_locks) {
+        if (entry.second.logindFd >= 0)
+            ::close(entry.second.logindFd);
+    }
 }
 
-int LinuxIdleInhibitor::create(const QString &name, quint32 *id)
+void LinuxIdleInhibitor::create(const QString &name, Done done)
 {
-    Locks locks;
-    int firstError = 0;
-    const QString gnome = QStringLiteral("org.gnome.SessionManager");
-    const QString powerManagement = QStringLiteral("org.freedesktop.PowerManagement");
-    if (busNameHasOwner(m_session, gnome)) {
-        // Flag 4 blocks suspend only, not screen blanking; GNOME honours nothing else here.
-        locks.gnomeCookie =
-            cookieOf(call(m_session, gnome, QStringLiteral("/org/gnome/SessionManager"), gnome,
-                          QStringLiteral("Inhibit"), {appId, 0u, reason, 4u}),
-                     QStringLiteral("GNOME session"), &firstError);
-    } else if (busNameHasOwner(m_session, powerManagement)) {
-        const QString interface = QStringLiteral("org.freedesktop.PowerManagement.Inhibit");
-        locks.powerManagementCookie =
-            cookieOf(call(m_session, powerManagement,
-                          QStringLiteral("/org/freedesktop/PowerManagement/Inhibit"), interface,
-                          QStringLiteral("Inhibit"), {name, reason}),
-                     QStringLiteral("PowerManagement"), &firstError);
-    }
-    if (m_system.isConnected()) {
-        const QDBusMessage reply =
-            call(m_system, QStringLiteral("org.freedesktop.login1"),
-                 QStringLiteral("/org/freedesktop/login1"),
-                 QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("Inhibit"),
-                 {QStringLiteral("idle"), name, reason, QStringLiteral("block")});
-        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-            const auto fd = qvariant_cast<QDBusUnixFileDescriptor>(reply.arguments().first());
-            // The descriptor Qt hands over is closed with it, so keep a duplicate, never
-            // inherited by the bridge.
-            if (fd.isValid())
-                locks.logindFd = fcntl(fd.fileDescriptor(), F_DUPFD_CLOEXEC, 0);
-        } else {
-            logDebug(QStringLiteral("logind inhibit failed: %1").arg(reply.errorMessage()));
-            if (firstError == 0)
-                firstError = noLockTaken;
+    // Two branches run side by side: the session's lock and logind's. The last to finish
+    // reports the outcome.
+    struct Pending
+    {
+        Locks locks;
+        int branches = 2;
+        Done done;
+    };
+    auto pending = std::make_shared<Pending>();
+    pending->done = std::move(done);
+    const auto branchDone = [this, pending] {
+        if (--pending->branches > 0)
+            return;
+        const Locks &locks = pending->locks;
+        if (!locks.gnomeCookie && !locks.powerManagementCookie && locks.logindFd < 0) {
+            pending->done(locks.firstError != 0 ? locks.firstError : noLockTaken, 0);
+            return;
         }
+        const quint32 id = m_nextId++;
+        m_locks.emplace(id, locks);
+        pending->done(0, id);
+    };
+
+    const QDBusConnection session = m_session;
+    whenNameOwned(session, gnome, [=](bool gnomeRuns) {
+        if (gnomeRuns) {
+            // Flag 4 blocks suspend only, not screen blanking; GNOME honours nothing else here.
+            call(session, gnome, gnomePath, gnome, QStringLiteral("Inhibit"),
+                 {QStringLiteral(CORVEL_APP_ID), 0u, reason, 4u}, [=](const QDBusMessage &reply) {
+                     pending->locks.gnomeCookie = cookieOf(reply, QStringLiteral("GNOME session"),
+                                                           &pending->locks.firstError);
+                     branchDone();
+                 });
+            return;
+        }
+        whenNameOwned(session, powerManagement, [=](bool powerManagementRuns) {
+            if (!powerManagementRuns) {
+                branchDone();
+                return;
+            }
+            call(session, powerManagement, powerManagementPath, powerManagementInterface,
+                 QStringLiteral("Inhibit"), {name, reason}, [=](const QDBusMessage &reply) {
+                     pending->locks.powerManagementCookie = cookieOf(
+                         reply, QStringLiteral("PowerManagement"), &pending->locks.firstError);
+                     branchDone();
+                 });
+        });
+    });
+
+    if (!m_system.isConnected()) {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), branchDone, Qt::QueuedConnection);
+        return;
     }
-    if (!locks.gnomeCookie && !locks.powerManagementCookie && locks.logindFd < 0)
-        return firstError != 0 ? firstError : noLockTaken;
-    *id = m_nextId++;
-    m_locks.emplace(*id, locks);
-    return 0;
+    call(m_system, QStringLiteral("org.freedesktop.login1"),
+         QStringLiteral("/org/freedesktop/login1"),
+         QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("Inhibit"),
+         {QStringLiteral("idle"), name, reason, QStringLiteral("block")},
+         [=](const QDBusMessage &reply) {
+             if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+                 const auto fd = qvariant_cast<QDBusUnixFileDescriptor>(reply.arguments().first());
+                 // The descriptor Qt hands over is closed with it, so keep a duplicate, never
+                 // inherited by the bridge.
+                 if (fd.isValid())
+                     pending->locks.logindFd = fcntl(fd.fileDescriptor(), F_DUPFD_CLOEXEC, 0);
+             } else {
+                 logDebug(QStringLiteral("logind inhibit failed: %1").arg(reply.errorMessage()));
+                 if (pending->locks.firstError == 0)
+                     pending->locks.firstError = noLockTaken;
+             }
+             branchDone();
+         });
 }
 
-int LinuxIdleInhibitor::release(quint32 id)
+void LinuxIdleInhibitor::release(quint32 id)
 {
     const auto it = m_locks.find(id);
     if (it == m_locks.end())
-        return noLockTaken;
+        return;
     const Locks locks = it->second;
     m_locks.erase(it);
-    if (locks.gnomeCookie) {
-        call(m_session, QStringLiteral("org.gnome.SessionManager"),
-             QStringLiteral("/org/gnome/SessionManager"),
-             QStringLiteral("org.gnome.SessionManager"), QStringLiteral("Uninhibit"),
-             {*locks.gnomeCookie});
-    }
-    if (locks.powerManagementCookie) {
-        call(m_session, QStringLiteral("org.freedesktop.PowerManagement"),
-             QStringLiteral("/org/freedesktop/PowerManagement/Inhibit"),
-             QStringLiteral("org.freedesktop.PowerManagement.Inhibit"), QStringLiteral("UnInhibit"),
-             {*locks.powerManagementCookie});
-    }
+    if (locks.gnomeCookie)
+        send(m_session, gnome, gnomePath, gnome, QStringLiteral("Uninhibit"), {*locks.gnomeCookie});
+    if (locks.powerManagementCookie)
+        send(m_session, powerManagement, powerManagementPath, powerManagementInterface,
+             QStringLiteral("UnInhibit"), {*locks.powerManagementCookie});
     if (locks.logindFd >= 0)
         ::close(locks.logindFd);
-    return 0;
 }

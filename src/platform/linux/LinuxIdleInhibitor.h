@@ -2,7 +2,8 @@
 // Linux has no single switch against idle sleep, so this holds up to three locks and counts as
 // created when at least one was taken: the GNOME session manager's (suspend only), else the
 // freedesktop PowerManagement service's (KDE Plasma, XFCE), and always systemd-logind's "idle"
-// inhibitor, which covers logind's own idle action on servers and minimal desktops.
+// inhibitor, which covers logind's own idle action on servers and minimal desktops. Every
+// D-Bus call is asynchronous, with a short time-out.
 #pragma once
 
 #include "IdleInhibitor.h"
@@ -18,10 +19,12 @@ public:
     static constexpr int noLockTaken = -1;
 
     LinuxIdleInhibitor(QDBusConnection sessionBus, QDBusConnection systemBus);
+    // Closes logind's descriptors; the session services drop a lock when its owner leaves
+    // the bus, so no call is made here.
     ~LinuxIdleInhibitor() override;
 
-    int create(const QString &name, quint32 *id) override;
-    int release(quint32 id) override;
+    void create(const QString &name, Done done) override;
+    void release(quint32 id) override;
 
 private:
     struct Locks
@@ -29,6 +32,7 @@ private:
         std::optional<quint32> gnomeCookie;
         std::optional<quint32> powerManagementCookie;
         int logindFd = -1; // held open; closing it releases the lock
+        int firstError = 0;
     };
 
     QDBusConnection m_session;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "LaunchOnLogin.h"
+#include "XdgAutostart.h"
 
 #include "AtomicFile.h"
+#include "BuildConfig.h"
 #include "Logging.h"
 
 #include <QCoreApplication>
@@ -26,13 +27,13 @@ QString quotedExec(const QString &path)
 }
 } // namespace
 
-QString LaunchOnLogin::entryPath()
+QString XdgAutostart::entryPath()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
-           QStringLiteral("/autostart/") + helperIdentifier + QStringLiteral(".desktop");
+           QStringLiteral("/autostart/" CORVEL_HELPER_ID ".desktop");
 }
 
-QByteArray LaunchOnLogin::desktopEntry(const QString &executable)
+QByteArray XdgAutostart::desktopEntry(const QString &executable)
 {
     return QStringLiteral("[Desktop Entry]\n"
                           "Type=Application\n"
@@ -40,7 +41,7 @@ QByteArray LaunchOnLogin::desktopEntry(const QString &executable)
                           "Comment=Play this computer's audio on Sonos speakers\n"
                           "Exec=%1 --autostart\n"
                           "TryExec=%2\n"
-                          "Icon=org.corvel.Corvel\n"
+                          "Icon=" CORVEL_APP_ID "\n"
                           "Terminal=false\n"
                           "X-GNOME-Autostart-enabled=true\n"
                           "X-KDE-autostart-after=panel\n"
@@ -49,7 +50,7 @@ QByteArray LaunchOnLogin::desktopEntry(const QString &executable)
         .toUtf8();
 }
 
-bool LaunchOnLogin::launchOnLoginEnabled()
+bool XdgAutostart::enabled() const
 {
     // The file name is the label: compared exactly, so a name differing in case is not ours.
     const QString path = entryPath();
@@ -66,22 +67,29 @@ bool LaunchOnLogin::launchOnLoginEnabled()
     return true;
 }
 
-void LaunchOnLogin::setLaunchOnLogin(bool enabled)
+bool XdgAutostart::setEnabled(bool enabled, QString *error)
 {
-    bool ok = false;
     const QString path = entryPath();
+    QString reason;
+    bool ok = false;
     if (enabled) {
         QDir().mkpath(QFileInfo(path).path());
         ok = writeFileAtomically(path, desktopEntry(QCoreApplication::applicationFilePath()),
-                                 nullptr);
+                                 &reason);
     } else {
         ok = !QFile::exists(path) || QFile::remove(path);
+        if (!ok)
+            reason = QStringLiteral("cannot remove ") + path;
     }
-    if (ok)
+    if (ok) {
         logInfo(category, (enabled ? QStringLiteral("Enabled") : QStringLiteral("Disabled")) +
                               QStringLiteral(" start at login"));
-    else
-        logError(category, QStringLiteral("Failed to ") +
-                               (enabled ? QStringLiteral("enable") : QStringLiteral("disable")) +
-                               QStringLiteral(" start at login"));
+        return true;
+    }
+    logError(category, QStringLiteral("Failed to ") +
+                           (enabled ? QStringLiteral("enable") : QStringLiteral("disable")) +
+                           QStringLiteral(" start at login"));
+    if (error)
+        *error = reason;
+    return false;
 }

@@ -15,15 +15,10 @@ public:
     // context names the object in error texts, e.g. "DeviceInfo".
     JsonReader(const QJsonObject &object, QString context);
 
-    std::optional<QString> string(const QString &key, bool required = false);
-    std::optional<qint64> integer(const QString &key, bool required = false);
-    std::optional<float> floatNumber(const QString &key, bool required = false);
-    std::optional<double> number(const QString &key, bool required = false);
-    std::optional<bool> boolean(const QString &key, bool required = false);
-    // A string holding a valid URL.
-    std::optional<QUrl> url(const QString &key, bool required = false);
-    std::optional<QJsonArray> array(const QString &key, bool required = false);
-    std::optional<QJsonObject> object(const QString &key, bool required = false);
+    // The value under key as T: QString, qint64 (a whole number that fits 64 bits exactly),
+    // float (finite, within float's range), double, bool, QUrl (a string holding a valid URL),
+    // QJsonArray or QJsonObject. Absent, or of another type (which is the error), gives nothing.
+    template <typename T> std::optional<T> get(const QString &key, bool required = false);
 
     // A value holding a whole number that fits 64 bits exactly, else nothing.
     static std::optional<qint64> integerValue(const QJsonValue &value);
@@ -34,10 +29,6 @@ public:
     void fail(const QString &message);
 
 private:
-    // The value under key when it is present and the reader is still ok.
-    std::optional<QJsonValue> value(const QString &key, bool required);
-    void typeMismatch(const QString &key, const char *expected);
-
     QJsonObject m_object;
     QString m_context;
     QString m_error;

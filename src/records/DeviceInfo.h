@@ -8,6 +8,7 @@
 #include <QMetaType>
 #include <QString>
 #include <QUrl>
+#include <variant>
 #include <vector>
 
 // What a speaker says about itself in its SSDP answer and its UPnP device description.
@@ -74,7 +75,26 @@ struct DeviceInfo
     QJsonObject toJson() const;
     // Strict read: "location" and "iconList" required, types checked, unknown keys ignored.
     static std::optional<DeviceInfo> fromJson(const QJsonObject &object, QString *error);
+
+    // Equal when every field is (icons by content).
+    bool operator==(const DeviceInfo &other) const;
 };
+
+// One optional field of a record: its JSON key, its element in the description (null when the
+// description does not carry it) and the member that holds it.
+template <typename Record> struct RecordField
+{
+    using Member = std::variant<std::optional<QString> Record::*, std::optional<QUrl> Record::*,
+                                std::optional<qint64> Record::*, std::optional<float> Record::*>;
+    const char *key;
+    const char *element;
+    Member member;
+};
+// Every optional field of DeviceInfo, in the description's order (location and iconList are
+// not among them), and of an icon (its url is resolved against the location, so it is not
+// among them either). The parser, the JSON reader and writer and comparisons all use these.
+extern const std::vector<RecordField<DeviceInfo>> deviceInfoFields;
+extern const std::vector<RecordField<DeviceInfo::Icon>> iconFields;
 
 // A speaker's membership in a zone group.
 struct DeviceTopology

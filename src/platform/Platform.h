@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The desktop services Corvel uses, each behind its interface: the system's, or fakes in tests.
+#pragma once
+
+#include "Autostart.h"
+#include "IdleInhibitor.h"
+#include "LauncherHelper.h"
+#include "SoundOutputs.h"
+
+#include <memory>
+
+struct Platform
+{
+    std::shared_ptr<IdleInhibitor> idleInhibitor;
+    std::shared_ptr<Autostart> autostart;
+    std::shared_ptr<LauncherHelper> launcherHelper;
+    std::shared_ptr<SoundOutputs> soundOutputs;
+
+    // This system's backends (Linux: D-Bus, XDG autostart, pactl).
+    static Platform system();
+    // Asks, without waiting, whether the desktop's tray host runs; done(registered) follows.
+    static void whenTrayHostRegistered(std::function<void(bool)> done);
+};

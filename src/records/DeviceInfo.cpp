@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "DeviceInfo.h"
+
+#include "JsonReader.h"
+
+#include <cmath>
+#include <QJsonArray>
+
+using Info = DeviceInfo;
+using Icon = DeviceInfo::Icon;
+
+const std::vector<RecordField<DeviceInfo>> deviceInfoFields = {
+    {"server", nullptr, &Info::server},
+    {"deviceType", "deviceType", &Info::deviceType},
+    {"friendlyName", "friendlyName", &Info::friendlyName},
+    {"manufacturer", "manufacturer", &Info::manufacturer},
+    {"manufacturerURL", "manufacturerURL", &Info::manufacturerURL},
+    {"modelNumber", "modelNumber", &Info::modelNumber},
+    {"modelDescription", "modelDescription", &Info::modelDescription},
+    {"modelName", "modelName", &Info::modelName},
+    {"modelURL", "modelURL", &Info::modelURL},
+    {"softwareVersion", "softwareVersion", &Info::softwareVersion},
+    {"hardwareVersion", "hardwareVersion", &Info::hardwareVersion},
+    {"serialNum", "serialNum", &Info::serialNum},
+    {"udn", "UDN", &Info::udn},
+    {"minCompatibleVersion", "minCompatibleVersion", &Info::minCompatibleVersion},
+    {"legacyCompatibleVersion", "legacyCompatibleVersion", &Info::legacyCompatibleVersion},
+    {"apiVersion", "apiVersion", &Info::apiVersion},
+    {"displayVersion", "displayVersion", &Info::displayVersion},
+    {"extraVersion", "extraVersion", &Info::extraVersion},
+    {"roomName", "roomName", &Info::roomName},
+    {"displayName", "displayName", &Info::displayName},
+    {"zoneType", "zoneType", &Info::zoneType},
+    {"feature1", "feature1", &Info::feature1},
+    {"feature2", "feature2", &Info::feature2},
+    {"feature3", "feature3", &Info::feature3},
+    {"variant", "variant", &Info::variant},
+    {"internalSpeakerSize", "internalSpeakerSize", &Info::internalSpeakerSize},
+    {"bassExtension", "bassExtension", &Info::bassExtension},
+    {"satGainOffset", "satGainOffset", &Info::satGainOffset},
+    {"memory", "memory", &Info::memory},
+    {"flash", "flash", &Info::flash},
+    {"flashRepartitioned", "flashRepartitioned", &Info::flashRepartitioned},
+    {"ampOnTime", "ampOnTime", &Info::ampOnTime},
+    {"retailMode", "retailMode", &Info::retailMode},
+};
+
+const std::vector<RecordField<DeviceInfo::Icon>> iconFields = {
+    {"id", "id", &Icon::id},          {"mimetype", "mimetype", &Icon::mimetype},
+    {"width", "width", &Icon::width}, {"height", "height", &Icon::height},
+    {"depth", "depth", &Icon::depth},
+};
+
+namespace {
+template <typename Record>
+void writeFields(QJsonObject &json, const Record &record,
+                 const std::vector<RecordField<Record>> &fields)
+{
+    for (const auto &field : fields) {
+        std::visit(
+            [&](auto member) {
+                const auto &value = record.*member;
+                if (!value)
+                    return;
+                using T = std::decay_t<decltype(*value)>;
+                const QLatin1String key(field.key);
+                if constexpr (std::is_same_v<T, QUrl>)
+                    json.insert(key, absoluteString(*value));
+                else if constexpr (std::is_same_v<T, float>) {
+                    // A non-finite float is not written, so a bad description can never make
+                    // the settings unreadable.
+                    if (std::isfinite(*value))
+                        json.insert(key, static_cast<double>(*value));
+                } else
+                    json.insert(key, QJsonValue(*value));
+            },
+            field.member);
+    }
+}
+
+template <typename Record>
+void readFields(JsonReader &reader, Record &record, const std::vector<RecordField<Record>> &fields)
+{
+    for (const auto &field : fields) {
+        std::visit(
+            [&](auto member) {
+                using T = std::decay_t<decltype(*(record.*member))>;
+                record.*member = reader.get<T>(QLatin1String(field.key));
+            },
+            field.member);
+    }
+}
+} // namespace
+
+QString DeviceInfo::defaultName() const
+{
+    if (roomName && displayName)
+        return *roomName + QStringLiteral(" - ") + *displayName;
+    if (friendlyName)
+        return *friendlyName;
+    const QString host = location.host();
+    if (!host.isEmpty())
+        return host;
+    return absoluteString(location);
+}
+
+QJsonObject DeviceInfo::Icon::toJson() const
+{
+    QJsonObject json;
+    writeFields(json, *this, iconFields);
+    if (url)
+        json.insert(QStringLiteral("url"), absoluteString(*url));
+    return json;
+}
+
+std::shared_ptr<const DeviceInfo::Icon> DeviceInfo::Icon::fromJson(const QJsonObject &object,
+                                                                   QString *error)
+{
+    JsonReader reader(object, QStringLiteral("Icon"));
+    auto icon = std::make_shared<Icon>();
+    readFields(reader, *icon, iconFields);
+    icon->url = reader.get<QUrl>(QStringLiteral("url"));
+    if (!reader.ok()) {
+        if (error)
+            *error = reader.error();
+        return nullptr;
+    }
+    return icon;
+}
+
+QJsonObject DeviceInfo::toJson() const
+{
+    QJsonObject json;
+    json.insert(QStringLiteral("location"), absoluteString(location));
+    writeFields(json, *this, deviceInfoFields);
+    QJsonArray icons;
+    for (const auto &icon : iconList)
+        icons.append(icon ? icon->toJson() : QJsonObject());
+    json.insert(QStringLiteral("iconList"), icons);
+    return json;
+}
+
+std::optional<DeviceInfo> DeviceInfo::fromJson(const QJsonObject &object, QString *error)
+{
+    JsonReader reader(object, QStringLiteral("DeviceInfo"));
+    DeviceInfo info;
+    const auto location = reader.get<QUrl>(QStringLiteral("location"), true);
+    const auto icons = reader.get<QJsonArray>(QStringLiteral("iconList"), true);
+    readFields(reader, info, deviceInfoFields);
+    if (reader.ok()) {
+        info.location = *location;
+        for (const QJsonValue &entry : *icons) {
+            if (!entry.isObject()) {
+                reader.fail(QStringLiteral("an iconList entry is not an object"));
+                break;
+            }
+            QString iconError;
+            auto icon = Icon::fromJson(entry.toObject(), &iconError);
+            if (!icon) {
+                reader.fail(iconError);
+                break;
+            }
+            info.iconList.push_back(std::move(icon));
+        }
+    }
+    if (!reader.ok()) {
+        if (error)
+            *error = reader.error();
+        return std::nullopt;
+    }
+    return info;
+}
+
+bool DeviceInfo::operator==(const DeviceInfo &other) const
+{
+    return toJson() == other.toJson();
+}
+
+bool LocationOrder::operator()(const QUrl &a, const QUrl &b) const
+{
+    return absoluteString(a) < absoluteString(b);
+}
+
+QJsonObject DeviceTopology::toJson() const
+{
+    return QJsonObject{{QStringLiteral("coordinator"), coordinator},
+                       {QStringLiteral("group"), group}};
+}
+
+std::optional<DeviceTopology> DeviceTopology::fromJson(const QJsonObject &object, QString *error)
+{
+    JsonReader reader(object, QStringLiteral("DeviceTopology"));
+    const auto coordinator = reader.get<bool>(QStringLiteral("coordinator"), true);
+    const auto group = reader.get<QString>(QStringLiteral("group"), true);
+    if (!reader.ok()) {
+        if (error)
+            *error = reader.error();
+        return std::nullopt;
+    }
+    return DeviceTopology{*coordinator, *group};
+}
