@@ -8,7 +8,6 @@
 #include "Log.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
-#include "Settings.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -62,8 +61,7 @@ int main(int argc, char *argv[])
         Logging::setDefaultLevel(LogLevel::Info);
         Logging::attach(&Log::shared());
     }
-    auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
-    DeviceDiscovery discovery(settings.get());
+    DeviceDiscovery discovery;
     std::map<QUrl, qint64> eventAt;
     NotificationCenter::defaultCenter().addObserver(
         Notifications::deviceDiscovered, [&](const Notification &n) {

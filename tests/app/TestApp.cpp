@@ -1,0 +1,396 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The controller with discovery and the bridge faked as it sees them, and the speaker
+// commands of the command line.
+#include "AppDelegate.h"
+#include "DeviceDiscovery.h"
+#include "FakePlatform.h"
+#include "MainQueue.h"
+#include "Notifications.h"
+#include "Settings.h"
+#include "SpeakerCommands.h"
+#include "TestSupport.h"
+
+#include <QApplication>
+
+namespace {
+void post(const QString &name, const QVariantMap &info = {})
+{
+    NotificationCenter::defaultCenter().post(name, info);
+}
+
+// Discovery and the bridge as the controller sees them: each call records itself and posts
+// the events the real services would post.
+struct FakeWorld
+{
+    int searches = 0;
+    int searchStops = 0;
+    int starts = 0;
+    int shutdowns = 0;
+    bool running = false;
+    bool launchFails = false;
+    std::vector<DeviceSettings> configured;
+    std::unique_ptr<Settings> settings = Settings::load(std::make_unique<MemorySettingsStorage>());
+
+    AppServices services()
+    {
+        AppServices s;
+        s.searchRunning = [] {
+            return false;
+        };
+        s.searchForDevices = [this](std::optional<double> seconds) {
+            QCOMPARE(seconds.value_or(0), DeviceDiscovery::defaultSearchSeconds);
+            ++searches;
+            post(Notifications::discoveryStarted);
+        };
+        s.stopSearching = [this] {
+            ++searchStops;
+            post(Notifications::discoveryComplete);
+        };
+        s.bridgeRunning = [this] {
+            return running;
+        };
+        s.startBridge = [this](const std::vector<DeviceSettings> &records) {
+            ++starts;
+            configured = records;
+            running = true; // a failed launch still counts as running until its watchdog
+            if (!launchFails)
+                post(Notifications::serviceStarted);
+        };
+        s.stopBridge = [this] {
+            if (running) {
+                running = false;
+                mainQueueAsync([] { post(Notifications::serviceTerminated); });
+            }
+        };
+        s.shutdownBridge = [this] {
+            ++shutdowns;
+        };
+        s.settings = [this]() -> Settings & {
+            return *settings;
+        };
+        return s;
+    }
+};
+
+DeviceInfo speaker(int n)
+{
+    DeviceInfo info;
+    info.location =
+        QUrl(QStringLiteral("http://127.0.1.%1:1400/xml/device_description.xml").arg(n));
+    info.roomName = QStringLiteral("Room %1").arg(n);
+    info.displayName = QStringLiteral("One");
+    return info;
+}
+
+void discover(int n, bool coordinator = true)
+{
+    post(Notifications::deviceDiscovered,
+         {{UserInfoKey::deviceInfo, QVariant::fromValue(speaker(n))},
+          {UserInfoKey::deviceTopology, QVariant::fromValue(DeviceTopology{coordinator, "G"})}});
+}
+
+void settle()
+{
+    for (int i = 0; i < 5; ++i)
+        QCoreApplication::sendPostedEvents();
+}
+} // namespace
+
+class TestApp : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void launch();
+    void lifecycle_data();
+    void lifecycle();
+    void turningOffWithoutSpeakersShowsBothTitles();
+    void speakerMenuItems();
+    void malformedDiscoveryIsIgnored_data();
+    void malformedDiscoveryIsIgnored();
+    void idleSleepFollowsTheBridge();
+    void quitShutsTheBridgeDown();
+    void speakerCommands();
+
+private:
+    QStringList titles() const
+    {
+        return {m_app->firstMenuItem()->text(), m_app->onOffMenuItem()->text()};
+    }
+    std::unique_ptr<FakeWorld> m_world;
+    std::unique_ptr<FakePlatform> m_platform;
+    std::unique_ptr<AppDelegate> m_app;
+};
+
+void TestApp::init()
+{
+    m_world = std::make_unique<FakeWorld>();
+    m_platform = std::make_unique<FakePlatform>();
+    m_app = std::make_unique<AppDelegate>(m_world->services(), m_platform->platform(), false);
+}
+
+void TestApp::cleanup()
+{
+    m_app.reset();
+    settle();
+}
+
+void TestApp::launch()
+{
+    m_platform->helper->running = true;
+    m_world->settings->mergeDiscoveredSpeaker(speaker(1), {true, "G"});
+    LogCapture capture;
+    m_app->applicationDidFinishLaunching();
+    QCOMPARE(m_world->searches, 1);
+    QCOMPARE(m_platform->helper->stopped, 1);
+    // Known speakers were marked not found before the search could report any.
+    QVERIFY(m_world->settings->activeDevices().empty());
+    settle();
+    QCOMPARE(titles(), QStringList({AppDelegate::statusSearching, AppDelegate::commandTurnOff}));
+    QCOMPARE(m_app->statusMenu()->actions().size(), 10); // only the fixed entries
+    QCOMPARE(capture.lines().mid(0, 2),
+             QStringList({"Info - applicationDidFinishLaunching", "Info - Stopping launcher app"}));
+}
+
+void TestApp::lifecycle_data()
+{
+    QTest::addColumn<QStringList>("steps");
+    QTest::addColumn<int>("state");
+    QTest::addColumn<QString>("status");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("starts");
+    QTest::addColumn<QString>("line"); // the last decision logged, if any
+    using L = QStringList;
+    using S = AppDelegate::State;
+    const QString on = AppDelegate::commandTurnOn, off = AppDelegate::commandTurnOff;
+    QTest::newRow("no speakers") << L{"launch", "complete"} << int(S::NoSpeakers)
+                                 << AppDelegate::statusNoSpeakers << off << 0
+                                 << "Warning - Discovery finished with no speakers found";
+    QTest::newRow("starting") << L{"launch", "speaker", "complete"} << int(S::Starting)
+                              << AppDelegate::statusStarting << off << 1
+                              << "Info - Discovery complete, starting AirConnect";
+    QTest::newRow("running") << L{"launch", "speaker", "complete", "ready"} << int(S::Running)
+                             << AppDelegate::statusRunning << off << 1 << "";
+    QTest::newRow("stopped by itself")
+        << L{"launch", "speaker", "complete", "ready", "exit"} << int(S::Stopped)
+        << AppDelegate::statusStopped << on << 1 << "";
+    QTest::newRow("turned off while running")
+        << L{"launch", "speaker", "complete", "ready", "onoff"} << int(S::Stopped)
+        << AppDelegate::statusStopped << on << 1 << "Info - Discovery complete, bridge is stopped";
+    QTest::newRow("on again") << L{"launch", "speaker", "complete", "onoff", "onoff"}
+                              << int(S::Searching) << AppDelegate::statusSearching << off << 1
+                              << "Info - onClicked";
+    QTest::newRow("on again until running")
+        << L{"launch", "speaker", "complete", "onoff", "onoff", "speaker", "complete", "ready"}
+        << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
+    QTest::newRow("a search ending while the bridge runs starts no second")
+        << L{"launch", "speaker", "complete", "search", "speaker", "complete"} << int(S::Searching)
+        << AppDelegate::statusSearching << off << 1
+        << "Info - Discovery complete, AirConnect already running";
+    QTest::newRow("failed launch keeps the titles")
+        << L{"launch", "failing", "speaker", "complete"} << int(S::Searching)
+        << AppDelegate::statusSearching << off << 1 << "";
+}
+
+void TestApp::lifecycle()
+{
+    QFETCH(QStringList, steps);
+    QFETCH(int, state);
+    QFETCH(QString, status);
+    QFETCH(QString, command);
+    QFETCH(int, starts);
+    QFETCH(QString, line);
+    LogCapture capture;
+    for (const QString &step : steps) {
+        if (step == "launch")
+            m_app->applicationDidFinishLaunching();
+        else if (step == "speaker")
+            discover(1);
+        else if (step == "complete")
+            post(Notifications::discoveryComplete);
+        else if (step == "search")
+            post(Notifications::discoveryStarted);
+        else if (step == "ready")
+            post(Notifications::serviceReady);
+        else if (step == "exit")
+            m_world->services().stopBridge();
+        else if (step == "onoff")
+            m_app->onOffClicked();
+        else if (step == "failing")
+            m_world->launchFails = true;
+        settle();
+    }
+    QCOMPARE(int(m_app->state()), state);
+    QCOMPARE(titles(), QStringList({status, command}));
+    QCOMPARE(m_app->onOffTurnsOn(), command == AppDelegate::commandTurnOn);
+    QCOMPARE(m_app->stoppedByUser(), steps.count("onoff") % 2 == 1);
+    QCOMPARE(m_world->starts, starts);
+    if (!line.isEmpty())
+        QVERIFY2(capture.has(line), capture.dump());
+    if (starts > 0)
+        QCOMPARE(m_world->configured.size(), 1u);
+}
+
+void TestApp::turningOffWithoutSpeakersShowsBothTitles()
+{
+    m_app->applicationDidFinishLaunching();
+    settle();
+    QStringList shown;
+    connect(m_app->firstMenuItem(), &QAction::changed, this,
+            [&] { shown << m_app->firstMenuItem()->text(); });
+    QStringList events;
+    const auto token = NotificationCenter::defaultCenter().addObserver(
+        Notifications::appStopped, [&](const Notification &n) { events << n.name; });
+    m_app->onOffClicked();
+    settle();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    QCOMPARE(shown, QStringList({AppDelegate::statusOff, AppDelegate::statusNoSpeakers}));
+    QCOMPARE(events, QStringList({"appStopped"}));
+    QCOMPARE(m_world->searchStops, 1);
+    QCOMPARE(m_app->onOffMenuItem()->text(), AppDelegate::commandTurnOn);
+    m_app->onOffClicked(); // the command follows the state, not the title
+    QCOMPARE(m_world->searches, 2);
+}
+
+void TestApp::speakerMenuItems()
+{
+    m_app->applicationDidFinishLaunching();
+    settle();
+    QAction *formerFourth = m_app->statusMenu()->actions().at(4);
+    discover(3);
+    discover(1, false);
+    discover(2);
+    m_world->settings->setDeviceEnabled(speaker(2).location, false);
+    post(Notifications::deviceSettingsChanged);
+    settle();
+    const QList<QAction *> actions = m_app->statusMenu()->actions();
+    QCOMPARE(actions.size(), 13);
+    QStringList names;
+    for (QAction *item : m_app->deviceMenuItems()) {
+        names << item->text();
+        QVERIFY(item->isCheckable() && !item->isEnabled());
+    }
+    QCOMPARE(names, QStringList({"Room 1 - One", "Room 2 - One", "Room 3 - One"})); // by location
+    QCOMPARE(m_app->deviceMenuItems(), actions.mid(4, 3));
+    QCOMPARE(actions.at(7), formerFourth);
+    QVERIFY(!m_app->deviceMenuItems()[1]->isChecked() && m_app->deviceMenuItems()[2]->isChecked());
+    // A speaker whose description came after its search completed waits for the next start.
+    post(Notifications::discoveryComplete);
+    settle();
+    discover(4);
+    settle();
+    QCOMPARE(m_world->configured.size(), 3u);
+    QCOMPARE(m_app->deviceMenuItems().size(), 4);
+    // A new search clears the items until its speakers are found again.
+    post(Notifications::discoveryStarted);
+    settle();
+    QVERIFY(m_app->deviceMenuItems().isEmpty());
+}
+
+void TestApp::malformedDiscoveryIsIgnored_data()
+{
+    QTest::addColumn<QVariantMap>("userInfo");
+    QTest::newRow("empty") << QVariantMap();
+    QTest::newRow("wrong types") << QVariantMap{{UserInfoKey::deviceInfo, QStringLiteral("x")},
+                                                {UserInfoKey::deviceTopology, 5}};
+    QTest::newRow("topology missing")
+        << QVariantMap{{UserInfoKey::deviceInfo, QVariant::fromValue(speaker(1))}};
+}
+
+void TestApp::malformedDiscoveryIsIgnored()
+{
+    QFETCH(QVariantMap, userInfo);
+    m_app->applicationDidFinishLaunching();
+    LogCapture capture;
+    post(Notifications::deviceDiscovered, userInfo);
+    settle();
+    QCOMPARE(capture.count(QStringLiteral("Warning - Ignoring a deviceDiscovered event")), 1);
+    QVERIFY(m_world->settings->devices.empty());
+}
+
+void TestApp::idleSleepFollowsTheBridge()
+{
+    // Started twice: one lock; released twice: one release; a release asked for while the
+    // lock is still being taken follows it.
+    m_app->applicationDidFinishLaunching();
+    LogCapture capture;
+    SystemSleep &sleep = m_app->systemSleep();
+    post(Notifications::serviceStarted);
+    post(Notifications::serviceStarted);
+    settle();
+    CORVEL_WAIT(sleep.assertionResult.has_value());
+    post(Notifications::serviceTerminated);
+    post(Notifications::serviceTerminated);
+    settle();
+    sleep.disableIdleSleep();
+    sleep.enableIdleSleep();
+    CORVEL_WAIT(m_platform->idle->calls.size() == 4);
+    QCOMPARE(m_platform->idle->calls,
+             QStringList({"create Corvel", "release 7", "create Corvel", "release 8"}));
+    QVERIFY(!sleep.assertionResult);
+    m_platform->idle->result = -1;
+    sleep.disableIdleSleep();
+    CORVEL_WAIT(sleep.assertionResult == -1);
+    QCOMPARE(capture.lines().filter(QStringLiteral("idle sleep")),
+             QStringList({"Info - Preventing system from idle sleeping",
+                          "Info - Allowing user idle sleep again",
+                          "Info - Preventing system from idle sleeping",
+                          "Info - Allowing user idle sleep again",
+                          "Warning - Failed to disable system idle sleep"}));
+}
+
+void TestApp::quitShutsTheBridgeDown()
+{
+    LogCapture capture;
+    bool quit = false;
+    connect(m_app.get(), &AppDelegate::quitRequested, this, [&quit] { quit = true; });
+    m_app->quitClicked();
+    QVERIFY(quit);
+    m_app->applicationWillTerminate();
+    QCOMPARE(m_world->shutdowns, 1);
+    QCOMPARE(capture.lines(),
+             QStringList({"Info - quitClicked", "Info - applicationWillTerminate"}));
+}
+
+void TestApp::speakerCommands()
+{
+    MemorySettingsStorage memory;
+    auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
+    for (int n : {1, 2, 3}) {
+        DeviceInfo info = speaker(n);
+        info.roomName = n == 1 ? QStringLiteral("Kitchen") : QStringLiteral("Den");
+        settings->mergeDiscoveredSpeaker(info, {n != 3, "G"});
+    }
+    settings->markAllDevicesNotActive();
+    settings->mergeDiscoveredSpeaker(speaker(1), {true, "G"});
+    settings->renameDevice(speaker(1).location, QStringLiteral("Kitchen - One"));
+    QString error;
+    QVERIFY(!SpeakerCommands::findSpeaker(*settings, QStringLiteral("Den - One"), &error));
+    QVERIFY(error.startsWith(QStringLiteral("More than one speaker")));
+    QVERIFY(!SpeakerCommands::findSpeaker(*settings, QStringLiteral("kitchen - one"), &error));
+    QVERIFY(error.startsWith(QStringLiteral("No known speaker")));
+    LogCapture capture;
+    QCOMPARE(SpeakerCommands::setEnabled(*settings, QStringLiteral("Kitchen - One"), false, &error),
+             0);
+    QCOMPARE(SpeakerCommands::rename(*settings, speaker(2).location.toString(), " Study ", &error),
+             0);
+    QCOMPARE(SpeakerCommands::rename(*settings, QStringLiteral("Garden"), "x", &error), 1);
+    QCOMPARE(capture.lines(),
+             QStringList({"Info - Disabling speaker at " + speaker(1).location.toString(),
+                          "Info - Changing name for speaker at " + speaker(2).location.toString() +
+                              " from \"Den - One\" to \" Study \""}));
+    const QStringList lines =
+        SpeakerCommands::formatList(*settings).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 6);
+    QCOMPARE(lines[0], QStringLiteral("found      disabled  \"Kitchen - One\""));
+    QCOMPARE(lines[2], QStringLiteral("not found  enabled   \" Study \""));
+    QVERIFY(lines[4].endsWith(QStringLiteral("(group member: played through its coordinator)")));
+    QCOMPARE(
+        SpeakerCommands::formatList(*Settings::load(std::make_unique<MemorySettingsStorage>())),
+        QStringLiteral("No speakers known yet.\n"));
+}
+
+QTEST_MAIN(TestApp)
+#include "TestApp.moc"

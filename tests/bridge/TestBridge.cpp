@@ -1,0 +1,430 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The configuration writer, the bridge locator and the supervisor, the last with the stand-in
+// bridge started for real under a file name only this run uses.
+#include "AirConnect.h"
+#include "BridgeLocator.h"
+#include "BuildConfig.h"
+#include "ConfigWriter.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
+#include "StaleBridges.h"
+#include "TestSupport.h"
+
+#include <csignal>
+#include <QDir>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+
+namespace {
+// Records the bridge events in the order they were posted.
+class Events
+{
+public:
+    Events()
+    {
+        for (const QString &name : {Notifications::serviceStarted, Notifications::serviceReady,
+                                    Notifications::serviceTerminated}) {
+            m_tokens << NotificationCenter::defaultCenter().addObserver(
+                name, [this](const Notification &n) { names << n.name; });
+        }
+    }
+    ~Events()
+    {
+        for (auto token : m_tokens)
+            NotificationCenter::defaultCenter().removeObserver(token);
+    }
+    QStringList names;
+
+private:
+    QList<NotificationCenter::Token> m_tokens;
+};
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+DeviceSettings record(const QString &udn, const QString &name, bool coordinator = true,
+                      bool active = true, bool enabled = true, bool knownTopology = true)
+{
+    DeviceSettings r;
+    r.info.location = QUrl(QStringLiteral("http://192.0.2.1:1400/") + name);
+    if (!udn.isNull())
+        r.info.udn = udn;
+    r.name = name;
+    if (knownTopology)
+        r.topology = DeviceTopology{coordinator, QStringLiteral("g")};
+    r.active = active;
+    r.enabled = enabled;
+    return r;
+}
+
+int childCount()
+{
+    int children = 0;
+    const QByteArray self = QByteArray::number(getpid());
+    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        const QByteArray stat = readFile("/proc/" + entry + "/stat");
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        children += fields.size() > 1 && fields[1] == self ? 1 : 0;
+    }
+    return children;
+}
+} // namespace
+
+class TestBridge : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void configFile();
+    void locatorOrder_data();
+    void locatorOrder();
+    void handleOutput_data();
+    void handleOutput();
+    void launchReadyAndStop();
+    void watchdog_data();
+    void watchdog();
+    void lateExitOfAnOlderBridgeKeepsTheNewerOne();
+    void staleSweepEndsOnlySameNamedBridges();
+    void bridgeFloodIsCutIntoBoundedEntries();
+    void shutdownKillsABridgeDeafToTerm();
+    void missingBridgeIsReported();
+    void cyclesLeaveNoChildOrDescriptor();
+
+private:
+    void configure(AirConnect &bridge)
+    {
+        bridge.setConfigPath(m_dir.filePath(QStringLiteral("airupnp.xml")));
+        bridge.setWatchdogDelay(30000); // far beyond any test; the watchdog tests shorten it
+    }
+    QByteArray recorded(const char *name) const { return readFile(m_dir.filePath(name)); }
+
+    QTemporaryDir m_dir;
+    QString m_bridge; // a copy of the stand-in under a name only this run uses
+};
+
+void TestBridge::initTestCase()
+{
+    m_bridge = m_dir.filePath(QStringLiteral("fake-airupnp-%1").arg(getpid()));
+    QVERIFY(QFile::copy(QStringLiteral(FAKE_BRIDGE), m_bridge));
+    QVERIFY(QFile::setPermissions(m_bridge, QFile::ReadOwner | QFile::ExeOwner));
+}
+
+void TestBridge::init()
+{
+    qputenv("CORVEL_BRIDGE", m_bridge.toUtf8());
+    qputenv("FAKE_BRIDGE_RECORD_DIR", m_dir.path().toUtf8());
+}
+
+void TestBridge::cleanup()
+{
+    for (const char *name :
+         {"FAKE_BRIDGE_READY_MS", "FAKE_BRIDGE_EXIT_MS", "FAKE_BRIDGE_IGNORE_TERM",
+          "FAKE_BRIDGE_TERM_DELAY_MS", "FAKE_BRIDGE_FLOOD_BYTES"})
+        qunsetenv(name);
+    bool swept = false;
+    StaleBridges::endAll(QFileInfo(m_bridge).fileName(), this, [&swept](int) { swept = true; });
+    QTRY_VERIFY(swept);
+}
+
+void TestBridge::configFile()
+{
+    const std::vector<DeviceSettings> records = {
+        record("uuid:RINCON_A", "Living Room"),
+        record("uuid:RINCON_B", "Kitchen", true, true, false),          // switched off
+        record("uuid:RINCON_C", "Kitchen Sub", false),                  // group member
+        record("uuid:RINCON_D", "Garden", true, true, true, false),     // topology unknown
+        record("uuid:RINCON_E", "Office", true, false),                 // not found in this run
+        record(QString(), QStringLiteral("Tom & Jerry's <Den> \"1\"")), // no UDN
+    };
+    const QUrl artwork(QStringLiteral(CORVEL_ARTWORK_URL));
+    if (CORVEL_DEFAULT_HOSTS)
+        QVERIFY2(artwork.host().endsWith(QStringLiteral(".invalid")), CORVEL_ARTWORK_URL);
+    const QByteArray expected = testData(QStringLiteral("bridge/mixed-records.xml"))
+                                    .replace("@ARTWORK@", CORVEL_ARTWORK_URL);
+    QCOMPARE(configFileText(records).toUtf8(), expected);
+    QCOMPARE(xmlEscaped(QStringLiteral("'\"&amp;"), AttributeValueEscape::EscapeApos),
+             QStringLiteral("&apos;\"&amp;amp;"));
+    QCOMPARE(xmlEscaped(QStringLiteral("'\""), AttributeValueEscape::EscapeQuot),
+             QStringLiteral("'&quot;"));
+    // Written whole over a longer old file, logged at debug; a missing folder is an error.
+    const QString path = m_dir.filePath(QStringLiteral("written.xml"));
+    QFile old(path);
+    QVERIFY(old.open(QIODevice::WriteOnly) && old.write(QByteArray(5000, 'x')) == 5000);
+    old.close();
+    LogCapture capture;
+    QString error;
+    QVERIFY2(writeConfigFile(path, records, &error), qPrintable(error));
+    QCOMPARE(readFile(path), expected);
+    QVERIFY(capture.has("Debug - " + configFileText(records)));
+    QVERIFY(!writeConfigFile(m_dir.filePath(QStringLiteral("gone/a.xml")), records, &error));
+    QVERIFY(!error.isEmpty());
+}
+
+void TestBridge::locatorOrder_data()
+{
+    QTest::addColumn<QStringList>("present"); // files made executable, relative to a root
+    QTest::addColumn<QString>("overridePath");
+    QTest::addColumn<QString>("found");
+    const QString name = QStringLiteral("airupnp-linux-aarch64");
+    QTest::newRow("override wins") << QStringList{"opt/mine", "app/bin/" + name} << "opt/mine"
+                                   << "opt/mine";
+    QTest::newRow("missing override falls through") << QStringList{"app/bin/" + name} << "opt/gone"
+                                                    << "app/bin/" + name;
+    QTest::newRow("dynamic beside the program before static")
+        << QStringList{"app/bin/" + name + "-static", "app/bin/" + name} << ""
+        << "app/bin/" + name;
+    QTest::newRow("libexec") << QStringList{"app/libexec/corvel/" + name + "-static"} << ""
+                             << "app/libexec/corvel/" + name + "-static";
+    QTest::newRow("PATH in order") << QStringList{"p2/" + name, "p1/airupnp"} << ""
+                                   << "p1/airupnp";
+    QTest::newRow("another architecture only") << QStringList{"p1/airupnp-linux-x86_64"} << ""
+                                               << "";
+}
+
+void TestBridge::locatorOrder()
+{
+    QFETCH(QStringList, present);
+    QFETCH(QString, overridePath);
+    QFETCH(QString, found);
+    QTemporaryDir root;
+    for (const QString &file : present) {
+        QDir().mkpath(QFileInfo(root.filePath(file)).path());
+        QFile f(root.filePath(file));
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+    }
+    const BridgeLocation location = findBridgeExecutable(
+        overridePath.isEmpty() ? QString() : root.filePath(overridePath), root.filePath("app/bin"),
+        root.filePath("p1") + ":" + root.filePath("p2"), QStringLiteral("aarch64"));
+    QCOMPARE(location.path, found.isEmpty() ? QString() : root.filePath(found));
+    if (found.isEmpty())
+        QVERIFY(location.lookedIn.contains(root.filePath("p2/airupnp")));
+}
+
+void TestBridge::handleOutput_data()
+{
+    QTest::addColumn<QList<QByteArray>>("chunks");
+    QTest::addColumn<bool>("ready");
+    QTest::addColumn<QStringList>("logged");
+    QTest::newRow("marker among other lines is one message")
+        << QList<QByteArray>{"  one\nAddMRDevice: adding renderer (Den)\nthree\n\n"} << true
+        << QStringList{"one\nAddMRDevice: adding renderer (Den)\nthree"};
+    QTest::newRow("marker is case-sensitive")
+        << QList<QByteArray>{"Adding Renderer"} << false << QStringList{"Adding Renderer"};
+    QTest::newRow("white space only is dropped")
+        << QList<QByteArray>{" \n\t\r\n", ""} << false << QStringList{};
+    QTest::newRow("invalid UTF-8 is dropped whole")
+        << QList<QByteArray>{"adding renderer \xff"} << false << QStringList{};
+    QTest::newRow("marker split across reads")
+        << QList<QByteArray>{"x adding ren", "derer (Den)"} << true
+        << QStringList{"x adding ren", "derer (Den)"};
+}
+
+void TestBridge::handleOutput()
+{
+    QFETCH(QList<QByteArray>, chunks);
+    QFETCH(bool, ready);
+    QFETCH(QStringList, logged);
+    AirConnect bridge;
+    Events events;
+    LogCapture capture;
+    for (const QByteArray &chunk : chunks)
+        bridge.handleOutput(chunk);
+    QCOMPARE(bridge.isReady(), ready);
+    QStringList expected;
+    for (const QString &line : logged)
+        expected << QStringLiteral("Debug AirConnect ") + line;
+    QCOMPARE(capture.lines(), expected);
+    bridge.handleOutput("adding renderer again"); // readiness is posted once
+    QCOMPARE(events.names, QStringList{"serviceReady"});
+}
+
+void TestBridge::launchReadyAndStop()
+{
+    qputenv("FAKE_BRIDGE_READY_MS", "0");
+    AirConnect bridge;
+    configure(bridge);
+    Events events;
+    LogCapture capture;
+    const std::vector<DeviceSettings> records = {record("uuid:RINCON_A", "Den")};
+    bridge.start(records);
+    QVERIFY(bridge.running());
+    CORVEL_WAIT(events.names == QStringList({"serviceStarted", "serviceReady"}));
+    QVERIFY(!bridge.watchdogPending());
+    const QString config = bridge.configPath();
+    QCOMPARE(recorded("args.txt"), ("-Z\n-x\n" + config + "\n").toUtf8());
+    QCOMPARE(recorded("config.xml"), configFileText(records).toUtf8());
+    QVERIFY(capture.has("Info AirConnect Wrote config file to " + config));
+    // Lowest CPU priority: field 19 of stat is nice.
+    const QByteArray stat =
+        readFile(QStringLiteral("/proc/%1/stat").arg(bridge.process()->processId()));
+    QCOMPARE(stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(16).toInt(), 19);
+    bridge.stop();
+    QVERIFY(!bridge.running());
+    CORVEL_WAIT(events.names.size() == 3);
+    QCOMPARE(events.names.last(), QStringLiteral("serviceTerminated"));
+    QVERIFY(capture.has("Info AirConnect Terminated"));
+    bridge.stop(); // idle: nothing more
+    QTest::qWait(50);
+    QCOMPARE(events.names.size(), 3);
+}
+
+void TestBridge::watchdog_data()
+{
+    QTest::addColumn<QByteArray>("exitMs"); // the bridge ends by itself after this, or never
+    QTest::addColumn<QString>("bridge");    // "broken": not a program
+    QTest::addColumn<QStringList>("events");
+    QTest::newRow("never ready") << QByteArray() << QString()
+                                 << QStringList{"serviceStarted", "serviceTerminated"};
+    QTest::newRow("exits before ready")
+        << QByteArray("50") << QString() << QStringList{"serviceStarted", "serviceTerminated"};
+    QTest::newRow("fails to launch") << QByteArray() << "broken" << QStringList{};
+}
+
+void TestBridge::watchdog()
+{
+    QFETCH(QByteArray, exitMs);
+    QFETCH(QString, bridge);
+    QFETCH(QStringList, events);
+    if (!exitMs.isEmpty())
+        qputenv("FAKE_BRIDGE_EXIT_MS", exitMs);
+    const QString broken = m_dir.filePath(QStringLiteral("broken-airupnp"));
+    if (bridge == QLatin1String("broken")) {
+        QFile file(broken);
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("not a program") > 0);
+        file.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+        qputenv("CORVEL_BRIDGE", broken.toUtf8());
+    }
+    AirConnect supervisor;
+    configure(supervisor);
+    supervisor.setWatchdogDelay(400);
+    Events recorder;
+    LogCapture capture;
+    supervisor.start({});
+    CORVEL_WAIT(capture.has("Error AirConnect airupnp is not in a usable state, terminating"));
+    CORVEL_WAIT(!supervisor.running());
+    QTest::qWait(50);
+    QCOMPARE(recorder.names, events);
+    QCOMPARE(capture.has("Error AirConnect Failed to launch " + broken), !events.size());
+}
+
+void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
+{
+    // The first bridge takes 300 ms to exit; the second launch follows the sweep, so the
+    // first one's exit arrives while the second runs, and must change nothing of it.
+    qputenv("FAKE_BRIDGE_TERM_DELAY_MS", "300");
+    qputenv("FAKE_BRIDGE_READY_MS", "0");
+    AirConnect bridge;
+    configure(bridge);
+    Events events;
+    LogCapture capture;
+    bridge.start({});
+    CORVEL_WAIT(events.names == QStringList({"serviceStarted", "serviceReady"}));
+    bridge.stop();
+    bridge.start({});
+    CORVEL_WAIT(capture.has("Info AirConnect Terminated (an earlier bridge)"));
+    CORVEL_WAIT(events.names.size() == 4);
+    QCOMPARE(events.names,
+             QStringList({"serviceStarted", "serviceReady", "serviceStarted", "serviceReady"}));
+    QVERIFY(bridge.process() && bridge.isReady());
+    bridge.shutdown();
+}
+
+void TestBridge::staleSweepEndsOnlySameNamedBridges()
+{
+    const QString other = m_dir.filePath(QStringLiteral("other-program-%1").arg(getpid()));
+    QVERIFY(QFile::copy(m_bridge, other));
+    qint64 stalePid = 0, otherPid = 0;
+    QVERIFY(QProcess::startDetached(m_bridge, {}, QString(), &stalePid));
+    QVERIFY(QProcess::startDetached(other, {}, QString(), &otherPid));
+    CORVEL_WAIT(StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
+    AirConnect bridge;
+    configure(bridge);
+    Events events;
+    LogCapture capture;
+    bridge.start({});
+    QVERIFY(bridge.running() && !bridge.process()); // the launch waits for the sweep
+    CORVEL_WAIT(events.names == QStringList{"serviceStarted"});
+    QVERIFY(capture.has("Info AirConnect Ended 1 stale bridge process(es)"));
+    QVERIFY(!StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
+    QVERIFY(StaleBridges::find(QFileInfo(other).fileName()).contains(otherPid));
+    ::kill(static_cast<pid_t>(otherPid), SIGKILL);
+    bridge.shutdown();
+}
+
+void TestBridge::bridgeFloodIsCutIntoBoundedEntries()
+{
+    qputenv("FAKE_BRIDGE_FLOOD_BYTES", "3000000");
+    AirConnect bridge;
+    configure(bridge);
+    LogCapture capture(LogLevel::Debug);
+    bridge.start({});
+    CORVEL_WAIT(capture.count("Debug AirConnect ") > 300);
+    bridge.shutdown();
+    for (const QString &line : capture.lines())
+        QVERIFY2(line.size() <= AirConnect::maxOutputChunk + 20, qPrintable(line.left(80)));
+}
+
+void TestBridge::shutdownKillsABridgeDeafToTerm()
+{
+    qputenv("FAKE_BRIDGE_IGNORE_TERM", "1");
+    qputenv("FAKE_BRIDGE_READY_MS", "0");
+    AirConnect bridge;
+    configure(bridge);
+    Events events;
+    bridge.start({});
+    CORVEL_WAIT(events.names.size() == 2); // ready: its SIGTERM handler is in place
+    const qint64 pid = bridge.process()->processId();
+    LogCapture capture;
+    bridge.shutdown();
+    QVERIFY(capture.has("Warning AirConnect Bridge did not exit in time; killing it"));
+    QVERIFY(!StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(pid));
+}
+
+void TestBridge::missingBridgeIsReported()
+{
+    qputenv("CORVEL_BRIDGE", "/nonexistent/airupnp-linux-x86_64");
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", m_dir.filePath(QStringLiteral("empty")).toUtf8());
+    AirConnect bridge;
+    configure(bridge);
+    Events events;
+    LogCapture capture;
+    QSignalSpy missing(&bridge, &AirConnect::bridgeNotFound);
+    bridge.start({record("uuid:A", "Den")});
+    qputenv("PATH", path);
+    QCOMPARE(missing.size(), 1);
+    QVERIFY(bridge.bridgeMissing() && !bridge.running() && !bridge.watchdogPending());
+    QCOMPARE(capture.count("Error AirConnect "), 1);
+    QVERIFY(capture.dump().contains("/nonexistent/airupnp-linux-x86_64"));
+    QTest::qWait(20);
+    QVERIFY(events.names.isEmpty());
+}
+
+void TestBridge::cyclesLeaveNoChildOrDescriptor()
+{
+    AirConnect bridge;
+    configure(bridge);
+    qunsetenv("FAKE_BRIDGE_RECORD_DIR");
+    LogCapture quiet(LogLevel::Warning);
+    const int descriptors = QDir(QStringLiteral("/proc/self/fd")).count();
+    for (int cycle = 0; cycle < 50; ++cycle) {
+        bridge.start({record("uuid:A", "Den")});
+        QVERIFY(bridge.running());
+        bridge.stop();
+        QCoreApplication::processEvents();
+    }
+    CORVEL_WAIT(childCount() == 0);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QCOMPARE(QDir(QStringLiteral("/proc/self/fd")).count(), descriptors);
+}
+
+QTEST_GUILESS_MAIN(TestBridge)
+#include "TestBridge.moc"

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The crash reporter: a real crash of this very program (started again with --crash) leaves
+// one report, offered once at the next start with both sessions' logs.
+#include "CrashReporter.h"
+#include "Log.h"
+#include "TestSupport.h"
+
+#include <csignal>
+#include <QCoreApplication>
+#include <QDir>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+
+namespace {
+struct FakeDelegate : CrashReporterDelegate
+{
+    int offers = 0;
+    QString applicationLogForCrashManager() override
+    {
+        return QStringLiteral("this session's log");
+    }
+    void crashManagerWillShowSubmitCrashReportAlert() override { ++offers; }
+};
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeReport(const QString &folder, const QString &name)
+{
+    QDir().mkpath(folder + "/reports");
+    QFile file(folder + "/reports/" + name);
+    if (file.open(QIODevice::WriteOnly))
+        file.write("signal 11\ntime 1\nversion 1.0.0\nlog /nonexistent\nbacktrace:\n");
+}
+
+// The crashing side: starts the reporter, logs, then fails as asked.
+int crash(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationVersion(QStringLiteral("9.8.7"));
+    Logging::setDefaultLevel(LogLevel::Verbose);
+    Logging::attach(&Log::shared());
+    CrashReporter::shared().start();
+    logInfo(QStringLiteral("the crashed session's last words"));
+    const QByteArray how = argv[2];
+    if (how == "abort")
+        std::abort();
+    if (how == "fatal")
+        qFatal("fatal error for the test");
+    if (how == "terminate")
+        throw std::runtime_error("not caught");
+    volatile int *nothing = nullptr;
+    return *nothing;
+}
+} // namespace
+
+class TestCrash : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void realCrashLeavesOneReport_data();
+    void realCrashLeavesOneReport();
+    void answers_data();
+    void answers();
+    void failedSendKeepsTheReportAndLogs();
+};
+
+void TestCrash::realCrashLeavesOneReport_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::addColumn<int>("signal");
+    QTest::newRow("null pointer") << "segv" << int(SIGSEGV);
+    QTest::newRow("qFatal") << "fatal" << int(SIGABRT);
+    QTest::newRow("uncaught exception") << "terminate" << int(SIGABRT);
+}
+
+void TestCrash::realCrashLeavesOneReport()
+{
+    QFETCH(QString, how);
+    QFETCH(int, signal);
+    QTemporaryDir state;
+    QProcess program;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_STATE_HOME"), state.path());
+    env.insert(QStringLiteral("ASAN_OPTIONS"),
+               QStringLiteral("handle_segv=0:handle_abort=0:detect_leaks=0"));
+    program.setProcessEnvironment(env);
+    program.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--crash"), how});
+    QVERIFY(program.waitForFinished(20000));
+    QCOMPARE(program.exitStatus(), QProcess::CrashExit); // the signal was re-raised
+    CrashReporter reporter;
+    reporter.setStateFolder(state.filePath(QStringLiteral("corvel")));
+    const QStringList reports = reporter.pendingReports();
+    QCOMPARE(reports.size(), 1);
+    const QByteArray record = readFile(reports.first());
+    QVERIFY2(record.startsWith("signal " + QByteArray::number(signal) + "\ntime "), record);
+    QVERIFY(record.contains("\nversion 9.8.7\n") && record.contains("\nbacktrace:\n"));
+    FakeDelegate delegate;
+    reporter.configure(QStringLiteral("org.corvel.Corvel"), &delegate);
+    QString attachment;
+    reporter.setPrompt([&](const CrashReporter::Report &report, auto done) {
+        attachment = report.attachment;
+        done(CrashReporter::Answer::DontSend);
+    });
+    reporter.processPendingReports();
+    reporter.processPendingReports(); // declined: gone, not offered again
+    QCOMPARE(delegate.offers, 1);
+    QVERIFY(attachment.startsWith(QStringLiteral("this session's log")));
+    QVERIFY(attachment.contains(QStringLiteral("the crashed session's last words")));
+    QVERIFY(!QFile::exists(reports.first()));
+}
+
+void TestCrash::answers_data()
+{
+    QTest::addColumn<int>("answer");
+    QTest::addColumn<bool>("saveChosen");
+    QTest::addColumn<bool>("kept");
+    QTest::addColumn<bool>("remembered");
+    QTest::newRow("always send, saved")
+        << int(CrashReporter::Answer::AlwaysSend) << true << false << true;
+    QTest::newRow("send, save cancelled")
+        << int(CrashReporter::Answer::Send) << false << true << false;
+    QTest::newRow("don't send") << int(CrashReporter::Answer::DontSend) << false << false << false;
+}
+
+void TestCrash::answers()
+{
+    QFETCH(int, answer);
+    QFETCH(bool, saveChosen);
+    QFETCH(bool, kept);
+    QFETCH(bool, remembered);
+    QTemporaryDir state;
+    writeReport(state.path(), QStringLiteral("crash-1-1.txt"));
+    CrashReporter reporter;
+    reporter.setStateFolder(state.path());
+    FakeDelegate delegate;
+    reporter.configure(QStringLiteral("id"), &delegate);
+    reporter.setPrompt([answer](const CrashReporter::Report &, auto done) {
+        done(CrashReporter::Answer(answer));
+    });
+    const QString target = state.filePath(QStringLiteral("saved.txt"));
+    reporter.setSavePrompt(
+        [&](const CrashReporter::Report &, auto done) { done(saveChosen ? target : QString()); });
+    reporter.processPendingReports();
+    QCOMPARE(reporter.pendingReports().size(), kept ? 1 : 0);
+    QCOMPARE(reporter.alwaysSend(), remembered);
+    QCOMPARE(readFile(target).contains("this session's log"), saveChosen);
+    if (!remembered)
+        return;
+    // Remembered: the next report is not asked about, but still counted.
+    writeReport(state.path(), QStringLiteral("crash-2-2.txt"));
+    QFile::remove(target);
+    CrashReporter nextStart;
+    nextStart.setStateFolder(state.path());
+    nextStart.configure(QStringLiteral("id"), &delegate);
+    nextStart.setPrompt([](const CrashReporter::Report &, auto) { QFAIL("asked again"); });
+    nextStart.setSavePrompt([&](const CrashReporter::Report &, auto done) { done(target); });
+    nextStart.processPendingReports();
+    QVERIFY(readFile(target).contains("signal 11"));
+    QCOMPARE(delegate.offers, 2);
+}
+
+void TestCrash::failedSendKeepsTheReportAndLogs()
+{
+    QTemporaryDir state;
+    writeReport(state.path(), QStringLiteral("crash-1-1.txt"));
+    CrashReporter reporter;
+    reporter.setStateFolder(state.path());
+    reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:9/crash"))); // nothing listens
+    reporter.setPrompt(
+        [](const CrashReporter::Report &, auto done) { done(CrashReporter::Answer::Send); });
+    LogCapture capture;
+    QSignalSpy handled(&reporter, &CrashReporter::reportHandled);
+    reporter.processPendingReports();
+    CORVEL_WAIT(handled.size() == 1);
+    QCOMPARE(handled.first().at(1).toBool(), false);
+    QCOMPARE(reporter.pendingReports().size(), 1);
+    QCOMPARE(capture.count("Warning CrashReporter CrashReporter.cpp:"), 1);
+    QVERIFY2(capture.dump().contains(" Failed to send the crash report "), capture.dump());
+    // Nobody to ask (a headless run): kept, and not counted.
+    FakeDelegate delegate;
+    CrashReporter headless;
+    headless.setStateFolder(state.path());
+    headless.configure(QStringLiteral("id"), &delegate);
+    headless.processPendingReports();
+    QCOMPARE(delegate.offers, 0);
+    QCOMPARE(headless.pendingReports().size(), 1);
+}
+
+int main(int argc, char *argv[])
+{
+    if (argc > 2 && QByteArray(argv[1]) == "--crash")
+        return crash(argc, argv);
+    QCoreApplication app(argc, argv);
+    TestCrash test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "TestCrash.moc"

@@ -1,0 +1,357 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The description and topology parsers on real captures (each beside the JSON record it must
+// give), and the discovery pipeline over real sockets against a simulated household, inside a
+// private network namespace.
+#include "DescriptionParser.h"
+#include "DeviceDiscovery.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
+#include "SpeakerSimulator.h"
+#include "TestSupport.h"
+
+#include <cmath>
+#include <QJsonDocument>
+
+namespace {
+const QUrl location(QStringLiteral("http://192.0.2.10:1400/xml/device_description.xml"));
+
+QByteArray topologyDocument(const QByteArray &entries)
+{
+    return "<ZPSupportInfo type='User'><ZonePlayers>" + entries + "</ZonePlayers></ZPSupportInfo>";
+}
+
+// Records the discovery events in order, with each speaker announced.
+class Events
+{
+public:
+    Events()
+    {
+        for (const QString &name :
+             {Notifications::discoveryStarted, Notifications::deviceDiscovered,
+              Notifications::discoveryComplete}) {
+            m_tokens << NotificationCenter::defaultCenter().addObserver(
+                name, [this](const Notification &n) {
+                    names << n.name;
+                    if (const auto speaker = discoveredSpeaker(n))
+                        speakers.push_back(*speaker);
+                });
+        }
+    }
+    ~Events()
+    {
+        for (auto token : m_tokens)
+            NotificationCenter::defaultCenter().removeObserver(token);
+    }
+    int count(const QString &name) const { return int(names.count(name)); }
+
+    QStringList names;
+    std::vector<std::pair<DeviceInfo, DeviceTopology>> speakers;
+
+private:
+    QList<NotificationCenter::Token> m_tokens;
+};
+} // namespace
+
+class TestDiscovery : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void numbers_data();
+    void numbers();
+    void realDescriptions_data();
+    void realDescriptions();
+    void notADescriptionAndHostileDocuments();
+    void topology_data();
+    void topology();
+    void searchesAHousehold();
+    void searchLifecycle();
+    void playerFaults_data();
+    void playerFaults();
+    void answerFloodIsBounded();
+};
+
+void TestDiscovery::numbers_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<std::optional<qint64>>("integer");
+    QTest::addColumn<std::optional<float>>("real");
+    using I = std::optional<qint64>;
+    using F = std::optional<float>;
+    QTest::newRow("plain") << "7" << I(7) << F(7);
+    QTest::newRow("signs") << "-1" << I(-1) << F(-1);
+    QTest::newRow("firmware style") << "60.000" << I() << F(60);
+    QTest::newRow("leading space") << " 7" << I() << F();
+    QTest::newRow("trailing newline") << "7\n" << I() << F();
+    QTest::newRow("empty") << "" << I() << F();
+    QTest::newRow("comma") << "1,5" << I() << F();
+    QTest::newRow("largest") << "9223372036854775807" << I(9223372036854775807LL)
+                             << F(9223372036854775807.0f);
+    QTest::newRow("beyond 64 bits") << "9223372036854775808" << I() << F(9223372036854775808.0f);
+    QTest::newRow("non-ASCII digit") << QStringLiteral("\u0663") << I() << F();
+    QTest::newRow("double sign") << "+-1" << I() << F();
+    QTest::newRow("exponent") << "1e3" << I() << F(1000);
+}
+
+void TestDiscovery::numbers()
+{
+    QFETCH(QString, text);
+    QFETCH(std::optional<qint64>, integer);
+    QFETCH(std::optional<float>, real);
+    QCOMPARE(DescriptionParser::parseInteger(text), integer);
+    QCOMPARE(DescriptionParser::parseFloat(text), real);
+}
+
+void TestDiscovery::realDescriptions_data()
+{
+    QTest::addColumn<QString>("file");
+    for (const char *name :
+         {"bridge-zb100-fw28.1", "connect-zp90-fw28.1", "connectamp-zp120-fw16.5",
+          "connectamp-zp120-fw28.1", "one-s18-fw66.4-browser-copy", "play3-s3-fw28.1",
+          "playbar-s9-fw57.4-unfilled-placeholders"})
+        QTest::newRow(name) << QStringLiteral("captures/description-%1").arg(QLatin1String(name));
+}
+
+void TestDiscovery::realDescriptions()
+{
+    // Each capture beside the record it must give (CORVEL_UPDATE_GOLDEN=1 rewrites them).
+    QFETCH(QString, file);
+    const QByteArray body = testData(file + QStringLiteral(".xml"));
+    QVERIFY(!body.isEmpty());
+    const auto info =
+        DescriptionParser::parseDeviceDescription(body, location, QStringLiteral("S"));
+    QVERIFY(info);
+    const QByteArray json = QJsonDocument(info->toJson()).toJson(QJsonDocument::Indented);
+    if (qEnvironmentVariableIsSet("CORVEL_UPDATE_GOLDEN")) {
+        QFile golden(QStringLiteral(CORVEL_TEST_DATA "/") + file + QStringLiteral(".json"));
+        QVERIFY(golden.open(QIODevice::WriteOnly));
+        golden.write(json);
+    }
+    QCOMPARE(QJsonDocument::fromJson(json),
+             QJsonDocument::fromJson(testData(file + QStringLiteral(".json"))));
+}
+
+void TestDiscovery::notADescriptionAndHostileDocuments()
+{
+    for (const QByteArray &body :
+         {QByteArray("<html><head><title>404 Not Found</title></head></html>"),
+          QByteArray("\x01\x02garbage\xff"), QByteArray(),
+          QByteArray("<root><specVersion/></root>"),
+          QByteArray("<device><modelName>x</modelName></device>")})
+        QVERIFY2(!DescriptionParser::parseDeviceDescription(body, location, {}), body.constData());
+    // Only the top device describes the player; a broken document keeps what was read.
+    const auto broken = DescriptionParser::parseDeviceDescription(
+        "<root><device><roomName>Den</roomName><displayName>One</displayName><deviceList><device>"
+        "<UDN>uuid:X_MR</UDN></device></deviceList><zoneType>9</zo",
+        location, std::nullopt);
+    QVERIFY(broken && !broken->udn && !broken->server);
+    QCOMPARE(broken->defaultName(), QStringLiteral("Den - One"));
+    // Deep nesting and entity bombs stay cheap: no recursion, entities never expanded.
+    const QByteArray deep =
+        "<root><device><roomName>Deep</roomName>" + QByteArray("<a>").repeated(1e5);
+    QCOMPARE(*DescriptionParser::parseDeviceDescription(deep, location, {})->roomName, "Deep");
+    const QByteArray bomb = R"(<?xml version="1.0"?><!DOCTYPE l [<!ENTITY a "aaaaaaaaaa">)"
+                            R"(<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>)"
+                            R"(<root><device><roomName>&b;&b;&b;</roomName></device></root>)";
+    QVERIFY(DescriptionParser::parseDeviceDescription(bomb, location, {})->roomName->size() < 100);
+    // Icon URLs resolve against the location; a bad one is dropped.
+    const auto icons = DescriptionParser::parseDeviceDescription(
+        "<root><device><iconList><icon><url>/img/a.png</url></icon><icon><url>http://[x</url>"
+        "</icon></iconList><modelURL>/products/S3</modelURL></device></root>",
+        location, {});
+    QCOMPARE(*icons->iconList[0]->url, QUrl(QStringLiteral("http://192.0.2.10:1400/img/a.png")));
+    QVERIFY(!icons->iconList[1]->url);
+    QCOMPARE(*icons->modelURL, QUrl(QStringLiteral("/products/S3")));
+}
+
+void TestDiscovery::topology_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QString>("udn");
+    QTest::addColumn<bool>("coordinator");
+    QTest::addColumn<QString>("group");
+    const QString key = QStringLiteral("RINCON_A");
+    const QByteArray member = "<ZonePlayer uuid='RINCON_A' coordinator='false' group='G1'/>";
+    QTest::newRow("member") << topologyDocument(member) << key << false << "G1";
+    QTest::newRow("first usable entry wins")
+        << topologyDocument("<ZonePlayer uuid='RINCON_A' coordinator='false'/>"
+                            "<ZonePlayer uuid='RINCON_A' coordinator='yes' group='G0'/>"
+                            "<ZonePlayer uuid='RINCON_A' coordinator='true' group='G2'/>" +
+                            member)
+        << key << true << "G2";
+    QTest::newRow("other players only")
+        << topologyDocument("<ZonePlayer uuid='RINCON_B' coordinator='false' group='G'/>") << key
+        << true << key;
+    QTest::newRow("case differs") << topologyDocument(QByteArray(member).toLower()) << key << true
+                                  << key;
+    QTest::newRow("no ZonePlayers (current firmware)")
+        << QByteArray("<ZPSupportInfo/>") << key << true << key;
+    QTest::newRow("not XML") << QByteArray("nothing here") << key << true << key;
+    const QByteArray real =
+        testData(QStringLiteral("captures/topology-2players-1group-fw28.1.xml"));
+    QTest::newRow("real coordinator")
+        << real << "RINCON_000E58F3F87C01400" << true << "RINCON_000E58F3F87C01400:10";
+    QTest::newRow("real member") << real << "RINCON_000E5874AA8601400" << false
+                                 << "RINCON_000E58F3F87C01400:10";
+}
+
+void TestDiscovery::topology()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(QString, udn);
+    QFETCH(bool, coordinator);
+    QFETCH(QString, group);
+    const DeviceTopology result = DescriptionParser::parseTopology(body, udn);
+    QCOMPARE(result.coordinator, coordinator);
+    QCOMPARE(result.group, group);
+    DeviceInfo info;
+    info.location = location;
+    info.udn = QStringLiteral("uuid:A\nuuid:B");
+    QCOMPARE(DescriptionParser::udnKey(info), QStringLiteral("A\nB")); // every line start
+    info.udn.reset();
+    QCOMPARE(DescriptionParser::udnKey(info), location.toString());
+}
+
+void TestDiscovery::searchesAHousehold()
+{
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    auto household = SpeakerSimulator::household(5, 2, true);
+    household[2].fault = SimulatedPlayer::Description404;
+    household[3].fault = SimulatedPlayer::TopologyMissing;
+    household[4].answersPerSearch = 2;
+    SpeakerSimulator simulator(household);
+    QString error;
+    QVERIFY2(simulator.start(&error), qPrintable(error));
+    DeviceDiscovery discovery;
+    Events events;
+    LogCapture capture;
+    discovery.searchForDevices(0.6);
+    QVERIFY(discovery.session());
+    QCOMPARE(events.names, QStringList{"discoveryStarted"});
+    CORVEL_WAIT(events.count("discoveryComplete") == 1 && events.count("deviceDiscovered") == 5);
+    QCOMPARE(simulator.searchesReceived(), 1);
+    QVERIFY(!discovery.session());
+    QCOMPARE(discovery.devices().size(), 4u);
+    const QList<std::pair<int, QString>> groups = {
+        {0, "GROUP_0:1"}, {1, "GROUP_1:2"}, {3, household[3].udn}, {4, "GROUP_0:1"}};
+    for (const auto &[index, group] : groups) {
+        const SimulatedPlayer &player = household[size_t(index)];
+        const auto found =
+            std::find_if(events.speakers.begin(), events.speakers.end(),
+                         [&](const auto &s) { return s.first.location == player.location(); });
+        QVERIFY2(found != events.speakers.end(), qPrintable(player.roomName));
+        QCOMPARE(*found->first.udn, QStringLiteral("uuid:") + player.udn);
+        QCOMPARE(found->first.iconList[0]->url->host(), player.address.toString());
+        QCOMPARE(found->second.coordinator, index != 4);
+        QCOMPARE(found->second.group, group);
+    }
+    const QString boost = household[5].location().toString();
+    QVERIFY(capture.has("Info SSDP searchForDevices"));
+    QVERIFY(capture.has("Info - Ignoring BOOST device at " + boost));
+    QVERIFY(capture.has("Warning SSDP fetchDeviceInfo failed: The operation couldn't be "
+                        "completed. (InvalidDeviceXMLErrorDomain error -1.)"));
+    QVERIFY(capture.has("Info - Fetching XML from " + household[0].location().toString()));
+    QVERIFY(capture.has("Info - Received a response from http://127.0.1.1:1400/status/topology"));
+    QCOMPARE(capture.count("Error - Failed to fetch topology"), 0); // a missing one is quiet
+    QCOMPARE(capture.count("Info SSDP discoveredDevice(SSDPMSearchResponse(location: "
+                           "http://127.0.1.1:1400/"),
+             1);
+    QCOMPARE(capture.count("Info SSDP closedSession("), 1);
+}
+
+void TestDiscovery::searchLifecycle()
+{
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    DeviceDiscovery discovery;
+    Events events;
+    LogCapture capture;
+    discovery.stopSearching(); // idle: completes once
+    QCOMPARE(events.names, QStringList{"discoveryComplete"});
+    QVERIFY(capture.has("Info SSDP stopSearching"));
+    events.names.clear();
+    discovery.searchForDevices(0.3);
+    SSDPDiscoverySession *first = discovery.session();
+    discovery.searchForDevices(0.3); // closes the first without a completion
+    QVERIFY(discovery.session() && discovery.session() != first);
+    discovery.stopSearching();
+    QTest::qWait(500); // past the time-out: closed sessions report nothing more
+    QCOMPARE(events.names,
+             QStringList({"discoveryStarted", "discoveryStarted", "discoveryComplete"}));
+    // A search is sent again after a second.
+    auto household = SpeakerSimulator::household(1, 1);
+    household[0].fault = SimulatedPlayer::SilentOnSsdp;
+    SpeakerSimulator simulator(household);
+    QVERIFY(simulator.start(nullptr));
+    discovery.searchForDevices(1.3);
+    CORVEL_WAIT(events.count("discoveryComplete") == 2);
+    QCOMPARE(simulator.searchesReceived(), 2);
+}
+
+void TestDiscovery::playerFaults_data()
+{
+    QTest::addColumn<int>("fault");
+    QTest::addColumn<bool>("announced");
+    QTest::addColumn<QString>("line");
+    const QString failed = QStringLiteral(
+        "Error - Failed to fetch XML from http://127.0.1.1:1400/xml/device_description.xml - ");
+    QTest::newRow("HTML page") << int(SimulatedPlayer::DescriptionHtml) << false
+                               << "Warning SSDP fetchDeviceInfo failed: The operation couldn't "
+                                  "be completed. (InvalidDeviceXMLErrorDomain error -1.)";
+    QTest::newRow("silent server") << int(SimulatedPlayer::DescriptionSlow) << false << failed;
+    QTest::newRow("body trickling past the time-out")
+        << int(SimulatedPlayer::DescriptionTrickle) << false
+        << failed + "No complete response within 300 ms";
+    QTest::newRow("body over 1 MiB") << int(SimulatedPlayer::DescriptionHuge) << false
+                                     << failed + "The response is larger than 1 MiB";
+    QTest::newRow("topology without players")
+        << int(SimulatedPlayer::TopologyEmpty) << true
+        << "Info - Received a response from http://127.0.1.1:1400/status/topology";
+}
+
+void TestDiscovery::playerFaults()
+{
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    QFETCH(int, fault);
+    QFETCH(bool, announced);
+    QFETCH(QString, line);
+    auto household = SpeakerSimulator::household(1, 1);
+    household[0].fault = SimulatedPlayer::Fault(fault);
+    SpeakerSimulator simulator(household);
+    QVERIFY(simulator.start(nullptr));
+    DeviceDiscovery discovery;
+    discovery.setTransferTimeout(300);
+    Events events;
+    LogCapture capture;
+    discovery.searchForDevices(0.2);
+    CORVEL_WAIT(capture.count(line) > 0 && events.count("discoveryComplete") == 1);
+    QTest::qWait(100);
+    QCOMPARE(events.count("deviceDiscovered"), announced ? 1 : 0);
+    QCOMPARE(capture.count("Warning SSDP fetchDeviceInfo failed: "), announced ? 0 : 1);
+    if (announced)
+        QCOMPARE(events.speakers[0].second.group, household[0].udn);
+}
+
+void TestDiscovery::answerFloodIsBounded()
+{
+    // Answers naming ports where nothing listens: 32 fetches at once, 1,024 per search.
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    DeviceDiscovery discovery;
+    discovery.setTransferTimeout(2000);
+    LogCapture capture;
+    discovery.searchForDevices(5);
+    for (int i = 0; i < DeviceDiscovery::maxAnswersPerSearch + 100; ++i) {
+        SSDPMSearchResponse response;
+        response.location = QUrl(QStringLiteral("http://127.0.0.1:%1/d.xml").arg(20000 + i));
+        discovery.discoveredDevice(response, discovery.session());
+    }
+    QCOMPARE(capture.count("Info - Fetching XML from "), DeviceDiscovery::maxPipelinesInFlight);
+    QCOMPARE(capture.count("Warning SSDP More than 1024 answers to one search"), 1);
+    CORVEL_WAIT(capture.count("Warning SSDP fetchDeviceInfo failed: ") ==
+                DeviceDiscovery::maxAnswersPerSearch);
+    QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.1:21023/"), 1);
+    QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.1:21024/"), 0);
+    discovery.stopSearching();
+}
+
+QTEST_GUILESS_MAIN(TestDiscovery)
+#include "TestDiscovery.moc"

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The whole program: build/bin/corvel --headless as a server runs it, against a simulated
+// household answering from this process and the stand-in bridge, in a private network
+// namespace.
+#include "Settings.h"
+#include "SpeakerSimulator.h"
+#include "TestSupport.h"
+
+#include <csignal>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QProcess>
+#include <QTemporaryDir>
+
+namespace {
+QByteArray deviceBlock(const char *udn, const char *name, int enabled)
+{
+    return QByteArray("<device>\n  <udn>uuid:") + udn + "</udn>\n  <name>" + name +
+           "</name>\n  <enabled>" + QByteArray::number(enabled) + "</enabled>\n</device>";
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// corvel --headless with folders of its own and the stand-in bridge under a name only this
+// suite uses, so suites side by side never sweep each other's bridges away as stale.
+class HeadlessCorvel
+{
+public:
+    explicit HeadlessCorvel(const QString &home)
+        : m_home(home), m_record(home + QStringLiteral("/record"))
+    {
+        QDir().mkpath(m_record);
+        const QString bridge = home + QStringLiteral("/airupnp-endtoend");
+        QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge);
+        QFile::setPermissions(bridge, QFile::ReadOwner | QFile::ExeOwner);
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral("/config"));
+        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home);
+        env.insert(QStringLiteral("XDG_STATE_HOME"), home + QStringLiteral("/state"));
+        env.insert(QStringLiteral("CORVEL_BRIDGE"), bridge);
+        env.insert(QStringLiteral("FAKE_BRIDGE_RECORD_DIR"), m_record);
+        env.insert(QStringLiteral("FAKE_BRIDGE_READY_MS"), QStringLiteral("100"));
+        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+        m_process.setProcessEnvironment(env);
+        m_process.setProcessChannelMode(QProcess::MergedChannels);
+        QObject::connect(&m_process, &QProcess::readyRead,
+                         [this] { output += m_process.readAll(); });
+        m_process.start(QStringLiteral(CORVEL), {QStringLiteral("--headless")});
+    }
+    ~HeadlessCorvel()
+    {
+        m_process.kill();
+        m_process.waitForFinished();
+    }
+    // Serves the loop (the simulator answers from this process) until output holds text.
+    bool waitFor(const QByteArray &text)
+    {
+        QDeadlineTimer deadline(40000);
+        while (!output.contains(text) && m_process.state() != QProcess::NotRunning &&
+               !deadline.hasExpired())
+            QTest::qWait(50);
+        return output.contains(text);
+    }
+    QByteArray bridgeRecord(const char *name) const
+    {
+        return readFile(m_record + QLatin1Char('/') + QLatin1String(name));
+    }
+    pid_t pid() const { return pid_t(m_process.processId()); }
+    // Signals Corvel and waits for its exit; true when it exited normally with 0.
+    bool end(int signal)
+    {
+        ::kill(pid(), signal);
+        if (!m_process.waitForFinished(15000))
+            return false;
+        output += m_process.readAll();
+        return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+    }
+
+    QByteArray output;
+
+private:
+    QString m_home;
+    QString m_record;
+    QProcess m_process;
+};
+} // namespace
+
+class TestEndToEnd : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { CORVEL_REQUIRE_PRIVATE_NETWORK(); }
+    void headlessLifecycle();
+    void hostileServers_data();
+    void hostileServers();
+    void killedCorvelTakesItsBridgeAndKeepsItsSettings();
+};
+
+void TestEndToEnd::headlessLifecycle()
+{
+    QTemporaryDir home;
+    SpeakerSimulator simulator(SpeakerSimulator::household(3, 2, true));
+    QString error;
+    QVERIFY2(simulator.start(&error), qPrintable(error));
+    // The user switched the first speaker off in an earlier run.
+    qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
+    {
+        auto settings = Settings::load(std::make_unique<UserSettingsStorage>());
+        DeviceInfo known;
+        known.location = simulator.players()[0].location();
+        settings->mergeDiscoveredSpeaker(known, DeviceTopology{true, QStringLiteral("G")});
+        settings->setDeviceEnabled(known.location, false);
+    }
+    HeadlessCorvel corvel(home.path());
+    QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
+    // Coordinators on, the group member and the speaker switched off as 0, no BOOST.
+    const QByteArray config = corvel.bridgeRecord("config.xml");
+    QVERIFY(config.contains(deviceBlock("RINCON_000E5800000101400", "Living Room - PLAY:3", 0)));
+    QVERIFY(config.contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 1)));
+    QVERIFY(config.contains(deviceBlock("RINCON_000E5800000301400", "Bedroom - PLAY:3", 0)));
+    QCOMPARE(config.count("<device>"), 3);
+    QCOMPARE(corvel.bridgeRecord("args.txt"),
+             "-Z\n-x\n" + home.filePath(QStringLiteral("airupnp.xml")).toUtf8() + "\n");
+    const QList<QByteArray> milestones = {"[Info][default] applicationDidFinishLaunching",
+                                          "[Info][SSDP] searchForDevices",
+                                          "[Info][default] Adding menu item Kitchen - PLAY:3",
+                                          "[Info][SSDP] closedSession(",
+                                          "[Info][default] Discovery complete, starting AirConnect",
+                                          "[Info][AirConnect] Wrote config file to ",
+                                          "adding renderer"};
+    qsizetype at = 0;
+    for (const QByteArray &milestone : milestones) {
+        at = corvel.output.indexOf(milestone, at);
+        QVERIFY2(at >= 0, milestone.constData());
+    }
+    const pid_t bridge = corvel.bridgeRecord("pid").toInt();
+    QVERIFY(bridge > 0);
+    QVERIFY(corvel.end(SIGTERM)); // as a service manager stops it: exit 0
+    QVERIFY(corvel.output.contains("applicationWillTerminate"));
+    QVERIFY(::kill(bridge, 0) != 0); // the bridge is gone, and reaped
+}
+
+void TestEndToEnd::hostileServers_data()
+{
+    QTest::addColumn<int>("fault");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("garbage") << int(SimulatedPlayer::DescriptionGarbage)
+                             << QByteArray("InvalidDeviceXMLErrorDomain");
+    QTest::newRow("2 MiB body") << int(SimulatedPlayer::DescriptionHuge)
+                                << QByteArray("The response is larger than 1 MiB");
+    QTest::newRow("silent server") << int(SimulatedPlayer::DescriptionSlow) << QByteArray();
+}
+
+void TestEndToEnd::hostileServers()
+{
+    // One of the players is hostile: the others are still offered, and Corvel stays whole.
+    QFETCH(int, fault);
+    QFETCH(QByteArray, line);
+    QTemporaryDir home;
+    auto household = SpeakerSimulator::household(3, 3);
+    household[1].fault = SimulatedPlayer::Fault(fault);
+    SpeakerSimulator simulator(household);
+    QVERIFY(simulator.start(nullptr));
+    HeadlessCorvel corvel(home.path());
+    QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
+    QVERIFY(corvel.output.contains(line));
+    const QByteArray config = corvel.bridgeRecord("config.xml");
+    QCOMPARE(config.count("<enabled>1</enabled>"), 2 + 1); // the head's, and two speakers
+    QVERIFY(!config.contains(household[1].udn.toUtf8()));
+    QVERIFY(corvel.end(SIGTERM));
+}
+
+void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
+{
+    QTemporaryDir home;
+    SpeakerSimulator simulator(SpeakerSimulator::household(2, 2));
+    QVERIFY(simulator.start(nullptr));
+    for (int round = 0; round < 2; ++round) {
+        HeadlessCorvel corvel(home.path());
+        QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
+        const pid_t bridge = corvel.bridgeRecord("pid").toInt();
+        corvel.end(SIGKILL);
+        QTRY_VERIFY_WITH_TIMEOUT(::kill(bridge, 0) != 0, 10000);
+        // The next session reads what the killed one left, and finds no bridge left over.
+        QVERIFY(!corvel.output.contains("Failed to deserialize"));
+        QVERIFY(!corvel.output.contains("stale bridge"));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestEndToEnd)
+#include "TestEndToEnd.moc"

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The Linux backends that work on files and programs: the XDG autostart entry and the sound
+// outputs through pactl (a stand-in script that keeps the loaded modules in a file).
+#include "BuildConfig.h"
+#include "PactlSoundOutputs.h"
+#include "TestSupport.h"
+#include "XdgAutostart.h"
+
+#include <QCoreApplication>
+#include <QTemporaryDir>
+
+namespace {
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+} // namespace
+
+class TestPlatform : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { qputenv("XDG_CONFIG_HOME", m_config.path().toUtf8()); }
+    void autostartEntry();
+    void soundServerStatus_data();
+    void soundServerStatus();
+    void enableAndDisable_data();
+    void enableAndDisable();
+    void failuresSayWhatIsMissing_data();
+    void failuresSayWhatIsMissing();
+
+private:
+    SoundOutputs::Status status(PactlSoundOutputs &outputs)
+    {
+        std::optional<SoundOutputs::Status> result;
+        outputs.status([&result](const SoundOutputs::Status &s) { result = s; });
+        [&] {
+            QTRY_VERIFY_WITH_TIMEOUT(result, 10000);
+        }();
+        return result.value_or(SoundOutputs::Status());
+    }
+    std::pair<bool, QString> setEnabled(PactlSoundOutputs &outputs, bool enable)
+    {
+        std::optional<std::pair<bool, QString>> result;
+        outputs.setEnabled(enable, [&result](bool ok, const QString &e) { result = {ok, e}; });
+        [&] {
+            QTRY_VERIFY_WITH_TIMEOUT(result, 10000);
+        }();
+        return result.value_or(std::pair(false, QStringLiteral("no answer")));
+    }
+    void serve(const QByteArray &server, bool failLoad = false)
+    {
+        qputenv("FAKE_PACTL_SERVER", server);
+        qputenv("FAKE_PACTL_STATE", m_config.filePath(QStringLiteral("modules")).toUtf8());
+        qputenv("FAKE_PACTL_FAIL_LOAD", failLoad ? "1" : "");
+        QFile::remove(m_config.filePath(QStringLiteral("modules")));
+    }
+
+    QTemporaryDir m_config;
+    const QString m_pactl = QStringLiteral(CORVEL_TEST_DATA "/platform/fake-pactl");
+};
+
+void TestPlatform::autostartEntry()
+{
+    XdgAutostart autostart;
+    const QString path =
+        m_config.filePath(QStringLiteral("autostart/" CORVEL_HELPER_ID ".desktop"));
+    QCOMPARE(XdgAutostart::entryPath(), path);
+    QVERIFY(!autostart.enabled());
+    LogCapture capture;
+    QString error;
+    QVERIFY(autostart.setEnabled(true, &error));
+    QVERIFY(autostart.enabled());
+    QCOMPARE(readFile(path), XdgAutostart::desktopEntry(QCoreApplication::applicationFilePath()));
+    QVERIFY(capture.has("Info preferences Enabled start at login"));
+    // The Exec argument is quoted as desktop entries require.
+    QVERIFY(XdgAutostart::desktopEntry(QStringLiteral("/opt/a \"b\" $c/corvel"))
+                .contains("Exec=\"/opt/a \\\"b\\\" \\$c/corvel\" --autostart\n"));
+    // Hidden=true, or a name that differs in case, is not ours.
+    QFile entry(path);
+    QVERIFY(entry.open(QIODevice::Append) && entry.write("Hidden = true\n") > 0);
+    entry.close();
+    QVERIFY(!autostart.enabled());
+    const QString lower = QFileInfo(path).path() + '/' + QFileInfo(path).fileName().toLower();
+    QVERIFY(QFile::rename(path, lower));
+    QVERIFY(!autostart.enabled());
+    QVERIFY(QFile::rename(lower, path));
+    QVERIFY(autostart.setEnabled(false, &error));
+    QVERIFY(!QFile::exists(path));
+    QVERIFY(capture.has("Info preferences Disabled start at login"));
+}
+
+void TestPlatform::soundServerStatus_data()
+{
+    QTest::addColumn<QByteArray>("server");
+    QTest::addColumn<QByteArray>("modules");
+    QTest::addColumn<int>("expected");
+    QTest::addColumn<bool>("active");
+    const QByteArray raop = "536870913\tmodule-raop-discover\t\t\n";
+    QTest::newRow("PipeWire, off")
+        << QByteArray("PulseAudio (on PipeWire 0.3.65)") << QByteArray("7\tmodule-null-sink\n")
+        << int(SoundOutputs::Server::PipeWire) << false;
+    QTest::newRow("PipeWire, on") << QByteArray("PulseAudio (on PipeWire 0.3.65)") << raop
+                                  << int(SoundOutputs::Server::PipeWire) << true;
+    QTest::newRow("PulseAudio") << QByteArray("pulseaudio") << raop
+                                << int(SoundOutputs::Server::PulseAudio) << true;
+    QTest::newRow("no server") << QByteArray() << raop << int(SoundOutputs::Server::None) << false;
+}
+
+void TestPlatform::soundServerStatus()
+{
+    QFETCH(QByteArray, server);
+    QFETCH(QByteArray, modules);
+    QFETCH(int, expected);
+    QFETCH(bool, active);
+    serve(server);
+    QFile state(m_config.filePath(QStringLiteral("modules")));
+    QVERIFY(state.open(QIODevice::WriteOnly) && state.write(modules) > 0);
+    state.close();
+    PactlSoundOutputs outputs(m_pactl, m_config.path(), [](auto done) { done(true); });
+    const SoundOutputs::Status result = status(outputs);
+    QCOMPARE(int(result.server), expected);
+    QCOMPARE(result.raopDiscoveryActive, active);
+    QVERIFY(result.avahiRunning);
+}
+
+void TestPlatform::enableAndDisable_data()
+{
+    QTest::addColumn<QByteArray>("server");
+    QTest::newRow("PipeWire") << QByteArray("PulseAudio (on PipeWire 0.3.65)");
+    QTest::newRow("PulseAudio") << QByteArray("pulseaudio");
+}
+
+void TestPlatform::enableAndDisable()
+{
+    QFETCH(QByteArray, server);
+    serve(server);
+    PactlSoundOutputs outputs(m_pactl, m_config.path(), [](auto done) { done(true); });
+    const bool pipeWire = server.contains("PipeWire");
+    QFile pa(outputs.pulseAudioScript());
+    QDir().mkpath(QFileInfo(pa).path());
+    QVERIFY(pa.open(QIODevice::WriteOnly) && pa.write(".include /etc/pulse/default.pa") > 0);
+    pa.close();
+    QCOMPARE(setEnabled(outputs, true), std::pair(true, QString()));
+    QVERIFY(status(outputs).raopDiscoveryActive);
+    QCOMPARE(QFile::exists(outputs.pipeWireDropIn()), pipeWire);
+    QCOMPARE(readFile(outputs.pulseAudioScript()),
+             pipeWire ? QByteArray(".include /etc/pulse/default.pa")
+                      : QByteArray(".include /etc/pulse/default.pa\n"
+                                   "load-module module-raop-discover\n"));
+    QCOMPARE(setEnabled(outputs, true).first, true); // twice: nothing added twice
+    QCOMPARE(readFile(outputs.pulseAudioScript()).count("raop"), pipeWire ? 0 : 1);
+    QCOMPARE(setEnabled(outputs, false), std::pair(true, QString()));
+    QVERIFY(!status(outputs).raopDiscoveryActive);
+    QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
+    QCOMPARE(readFile(outputs.pulseAudioScript()),
+             QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
+}
+
+void TestPlatform::failuresSayWhatIsMissing_data()
+{
+    QTest::addColumn<QByteArray>("server");
+    QTest::addColumn<bool>("failLoad");
+    QTest::addColumn<bool>("avahi");
+    QTest::addColumn<QString>("mention");
+    QTest::newRow("no sound server") << QByteArray() << false << true << "pipewire-pulse";
+    QTest::newRow("no avahi") << QByteArray("pulseaudio") << false << false << "avahi-daemon";
+    QTest::newRow("PipeWire without the module")
+        << QByteArray("PulseAudio (on PipeWire 1.0)") << true << true << "libpipewire-0.3-modules";
+    QTest::newRow("PulseAudio without the module")
+        << QByteArray("pulseaudio") << true << true << "pulseaudio-module-raop";
+}
+
+void TestPlatform::failuresSayWhatIsMissing()
+{
+    QFETCH(QByteArray, server);
+    QFETCH(bool, failLoad);
+    QFETCH(bool, avahi);
+    QFETCH(QString, mention);
+    serve(server, failLoad);
+    PactlSoundOutputs outputs(m_pactl, m_config.path(), [avahi](auto done) { done(avahi); });
+    const auto [ok, error] = setEnabled(outputs, true);
+    QVERIFY(!ok);
+    QVERIFY2(error.contains(mention), qPrintable(error));
+    QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
+    // A pactl that is not there at all says so.
+    PactlSoundOutputs missing(m_config.filePath(QStringLiteral("no-pactl")), m_config.path(),
+                              [](auto done) { done(true); });
+    QCOMPARE(int(status(missing).server), int(SoundOutputs::Server::None));
+}
+
+QTEST_GUILESS_MAIN(TestPlatform)
+#include "TestPlatform.moc"

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "DeviceInfo.h"
+#include "JsonReader.h"
+#include "TestSupport.h"
+
+#include <cmath>
+#include <QJsonDocument>
+
+namespace {
+QJsonObject object(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
+} // namespace
+
+class TestRecords : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void everyFieldSurvivesText();
+    void strictReading_data();
+    void strictReading();
+    void nonFiniteFloatsAreNotWritten();
+    void defaultName_data();
+    void defaultName();
+    void topologyAndLocationOrder();
+};
+
+void TestRecords::everyFieldSurvivesText()
+{
+    // The settings keep records as text: 64-bit integers, float values and non-BMP text must
+    // come back exactly, and every field of the table must be read and written.
+    const QByteArray golden = testData(QStringLiteral("records/every-field.json"));
+    QString error;
+    const auto info = DeviceInfo::fromJson(object(golden), &error);
+    QVERIFY2(info, qPrintable(error));
+    QCOMPARE(*info->memory, 9007199254740993LL);
+    QCOMPARE(*info->flash, std::numeric_limits<qint64>::min());
+    QCOMPARE(*info->satGainOffset, 0.1f);
+    QCOMPARE(info->iconList.size(), 2u);
+    const QByteArray text = QJsonDocument(info->toJson()).toJson(QJsonDocument::Compact);
+    QCOMPARE(object(text), object(golden));
+    QCOMPARE(object(text).size(), int(deviceInfoFields.size()) + 2);
+    QVERIFY(*DeviceInfo::fromJson(object(text), nullptr) == *info);
+    DeviceInfo renamed = *info;
+    renamed.roomName = QStringLiteral("Bad");
+    QVERIFY(!(renamed == *info));
+}
+
+void TestRecords::strictReading_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::addColumn<QString>("errorPart");
+    const QByteArray base = R"("location":"http://192.0.2.1:1400/d.xml","iconList":[])";
+    QTest::newRow("missing location") << QByteArray(R"({"iconList":[]})") << "\"location\"";
+    QTest::newRow("missing iconList")
+        << QByteArray(R"({"location":"http://192.0.2.1:1400/d.xml"})") << "\"iconList\"";
+    QTest::newRow("location not a URL")
+        << QByteArray(R"({"location":"http://[::1","iconList":[]})") << "not a valid URL";
+    QTest::newRow("empty location")
+        << QByteArray(R"({"location":"","iconList":[]})") << "not a valid URL";
+    QTest::newRow("text as number") << "{" + base + R"(,"roomName":3})"
+                                    << "\"roomName\"";
+    QTest::newRow("integer as string") << "{" + base + R"(,"zoneType":"8"})"
+                                       << "\"zoneType\"";
+    QTest::newRow("integer with fraction") << "{" + base + R"(,"variant":1.5})"
+                                           << "\"variant\"";
+    QTest::newRow("integer beyond 64 bits") << "{" + base + R"(,"memory":1e30})"
+                                            << "\"memory\"";
+    QTest::newRow("float beyond 32 bits") << "{" + base + R"(,"satGainOffset":1e300})"
+                                          << "\"satGainOffset\"";
+    QTest::newRow("bad URL field") << "{" + base + R"(,"manufacturerURL":"http://a b"})"
+                                   << "\"manufacturerURL\"";
+    QTest::newRow("icon not an object")
+        << QByteArray(R"({"location":"http://a/","iconList":[1]})") << "iconList entry";
+    QTest::newRow("icon width as string")
+        << QByteArray(R"({"location":"http://a/","iconList":[{"width":"48"}]})") << "\"width\"";
+}
+
+void TestRecords::strictReading()
+{
+    QFETCH(QByteArray, json);
+    QFETCH(QString, errorPart);
+    QString error;
+    QVERIFY(!DeviceInfo::fromJson(object(json), &error));
+    QVERIFY2(error.startsWith(QLatin1String("DeviceInfo: ")) || error.startsWith("Icon: "),
+             qPrintable(error));
+    QVERIFY2(error.contains(errorPart), qPrintable(error));
+}
+
+void TestRecords::nonFiniteFloatsAreNotWritten()
+{
+    DeviceInfo info;
+    info.location = QUrl(QStringLiteral("http://192.0.2.1/"));
+    info.bassExtension = std::nanf("");
+    info.satGainOffset = -INFINITY;
+    const QJsonObject json = info.toJson();
+    QVERIFY(!json.contains(QStringLiteral("bassExtension")));
+    QVERIFY(!json.contains(QStringLiteral("satGainOffset")));
+    QVERIFY(DeviceInfo::fromJson(json, nullptr));
+}
+
+void TestRecords::defaultName_data()
+{
+    QTest::addColumn<std::optional<QString>>("room");
+    QTest::addColumn<std::optional<QString>>("display");
+    QTest::addColumn<std::optional<QString>>("friendly");
+    QTest::addColumn<QString>("location");
+    QTest::addColumn<QString>("name");
+    using S = std::optional<QString>;
+    const QString loc = QStringLiteral("http://192.0.2.10:1400/x.xml");
+    QTest::newRow("room and display")
+        << S("Kitchen") << S("One") << S("F") << loc << "Kitchen - One";
+    QTest::newRow("empty room counts") << S("") << S("Front") << S() << loc << " - Front";
+    QTest::newRow("room alone falls to friendly") << S("K") << S() << S("F") << loc << "F";
+    QTest::newRow("host") << S() << S() << S() << loc << "192.0.2.10";
+    QTest::newRow("no host gives the text") << S() << S() << S() << "urn:sonos:player"
+                                            << "urn:sonos:player";
+}
+
+void TestRecords::defaultName()
+{
+    QFETCH(std::optional<QString>, room);
+    QFETCH(std::optional<QString>, display);
+    QFETCH(std::optional<QString>, friendly);
+    QFETCH(QString, location);
+    QFETCH(QString, name);
+    DeviceInfo info;
+    info.location = QUrl(location);
+    info.roomName = room;
+    info.displayName = display;
+    info.friendlyName = friendly;
+    QCOMPARE(info.defaultName(), name);
+}
+
+void TestRecords::topologyAndLocationOrder()
+{
+    const DeviceTopology topology{false, QStringLiteral("RINCON_1:5")};
+    const auto read = DeviceTopology::fromJson(topology.toJson(), nullptr);
+    QVERIFY(read && !read->coordinator && read->group == topology.group);
+    QString error;
+    QVERIFY(!DeviceTopology::fromJson(object(R"({"coordinator":"true","group":"g"})"), &error));
+    QVERIFY(error.contains(QLatin1String("\"coordinator\"")));
+    const LocationOrder less;
+    QVERIFY(less(QUrl(QStringLiteral("http://127.0.1.10/")), QUrl("http://127.0.1.2/")));
+    QVERIFY(!less(QUrl(QStringLiteral("http://a/")), QUrl(QStringLiteral("http://a/"))));
+}
+
+QTEST_GUILESS_MAIN(TestRecords)
+#include "TestRecords.moc"

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What every suite shares: a log recorder, the data folder, waits, and the guard that keeps
+// searching suites inside the private network namespace of scripts/netns.
+#pragma once
+
+#include "Logging.h"
+
+#include <mutex>
+#include <QFile>
+#include <QNetworkInterface>
+#include <QStringList>
+#include <QTest>
+#include <vector>
+
+// Records what is logged while it is alive, so tests can check exact log lines.
+class LogCapture : public LogDelegate
+{
+public:
+    explicit LogCapture(LogLevel level = LogLevel::Verbose) : m_previous(Logging::defaultLevel())
+    {
+        Logging::setDefaultLevel(level);
+        Logging::attach(this);
+    }
+    ~LogCapture() override
+    {
+        Logging::attach(nullptr);
+        Logging::setDefaultLevel(m_previous);
+    }
+    void log(LogLevel level, const std::optional<QString> &category,
+             const QString &message) override
+    {
+        std::lock_guard lock(m_mutex);
+        m_lines << QStringLiteral("%1 %2 %3")
+                       .arg(description(level), category.value_or(QStringLiteral("-")), message);
+    }
+    // Every entry as "Level category message", oldest first.
+    QStringList lines() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_lines;
+    }
+    bool has(const QString &line) const { return lines().contains(line); }
+    int count(const QString &prefix) const
+    {
+        int n = 0;
+        for (const QString &line : lines())
+            n += line.startsWith(prefix) ? 1 : 0;
+        return n;
+    }
+    QByteArray dump() const { return lines().join(QLatin1Char('\n')).toUtf8(); }
+
+private:
+    mutable std::mutex m_mutex;
+    QStringList m_lines;
+    LogLevel m_previous;
+};
+
+// A file under tests/data, or an empty array when it cannot be read.
+inline QByteArray testData(const QString &name)
+{
+    QFile file(QStringLiteral(CORVEL_TEST_DATA "/") + name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Waits, serving the event loop, until condition holds; generous, since sanitizer builds and
+// a loaded machine are slow, and a passing test never waits the whole time.
+#define CORVEL_WAIT(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, 30000)
+
+#define CORVEL_REQUIRE_PRIVATE_NETWORK()                                                           \
+    do {                                                                                           \
+        if (qEnvironmentVariable("CORVEL_IN_NETNS") != QLatin1String("1"))                         \
+            QSKIP("Needs the private network namespace of scripts/netns; not run on the host");    \
+        for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {            \
+            if (!interface.flags().testFlag(QNetworkInterface::IsLoopBack))                        \
+                QSKIP("A non-loopback interface is present; refusing to search");                  \
+        }                                                                                          \
+    } while (false)
