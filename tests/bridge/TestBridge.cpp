@@ -2,7 +2,6 @@
 // The configuration writer, the bridge locator and the supervisor, the last with the stand-in
 // bridge started for real under a file name only this run uses.
 #include "AirConnect.h"
-#include "BridgeLocator.h"
 #include "BuildConfig.h"
 #include "ConfigWriter.h"
 #include "NotificationCenter.h"
@@ -17,28 +16,8 @@
 #include <QTemporaryDir>
 
 namespace {
-// Records the bridge events in the order they were posted.
-class Events
-{
-public:
-    Events()
-    {
-        for (const QString &name : {Notifications::serviceStarted, Notifications::serviceReady,
-                                    Notifications::serviceTerminated}) {
-            m_tokens << NotificationCenter::defaultCenter().addObserver(
-                name, [this](const Notification &n) { names << n.name; });
-        }
-    }
-    ~Events()
-    {
-        for (auto token : m_tokens)
-            NotificationCenter::defaultCenter().removeObserver(token);
-    }
-    QStringList names;
-
-private:
-    QList<NotificationCenter::Token> m_tokens;
-};
+const QStringList bridgeEvents = {Notifications::serviceStarted, Notifications::serviceReady,
+                                  Notifications::serviceTerminated};
 
 QByteArray readFile(const QString &path)
 {
@@ -61,17 +40,6 @@ DeviceSettings record(const QString &udn, const QString &name, bool coordinator 
     return r;
 }
 
-int childCount()
-{
-    int children = 0;
-    const QByteArray self = QByteArray::number(getpid());
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        const QByteArray stat = readFile("/proc/" + entry + "/stat");
-        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-        children += fields.size() > 1 && fields[1] == self ? 1 : 0;
-    }
-    return children;
-}
 } // namespace
 
 class TestBridge : public QObject
@@ -83,8 +51,6 @@ private slots:
     void init();
     void cleanup();
     void configFile();
-    void locatorOrder_data();
-    void locatorOrder();
     void handleOutput_data();
     void handleOutput();
     void launchReadyAndStop();
@@ -95,7 +61,6 @@ private slots:
     void bridgeFloodIsCutIntoBoundedEntries();
     void shutdownKillsABridgeDeafToTerm();
     void missingBridgeIsReported();
-    void cyclesLeaveNoChildOrDescriptor();
 
 private:
     void configure(AirConnect &bridge)
@@ -167,47 +132,6 @@ void TestBridge::configFile()
     QVERIFY(!error.isEmpty());
 }
 
-void TestBridge::locatorOrder_data()
-{
-    QTest::addColumn<QStringList>("present"); // files made executable, relative to a root
-    QTest::addColumn<QString>("overridePath");
-    QTest::addColumn<QString>("found");
-    const QString name = QStringLiteral("airupnp-linux-aarch64");
-    QTest::newRow("override wins") << QStringList{"opt/mine", "app/bin/" + name} << "opt/mine"
-                                   << "opt/mine";
-    QTest::newRow("missing override falls through") << QStringList{"app/bin/" + name} << "opt/gone"
-                                                    << "app/bin/" + name;
-    QTest::newRow("dynamic beside the program before static")
-        << QStringList{"app/bin/" + name + "-static", "app/bin/" + name} << ""
-        << "app/bin/" + name;
-    QTest::newRow("libexec") << QStringList{"app/libexec/corvel/" + name + "-static"} << ""
-                             << "app/libexec/corvel/" + name + "-static";
-    QTest::newRow("PATH in order") << QStringList{"p2/" + name, "p1/airupnp"} << ""
-                                   << "p1/airupnp";
-    QTest::newRow("another architecture only") << QStringList{"p1/airupnp-linux-x86_64"} << ""
-                                               << "";
-}
-
-void TestBridge::locatorOrder()
-{
-    QFETCH(QStringList, present);
-    QFETCH(QString, overridePath);
-    QFETCH(QString, found);
-    QTemporaryDir root;
-    for (const QString &file : present) {
-        QDir().mkpath(QFileInfo(root.filePath(file)).path());
-        QFile f(root.filePath(file));
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
-    }
-    const BridgeLocation location = findBridgeExecutable(
-        overridePath.isEmpty() ? QString() : root.filePath(overridePath), root.filePath("app/bin"),
-        root.filePath("p1") + ":" + root.filePath("p2"), QStringLiteral("aarch64"));
-    QCOMPARE(location.path, found.isEmpty() ? QString() : root.filePath(found));
-    if (found.isEmpty())
-        QVERIFY(location.lookedIn.contains(root.filePath("p2/airupnp")));
-}
-
 void TestBridge::handleOutput_data()
 {
     QTest::addColumn<QList<QByteArray>>("chunks");
@@ -233,7 +157,7 @@ void TestBridge::handleOutput()
     QFETCH(bool, ready);
     QFETCH(QStringList, logged);
     AirConnect bridge;
-    Events events;
+    EventRecorder events(bridgeEvents);
     LogCapture capture;
     for (const QByteArray &chunk : chunks)
         bridge.handleOutput(chunk);
@@ -243,7 +167,7 @@ void TestBridge::handleOutput()
         expected << QStringLiteral("Debug AirConnect ") + line;
     QCOMPARE(capture.lines(), expected);
     bridge.handleOutput("adding renderer again"); // readiness is posted once
-    QCOMPARE(events.names, QStringList{"serviceReady"});
+    QCOMPARE(events.names(), QStringList{"serviceReady"});
 }
 
 void TestBridge::launchReadyAndStop()
@@ -251,12 +175,12 @@ void TestBridge::launchReadyAndStop()
     qputenv("FAKE_BRIDGE_READY_MS", "0");
     AirConnect bridge;
     configure(bridge);
-    Events events;
+    EventRecorder events(bridgeEvents);
     LogCapture capture;
     const std::vector<DeviceSettings> records = {record("uuid:RINCON_A", "Den")};
     bridge.start(records);
     QVERIFY(bridge.running());
-    CORVEL_WAIT(events.names == QStringList({"serviceStarted", "serviceReady"}));
+    CORVEL_WAIT(events.names() == QStringList({"serviceStarted", "serviceReady"}));
     QVERIFY(!bridge.watchdogPending());
     const QString config = bridge.configPath();
     QCOMPARE(recorded("args.txt"), ("-Z\n-x\n" + config + "\n").toUtf8());
@@ -268,12 +192,12 @@ void TestBridge::launchReadyAndStop()
     QCOMPARE(stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(16).toInt(), 19);
     bridge.stop();
     QVERIFY(!bridge.running());
-    CORVEL_WAIT(events.names.size() == 3);
-    QCOMPARE(events.names.last(), QStringLiteral("serviceTerminated"));
+    CORVEL_WAIT(events.names().size() == 3);
+    QCOMPARE(events.names().last(), QStringLiteral("serviceTerminated"));
     QVERIFY(capture.has("Info AirConnect Terminated"));
     bridge.stop(); // idle: nothing more
     QTest::qWait(50);
-    QCOMPARE(events.names.size(), 3);
+    QCOMPARE(events.names().size(), 3);
 }
 
 void TestBridge::watchdog_data()
@@ -305,13 +229,13 @@ void TestBridge::watchdog()
     AirConnect supervisor;
     configure(supervisor);
     supervisor.setWatchdogDelay(400);
-    Events recorder;
+    EventRecorder recorder(bridgeEvents);
     LogCapture capture;
     supervisor.start({});
     CORVEL_WAIT(capture.has("Error AirConnect airupnp is not in a usable state, terminating"));
     CORVEL_WAIT(!supervisor.running());
     QTest::qWait(50);
-    QCOMPARE(recorder.names, events);
+    QCOMPARE(recorder.names(), events);
     QCOMPARE(capture.has("Error AirConnect Failed to launch " + broken), !events.size());
 }
 
@@ -323,15 +247,15 @@ void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
     qputenv("FAKE_BRIDGE_READY_MS", "0");
     AirConnect bridge;
     configure(bridge);
-    Events events;
+    EventRecorder events(bridgeEvents);
     LogCapture capture;
     bridge.start({});
-    CORVEL_WAIT(events.names == QStringList({"serviceStarted", "serviceReady"}));
+    CORVEL_WAIT(events.names() == QStringList({"serviceStarted", "serviceReady"}));
     bridge.stop();
     bridge.start({});
     CORVEL_WAIT(capture.has("Info AirConnect Terminated (an earlier bridge)"));
-    CORVEL_WAIT(events.names.size() == 4);
-    QCOMPARE(events.names,
+    CORVEL_WAIT(events.names().size() == 4);
+    QCOMPARE(events.names(),
              QStringList({"serviceStarted", "serviceReady", "serviceStarted", "serviceReady"}));
     QVERIFY(bridge.process() && bridge.isReady());
     bridge.shutdown();
@@ -347,11 +271,11 @@ void TestBridge::staleSweepEndsOnlySameNamedBridges()
     CORVEL_WAIT(StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
     AirConnect bridge;
     configure(bridge);
-    Events events;
+    EventRecorder events(bridgeEvents);
     LogCapture capture;
     bridge.start({});
     QVERIFY(bridge.running() && !bridge.process()); // the launch waits for the sweep
-    CORVEL_WAIT(events.names == QStringList{"serviceStarted"});
+    CORVEL_WAIT(events.names() == QStringList{"serviceStarted"});
     QVERIFY(capture.has("Info AirConnect Ended 1 stale bridge process(es)"));
     QVERIFY(!StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
     QVERIFY(StaleBridges::find(QFileInfo(other).fileName()).contains(otherPid));
@@ -378,9 +302,9 @@ void TestBridge::shutdownKillsABridgeDeafToTerm()
     qputenv("FAKE_BRIDGE_READY_MS", "0");
     AirConnect bridge;
     configure(bridge);
-    Events events;
+    EventRecorder events(bridgeEvents);
     bridge.start({});
-    CORVEL_WAIT(events.names.size() == 2); // ready: its SIGTERM handler is in place
+    CORVEL_WAIT(events.names().size() == 2); // ready: its SIGTERM handler is in place
     const qint64 pid = bridge.process()->processId();
     LogCapture capture;
     bridge.shutdown();
@@ -395,7 +319,7 @@ void TestBridge::missingBridgeIsReported()
     qputenv("PATH", m_dir.filePath(QStringLiteral("empty")).toUtf8());
     AirConnect bridge;
     configure(bridge);
-    Events events;
+    EventRecorder events(bridgeEvents);
     LogCapture capture;
     QSignalSpy missing(&bridge, &AirConnect::bridgeNotFound);
     bridge.start({record("uuid:A", "Den")});
@@ -405,25 +329,7 @@ void TestBridge::missingBridgeIsReported()
     QCOMPARE(capture.count("Error AirConnect "), 1);
     QVERIFY(capture.dump().contains("/nonexistent/airupnp-linux-x86_64"));
     QTest::qWait(20);
-    QVERIFY(events.names.isEmpty());
-}
-
-void TestBridge::cyclesLeaveNoChildOrDescriptor()
-{
-    AirConnect bridge;
-    configure(bridge);
-    qunsetenv("FAKE_BRIDGE_RECORD_DIR");
-    LogCapture quiet(LogLevel::Warning);
-    const int descriptors = QDir(QStringLiteral("/proc/self/fd")).count();
-    for (int cycle = 0; cycle < 50; ++cycle) {
-        bridge.start({record("uuid:A", "Den")});
-        QVERIFY(bridge.running());
-        bridge.stop();
-        QCoreApplication::processEvents();
-    }
-    CORVEL_WAIT(childCount() == 0);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    QCOMPARE(QDir(QStringLiteral("/proc/self/fd")).count(), descriptors);
+    QVERIFY(events.names().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestBridge)

@@ -150,19 +150,6 @@ void TestCrash::answers()
     QCOMPARE(reporter.pendingReports().size(), kept ? 1 : 0);
     QCOMPARE(reporter.alwaysSend(), remembered);
     QCOMPARE(readFile(target).contains("this session's log"), saveChosen);
-    if (!remembered)
-        return;
-    // Remembered: the next report is not asked about, but still counted.
-    writeReport(state.path(), QStringLiteral("crash-2-2.txt"));
-    QFile::remove(target);
-    CrashReporter nextStart;
-    nextStart.setStateFolder(state.path());
-    nextStart.configure(QStringLiteral("id"), &delegate);
-    nextStart.setPrompt([](const CrashReporter::Report &, auto) { QFAIL("asked again"); });
-    nextStart.setSavePrompt([&](const CrashReporter::Report &, auto done) { done(target); });
-    nextStart.processPendingReports();
-    QVERIFY(readFile(target).contains("signal 11"));
-    QCOMPARE(delegate.offers, 2);
 }
 
 void TestCrash::failedSendKeepsTheReportAndLogs()

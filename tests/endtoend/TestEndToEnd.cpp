@@ -96,8 +96,6 @@ class TestEndToEnd : public QObject
 private slots:
     void initTestCase() { CORVEL_REQUIRE_PRIVATE_NETWORK(); }
     void headlessLifecycle();
-    void hostileServers_data();
-    void hostileServers();
     void killedCorvelTakesItsBridgeAndKeepsItsSettings();
 };
 
@@ -143,36 +141,6 @@ void TestEndToEnd::headlessLifecycle()
     QVERIFY(corvel.end(SIGTERM)); // as a service manager stops it: exit 0
     QVERIFY(corvel.output.contains("applicationWillTerminate"));
     QVERIFY(::kill(bridge, 0) != 0); // the bridge is gone, and reaped
-}
-
-void TestEndToEnd::hostileServers_data()
-{
-    QTest::addColumn<int>("fault");
-    QTest::addColumn<QByteArray>("line");
-    QTest::newRow("garbage") << int(SimulatedPlayer::DescriptionGarbage)
-                             << QByteArray("InvalidDeviceXMLErrorDomain");
-    QTest::newRow("2 MiB body") << int(SimulatedPlayer::DescriptionHuge)
-                                << QByteArray("The response is larger than 1 MiB");
-    QTest::newRow("silent server") << int(SimulatedPlayer::DescriptionSlow) << QByteArray();
-}
-
-void TestEndToEnd::hostileServers()
-{
-    // One of the players is hostile: the others are still offered, and Corvel stays whole.
-    QFETCH(int, fault);
-    QFETCH(QByteArray, line);
-    QTemporaryDir home;
-    auto household = SpeakerSimulator::household(3, 3);
-    household[1].fault = SimulatedPlayer::Fault(fault);
-    SpeakerSimulator simulator(household);
-    QVERIFY(simulator.start(nullptr));
-    HeadlessCorvel corvel(home.path());
-    QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
-    QVERIFY(corvel.output.contains(line));
-    const QByteArray config = corvel.bridgeRecord("config.xml");
-    QCOMPARE(config.count("<enabled>1</enabled>"), 2 + 1); // the head's, and two speakers
-    QVERIFY(!config.contains(household[1].udn.toUtf8()));
-    QVERIFY(corvel.end(SIGTERM));
 }
 
 void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()

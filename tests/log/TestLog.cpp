@@ -14,8 +14,6 @@ private slots:
     void echoAndRenderedLines_data();
     void echoAndRenderedLines();
     void levelGatesTheFacade();
-    void textTakesTheLastLines_data();
-    void textTakesTheLastLines();
     void keepsTheLastThousand();
     void threadsLoseNoLine();
     void sessionFileMirrorsAndStaysBounded();
@@ -67,29 +65,6 @@ void TestLog::levelGatesTheFacade()
     QCOMPARE(capture.lines(), QStringList{QStringLiteral("Info c kept")});
 }
 
-void TestLog::textTakesTheLastLines_data()
-{
-    QTest::addColumn<int>("asked");
-    QTest::addColumn<QString>("expected");
-    const QString line = QStringLiteral("[1970-01-01 00:00:00 +0000][Info][default] ");
-    QTest::newRow("more than there are") << 100 << line + "0\n" + line + "1\n" + line + "2";
-    QTest::newRow("last two") << 2 << line + "1\n" + line + "2";
-    QTest::newRow("zero") << 0 << QString();
-    QTest::newRow("negative") << -5 << QString();
-}
-
-void TestLog::textTakesTheLastLines()
-{
-    QFETCH(int, asked);
-    QFETCH(QString, expected);
-    Log log;
-    log.setEchoSink([](const QByteArray &) {});
-    log.setClock([] { return 0.0; });
-    for (int i = 0; i < 3; ++i)
-        log.log(LogLevel::Info, std::nullopt, QString::number(i));
-    QCOMPARE(log.text(asked), expected);
-}
-
 void TestLog::keepsTheLastThousand()
 {
     Log log;
@@ -100,6 +75,10 @@ void TestLog::keepsTheLastThousand()
     QCOMPARE(lines.size(), 1000u);
     QCOMPARE(lines.front().message, QStringLiteral("1"));
     QCOMPARE(lines.back().message, QStringLiteral("1000"));
+    QCOMPARE(log.text(2).count(QLatin1Char('\n')), 1);
+    QVERIFY(log.text(2).endsWith(QLatin1String("][Info][default] 1000")));
+    QCOMPARE(log.text(0), QString());
+    QCOMPARE(log.text(-5), QString());
 }
 
 void TestLog::threadsLoseNoLine()

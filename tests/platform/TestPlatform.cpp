@@ -28,8 +28,6 @@ private slots:
     void soundServerStatus();
     void enableAndDisable_data();
     void enableAndDisable();
-    void failuresSayWhatIsMissing_data();
-    void failuresSayWhatIsMissing();
 
 private:
     SoundOutputs::Status status(PactlSoundOutputs &outputs)
@@ -157,38 +155,6 @@ void TestPlatform::enableAndDisable()
     QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
     QCOMPARE(readFile(outputs.pulseAudioScript()),
              QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
-}
-
-void TestPlatform::failuresSayWhatIsMissing_data()
-{
-    QTest::addColumn<QByteArray>("server");
-    QTest::addColumn<bool>("failLoad");
-    QTest::addColumn<bool>("avahi");
-    QTest::addColumn<QString>("mention");
-    QTest::newRow("no sound server") << QByteArray() << false << true << "pipewire-pulse";
-    QTest::newRow("no avahi") << QByteArray("pulseaudio") << false << false << "avahi-daemon";
-    QTest::newRow("PipeWire without the module")
-        << QByteArray("PulseAudio (on PipeWire 1.0)") << true << true << "libpipewire-0.3-modules";
-    QTest::newRow("PulseAudio without the module")
-        << QByteArray("pulseaudio") << true << true << "pulseaudio-module-raop";
-}
-
-void TestPlatform::failuresSayWhatIsMissing()
-{
-    QFETCH(QByteArray, server);
-    QFETCH(bool, failLoad);
-    QFETCH(bool, avahi);
-    QFETCH(QString, mention);
-    serve(server, failLoad);
-    PactlSoundOutputs outputs(m_pactl, m_config.path(), [avahi](auto done) { done(avahi); });
-    const auto [ok, error] = setEnabled(outputs, true);
-    QVERIFY(!ok);
-    QVERIFY2(error.contains(mention), qPrintable(error));
-    QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
-    // A pactl that is not there at all says so.
-    PactlSoundOutputs missing(m_config.filePath(QStringLiteral("no-pactl")), m_config.path(),
-                              [](auto done) { done(true); });
-    QCOMPARE(int(status(missing).server), int(SoundOutputs::Server::None));
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)

@@ -10,7 +10,6 @@
 
 #include <QApplication>
 #include <QCheckBox>
-#include <QClipboard>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProgressBar>
@@ -18,7 +17,6 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
-#include <QVBoxLayout>
 
 namespace {
 QUrl location(int n)
@@ -85,8 +83,6 @@ private slots:
     void editsGoToTheSpeakersRecord();
     void startAtLoginAndSoundOutputs();
     void saveLogFailureShowsTheAlert();
-    void nameFieldClaimsEditingShortcuts_data();
-    void nameFieldClaimsEditingShortcuts();
 
 private:
     QPushButton *startStop() const { return m_window->findChild<QPushButton *>("startStopButton"); }
@@ -290,57 +286,6 @@ void TestPreferences::saveLogFailureShowsTheAlert()
     QVERIFY(alert);
     QCOMPARE(alert->text(), QStringLiteral("Error"));
     QVERIFY(alert->informativeText().startsWith(QStringLiteral("Failed to save log file: ")));
-}
-
-void TestPreferences::nameFieldClaimsEditingShortcuts_data()
-{
-    QTest::addColumn<QKeySequence>("keys");
-    QTest::addColumn<QString>("text");     // the field's text afterwards
-    QTest::addColumn<QString>("shortcut"); // the window shortcut that fired, if any
-    // Each row starts from "Den" typed, then "Kitchen" typed over it and selected.
-    QTest::newRow("Ctrl+X cuts") << QKeySequence("Ctrl+X") << ""
-                                 << "";
-    QTest::newRow("Ctrl+V pastes") << QKeySequence("Ctrl+V") << "pasted"
-                                   << "";
-    QTest::newRow("Ctrl+Z undoes") << QKeySequence("Ctrl+Z") << "Den"
-                                   << "";
-    QTest::newRow("Ctrl+Shift+Z with nothing to redo goes on")
-        << QKeySequence("Ctrl+Shift+Z") << "Kitchen"
-        << "";
-    QTest::newRow("Ctrl+Alt+C is not claimed") << QKeySequence("Ctrl+Alt+C") << "Kitchen"
-                                               << "Ctrl+Alt+C";
-    QTest::newRow("Ctrl+Q is not claimed") << QKeySequence("Ctrl+Q") << "Kitchen"
-                                           << "Ctrl+Q";
-}
-
-void TestPreferences::nameFieldClaimsEditingShortcuts()
-{
-    QFETCH(QKeySequence, keys);
-    QFETCH(QString, text);
-    QFETCH(QString, shortcut);
-    // A window whose own actions want the same keys, as a menu bar's Edit menu would.
-    QWidget window;
-    auto *field = new EditableTextField(&window);
-    (new QVBoxLayout(&window))->addWidget(field);
-    QStringList fired;
-    for (const char *sequence :
-         {"Ctrl+X", "Ctrl+V", "Ctrl+Z", "Ctrl+Shift+Z", "Ctrl+Alt+C", "Ctrl+Q"}) {
-        auto *action = new QAction(&window);
-        action->setShortcut(QKeySequence(sequence));
-        connect(action, &QAction::triggered, this, [&fired, sequence] { fired << sequence; });
-        window.addAction(action);
-    }
-    window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-    field->setFocus();
-    QApplication::clipboard()->setText(QStringLiteral("pasted"));
-    QTest::keyClicks(field, QStringLiteral("Den"));
-    field->selectAll();
-    QTest::keyClicks(field, QStringLiteral("Kitchen"));
-    field->selectAll();
-    QTest::keySequence(field, keys);
-    QCOMPARE(field->text(), text);
-    QCOMPARE(fired, shortcut.isEmpty() ? QStringList() : QStringList(shortcut));
 }
 
 QTEST_MAIN(TestPreferences)

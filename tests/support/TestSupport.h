@@ -4,6 +4,7 @@
 #pragma once
 
 #include "Logging.h"
+#include "NotificationCenter.h"
 
 #include <mutex>
 #include <QFile>
@@ -53,6 +54,36 @@ private:
     mutable std::mutex m_mutex;
     QStringList m_lines;
     LogLevel m_previous;
+};
+
+// Records the named events in the order they were posted.
+class EventRecorder
+{
+public:
+    explicit EventRecorder(const QStringList &names)
+    {
+        for (const QString &name : names)
+            m_tokens << NotificationCenter::defaultCenter().addObserver(
+                name, [this](const Notification &n) { notifications << n; });
+    }
+    ~EventRecorder()
+    {
+        for (auto token : m_tokens)
+            NotificationCenter::defaultCenter().removeObserver(token);
+    }
+    QStringList names() const
+    {
+        QStringList out;
+        for (const Notification &n : notifications)
+            out << n.name;
+        return out;
+    }
+    int count(const QString &name) const { return int(names().count(name)); }
+
+    QList<Notification> notifications;
+
+private:
+    QList<NotificationCenter::Token> m_tokens;
 };
 
 // A file under tests/data, or an empty array when it cannot be read.
