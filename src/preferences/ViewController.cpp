@@ -145,9 +145,11 @@ void ViewController::fillRow(PreferencesTableViewItem *rowView, const DeviceSett
         return;
     }
     rowView->setNoSpeakersFound(false);
-    // Corvel's own speaker stands in until (or unless) the speaker's icon arrives.
-    rowView->icon()->setPixmap(
-        QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(32, 32));
+    // Corvel's own speaker stands in until (or unless) the speaker's icon arrives; it is
+    // drawn once, not for every row of every reload.
+    if (m_placeholder.isNull())
+        m_placeholder = QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(32, 32);
+    rowView->icon()->setPixmap(m_placeholder);
     if (!record->info.iconList.empty() && record->info.iconList.front()->url)
         loadIcon(*record->info.iconList.front()->url, rowView);
     if (!rowView->titleField()->hasFocus())

@@ -70,4 +70,5 @@ private:
     // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a
     // table reload never asks a speaker for the same icon twice.
     QHash<QUrl, QPixmap> m_icons;
+    QPixmap m_placeholder;
 };
