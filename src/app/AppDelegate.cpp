@@ -52,6 +52,7 @@ void AppDelegate::applicationWillFinishLaunching()
 {
     Logging::setDefaultLevel(LogLevel::Verbose);
     Logging::attach(&Log::shared());
+    Logging::installQtMessageHandler();
     logInfo(QStringLiteral("applicationWillFinishLaunching"));
     configureCrashReporting();
 }

@@ -65,6 +65,10 @@ int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
     const auto location = findSpeaker(settings, locationOrName, error);
     if (!location)
         return 1;
+    if (const auto problem = speakerNameProblem(newName)) {
+        *error = *problem;
+        return 2;
+    }
     settings.renameDevice(*location, newName);
     return 0;
 }

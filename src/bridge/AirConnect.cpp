@@ -13,6 +13,7 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 #include <QStringDecoder>
+#include <QUrl>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -44,6 +45,7 @@ AirConnect::AirConnect(QObject *parent) : QObject(parent)
     if (!g_shared)
         g_shared = this;
     m_startTimer.setSingleShot(true);
+    m_startTimer.setTimerType(Qt::PreciseTimer); // a coarse timer fires up to 5 % early
     m_startTimer.setInterval(defaultWatchdogDelayMs);
     connect(&m_startTimer, &QTimer::timeout, this, &AirConnect::watchdogTimerExpired);
 }
@@ -92,12 +94,13 @@ void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSetti
 {
     m_launchPending = false;
     const QString config = configPath();
+    const QString configUrl = QUrl::fromLocalFile(config).toString();
     QString error;
     if (writeConfigFile(config, records, &error))
-        logInfo(category, QStringLiteral("Wrote config file to ") + config);
+        logInfo(category, QStringLiteral("Wrote config file to ") + configUrl);
     else
         logError(category,
-                 QStringLiteral("Failed to write config file to ") + config + " - " + error);
+                 QStringLiteral("Failed to write config file to ") + configUrl + " - " + error);
 
     if (m_process)
         retire(m_process);

@@ -11,8 +11,15 @@ enum class AttributeValueEscape { NoAttribute, EscapeQuot, EscapeApos };
 // Replaces & < > (and " or ' by mode) with their entities; nothing else is touched.
 QString xmlEscaped(const QString &text, AttributeValueEscape mode);
 
-// The file's text: the fixed head, one <device> block per record in the given order, and
-// the closing tag without a final line feed.
+// The text without the characters XML 1.0 does not allow.
+QString xmlCharacters(const QString &text);
+// The name as the bridge gets it: allowed characters only, cut to maxSpeakerNameBytes of
+// UTF-8 (logged when cut).
+QString bridgeName(const QString &name);
+
+// The file's text: the fixed head, one <device> block per record in the given order (one per
+// UDN: an active record before an inactive one, else the first), and the closing tag without
+// a final line feed.
 QString configFileText(const std::vector<DeviceSettings> &records);
 
 // Logs the text at debug level and writes it atomically to destination. On failure returns

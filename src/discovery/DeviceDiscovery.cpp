@@ -7,6 +7,7 @@
 #include "NotificationCenter.h"
 #include "Notifications.h"
 
+#include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QScopeGuard>
 #include <QTimer>
@@ -50,6 +51,14 @@ DeviceDiscovery::DeviceDiscovery(QObject *parent) : QObject(parent)
     if (!g_shared)
         g_shared = this;
     m_network.setAutoDeleteReplies(true);
+    // Proxies are for the internet, not the living room: speakers are asked directly.
+    m_network.setProxy(QNetworkProxy::NoProxy);
+}
+
+SSDPSearchTarget DeviceDiscovery::searchTarget() const
+{
+    return SSDPSearchTarget::deviceType(SSDPSearchTarget::upnpOrgSchema, sonosDeviceType,
+                                        sonosDeviceVersion);
 }
 
 DeviceDiscovery::~DeviceDiscovery()
@@ -65,8 +74,7 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
 
     SSDPMSearchRequest request;
     request.delegate = this;
-    request.searchTarget = SSDPSearchTarget::deviceType(SSDPSearchTarget::upnpOrgSchema,
-                                                        sonosDeviceType, sonosDeviceVersion);
+    request.searchTarget = searchTarget();
     QString error;
     auto session = SSDPDiscovery::defaultDiscovery().startDiscovery(
         request, timeoutSeconds.value_or(defaultSearchSeconds), &error);
@@ -94,6 +102,13 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
 {
     logInfo(category, QStringLiteral("discoveredDevice(") + response.description() +
                           QStringLiteral(", ") + session->description() + QLatin1Char(')'));
+    // Only speakers are speakers: devices that answer every search with their own type
+    // (routers do) are dropped.
+    if (response.searchTarget != searchTarget().text) {
+        logDebug(category, QStringLiteral("Ignoring an answer for another device type: ") +
+                               response.searchTarget);
+        return;
+    }
     if (++m_answersThisSearch > maxAnswersPerSearch) {
         if (m_answersThisSearch == maxAnswersPerSearch + 1) {
             logWarning(category,
@@ -177,12 +192,8 @@ void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
                     completion(error, QByteArray());
                     return;
                 }
+                // An empty body is a document without elements, not a failed fetch.
                 const QByteArray body = reply->readAll();
-                if (body.isEmpty()) {
-                    logInfo(QStringLiteral("Failed to retrieve data from ") + urlText);
-                    completion(DiscoveryError::own(DiscoveryError::getXMLFailed), QByteArray());
-                    return;
-                }
                 logInfo(QStringLiteral("Received a response from ") + urlText);
                 completion(std::nullopt, body);
             });

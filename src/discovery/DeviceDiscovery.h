@@ -70,6 +70,9 @@ public:
     // Ends the search in progress, if any, and posts "discoveryComplete".
     void stopSearching();
 
+    // What every search looks for: urn:schemas-upnp-org:device:ZonePlayer:1.
+    SSDPSearchTarget searchTarget() const;
+
     // The running search, or null.
     SSDPDiscoverySession *session() const { return m_session.get(); }
     // Every player described since the program started, by location.

@@ -2,6 +2,7 @@
 #include "Logging.h"
 
 #include <atomic>
+#include <cstdlib>
 
 namespace {
 std::atomic<int> g_level{static_cast<int>(LogLevel::Info)};
@@ -62,3 +63,16 @@ void logWarning(const QString &category, const QString &message) { log(LogLevel:
 void logError(const QString &message) { log(LogLevel::Error, std::nullopt, message); }
 void logError(const QString &category, const QString &message) { log(LogLevel::Error, category, message); }
 // clang-format on
+
+void Logging::installQtMessageHandler()
+{
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+        const LogLevel level = type == QtDebugMsg     ? LogLevel::Debug
+                               : type == QtInfoMsg    ? LogLevel::Info
+                               : type == QtWarningMsg ? LogLevel::Warning
+                                                      : LogLevel::Error;
+        log(level, QStringLiteral("Qt"), text);
+        if (type == QtFatalMsg)
+            std::abort();
+    });
+}

@@ -25,6 +25,9 @@ void setDefaultLevel(LogLevel level);
 LogLevel defaultLevel();
 // Installs the delegate (nullptr detaches). The delegate must outlive its attachment.
 void attach(LogDelegate *delegate);
+// Sends Qt's own messages through the facade, category "Qt" (a fatal one is logged as an
+// error, then aborts as Qt would).
+void installQtMessageHandler();
 } // namespace Logging
 
 // The general form. An absent category is rendered as "default"; an empty one stays empty.

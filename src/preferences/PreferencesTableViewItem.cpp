@@ -2,9 +2,12 @@
 #include "PreferencesTableViewItem.h"
 
 #include "EditableTextField.h"
+#include "Logging.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
 #include "Settings.h"
+
+#include <QToolTip>
 
 #include <QCheckBox>
 #include <QHBoxLayout>
@@ -69,8 +72,19 @@ void PreferencesTableViewItem::titleEdited()
 {
     if (!deviceLocation)
         return;
-    // Any text is accepted as typed, spaces and the empty name included; an unchanged name
-    // and a speaker that is gone are ignored by the settings.
+    // Text is taken as typed, spaces included, up to the length the bridge can announce; an
+    // unchanged name and a speaker that is gone are ignored by the settings.
+    if (const auto problem = speakerNameProblem(m_titleField->text())) {
+        logWarning(QStringLiteral("preferences"), *problem);
+        const auto record = m_settings().devices.find(*deviceLocation);
+        if (record != m_settings().devices.end())
+            m_titleField->setText(record->second.name);
+        m_titleField->setToolTip(*problem);
+        QToolTip::showText(m_titleField->mapToGlobal(QPoint(0, m_titleField->height())), *problem,
+                           m_titleField);
+        return;
+    }
+    m_titleField->setToolTip(QString());
     if (m_settings().renameDevice(*deviceLocation, m_titleField->text()))
         NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
 }

@@ -17,6 +17,7 @@
 #include <QLabel>
 #include <QListWidget>
 #include <QMessageBox>
+#include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QPointer>
 #include <QShowEvent>
@@ -34,6 +35,7 @@ ViewController::ViewController(Controls &controls, Platform platform, QWidget *p
     m_ui->setupUi(this);
     setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
     m_network.setAutoDeleteReplies(true);
+    m_network.setProxy(QNetworkProxy::NoProxy); // icons come from the speakers themselves
     connect(m_ui->startStopButton, &QPushButton::clicked, this, &ViewController::startStopClicked);
     connect(m_ui->startAtLoginCheckBox, &QCheckBox::clicked, this,
             &ViewController::startAtLoginChecked);

@@ -94,10 +94,11 @@ void readFields(JsonReader &reader, Record &record, const std::vector<RecordFiel
 
 QString DeviceInfo::defaultName() const
 {
+    // Players send trailing line breaks and spaces; the name shown is trimmed.
     if (roomName && displayName)
-        return *roomName + QStringLiteral(" - ") + *displayName;
+        return roomName->trimmed() + QStringLiteral(" - ") + displayName->trimmed();
     if (friendlyName)
-        return *friendlyName;
+        return friendlyName->trimmed();
     const QString host = location.host();
     if (!host.isEmpty())
         return host;

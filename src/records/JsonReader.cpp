@@ -52,7 +52,8 @@ template <typename T> std::optional<T> JsonReader::get(const QString &key, bool 
     if (!ok())
         return std::nullopt;
     const auto it = m_object.constFind(key);
-    if (it == m_object.constEnd()) {
+    // null for an optional key reads as absent.
+    if (it == m_object.constEnd() || (!required && it.value().isNull())) {
         if (required)
             fail(QStringLiteral("missing key \"%1\"").arg(key));
         return std::nullopt;

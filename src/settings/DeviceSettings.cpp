@@ -3,6 +3,18 @@
 
 #include "JsonReader.h"
 
+std::optional<QString> speakerNameProblem(const QString &name)
+{
+    const qsizetype bytes = name.toUtf8().size();
+    if (bytes <= maxSpeakerNameBytes)
+        return std::nullopt;
+    return QStringLiteral("A speaker name can be at most %1 bytes long (about %1 letters, fewer "
+                          "with accents or emoji); \"%2\" has %3.")
+        .arg(maxSpeakerNameBytes)
+        .arg(name)
+        .arg(bytes);
+}
+
 bool DeviceSettings::offeredToBridge() const
 {
     return topology && topology->coordinator && active && enabled;

@@ -25,4 +25,9 @@ struct DeviceSettings
     static std::optional<DeviceSettings> fromJson(const QJsonObject &object, QString *error);
 };
 
+// The longest speaker name the bridge can announce, in bytes of UTF-8.
+constexpr int maxSpeakerNameBytes = 50;
+// Why name cannot be a speaker's name, for the user; nothing when it can.
+std::optional<QString> speakerNameProblem(const QString &name);
+
 using DeviceMap = std::map<QUrl, DeviceSettings, LocationOrder>;

@@ -168,14 +168,20 @@ std::unique_ptr<Settings> Settings::load(std::unique_ptr<SettingsStorage> storag
     if (!stored)
         return makeFreshAndSave();
     logVerbose(QStringLiteral("Loading settings:\n") + *stored);
-    if (!isUtf8Convertible(*stored))
+    // A document Corvel cannot read is never thrown away: a copy stays beside the fresh one.
+    if (!isUtf8Convertible(*stored)) {
+        if (const auto kept = storage->keepCopy())
+            logInfo(category, QStringLiteral("Kept the unreadable settings as ") + *kept);
         return makeFreshAndSave();
+    }
 
     QString error;
     auto document = decode(stored->toUtf8(), &error);
     if (!document) {
+        const auto kept = storage->keepCopy();
         logError(category, QStringLiteral("Failed to deserialize settings, ") + error +
-                               QStringLiteral(" - \"") + *stored + QLatin1Char('"'));
+                               QStringLiteral(" - \"") + *stored + QLatin1Char('"') +
+                               (kept ? QStringLiteral(" (kept as %1)").arg(*kept) : QString()));
         return makeFreshAndSave();
     }
     return std::unique_ptr<Settings>(new Settings(std::move(storage), std::move(*document)));
@@ -215,6 +221,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
 {
     const QString locationText = absoluteString(info.location);
     DeviceSettings record;
+    bool moveSaved = false;
     const auto existing = devices.find(info.location);
     if (existing != devices.end()) {
         const DeviceSettings &known = existing->second;
@@ -223,6 +230,18 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
         record.name = known.nameChanged ? known.name : info.defaultName();
         record.enabled = known.enabled;
         record.nameChanged = known.nameChanged;
+    } else if (const auto moved = findByUdn(info.udn, info.location); moved != devices.end()) {
+        // A speaker's identity is its UDN: when the router gives it a new address, the user's
+        // choices move with it and the record at the old address goes.
+        const DeviceSettings known = moved->second;
+        const QString from = absoluteString(moved->first);
+        devices.erase(moved);
+        record.name = known.nameChanged ? known.name : info.defaultName();
+        record.enabled = known.enabled;
+        record.nameChanged = known.nameChanged;
+        logInfo(
+            QStringLiteral("Speaker %1 moved from %2 to %3").arg(record.name, from, locationText));
+        moveSaved = true;
     } else {
         record.name = info.defaultName();
         logInfo(QStringLiteral("Adding menu item ") + record.name + QStringLiteral(" (") +
@@ -231,7 +250,10 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
     record.info = info;
     record.topology = topology;
     record.active = true;
-    return devices.insert_or_assign(info.location, std::move(record)).first->second;
+    const auto stored = devices.insert_or_assign(info.location, std::move(record)).first;
+    if (moveSaved)
+        save();
+    return stored->second;
 }
 
 bool Settings::renameDevice(const QUrl &location, const QString &newName)
@@ -263,6 +285,15 @@ bool Settings::setDeviceEnabled(const QUrl &location, bool enabled)
     it->second.enabled = enabled;
     save();
     return true;
+}
+
+DeviceMap::iterator Settings::findByUdn(const std::optional<QString> &udn, const QUrl &except)
+{
+    if (!udn || udn->isEmpty())
+        return devices.end();
+    return std::find_if(devices.begin(), devices.end(), [&](const auto &entry) {
+        return entry.second.info.udn == udn && entry.first != except;
+    });
 }
 
 DeviceMap Settings::activeDevices() const

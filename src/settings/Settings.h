@@ -55,8 +55,10 @@ public:
     void recordCrashReport();
 
     // Records a speaker that discovery reported: a known one keeps enabled, nameChanged and
-    // (when chosen by the user) its name; a new one is enabled under its default name.
-    // Either way it becomes active with the new description and topology. Does not save.
+    // (when chosen by the user) its name; a new one is enabled under its default name, unless
+    // a record with its UDN is stored at another location: then that record's choices move
+    // here and it goes (saved at once). Either way the speaker becomes active with the new
+    // description and topology. Otherwise does not save.
     const DeviceSettings &mergeDiscoveredSpeaker(const DeviceInfo &info,
                                                  const DeviceTopology &topology);
     // Renames the speaker and marks the name as the user's; saves. Returns false (and does
@@ -73,6 +75,8 @@ public:
     SettingsStorage &storage() { return *m_storage; }
 
 private:
+    // The record with this UDN at a location other than except; end() when none.
+    DeviceMap::iterator findByUdn(const std::optional<QString> &udn, const QUrl &except);
     Settings(std::unique_ptr<SettingsStorage> storage, SettingsDocument document);
 
     std::unique_ptr<SettingsStorage> m_storage;

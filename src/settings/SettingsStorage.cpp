@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "SettingsStorage.h"
 
+#include <QDateTime>
+#include <QFile>
 #include <QSettings>
 
 namespace {
@@ -13,7 +15,29 @@ std::optional<QString> UserSettingsStorage::read()
     const QVariant value = store.value(settingsKey);
     if (!value.isValid())
         return std::nullopt;
+    if (value.typeId() == QMetaType::QStringList) {
+        // Unquoted text with commas (a hand edit) reads back as a list: the line as written
+        // is the document.
+        QFile file(store.fileName());
+        if (file.open(QIODevice::ReadOnly)) {
+            for (const QByteArray &line : file.readAll().split('\n')) {
+                if (line.startsWith(settingsKey.toUtf8() + '='))
+                    return QString::fromUtf8(line.mid(settingsKey.size() + 1).trimmed());
+            }
+        }
+    }
     return value.toString();
+}
+
+std::optional<QString> UserSettingsStorage::keepCopy()
+{
+    const QString path = QSettings(QStringLiteral("Corvel"), QStringLiteral("Corvel")).fileName();
+    const QString copy =
+        path + QStringLiteral(".unreadable-") +
+        QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd'T'HHmmss'Z'"));
+    if (!QFile::copy(path, copy))
+        return std::nullopt;
+    return copy;
 }
 
 bool UserSettingsStorage::write(const QString &text, QString *error)

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <optional>
-#include <QString>
+#include <QStringList>
 
 class SettingsStorage
 {
@@ -13,6 +13,9 @@ public:
     virtual std::optional<QString> read() = 0;
     // Replaces the stored text; on failure returns false and fills *error.
     virtual bool write(const QString &text, QString *error) = 0;
+    // Keeps a copy of what is stored before it is replaced; where it went, or nothing when
+    // no copy could be made.
+    virtual std::optional<QString> keepCopy() = 0;
 };
 
 // The per-user store: QSettings("Corvel", "Corvel"), i.e. $XDG_CONFIG_HOME/Corvel/Corvel.conf.
@@ -21,6 +24,8 @@ class UserSettingsStorage : public SettingsStorage
 public:
     std::optional<QString> read() override;
     bool write(const QString &text, QString *error) override;
+    // Corvel.conf.unreadable-<UTC time> beside Corvel.conf.
+    std::optional<QString> keepCopy() override;
 };
 
 // Keeps the text in memory; for tests and as the fallback of a broken store.
@@ -34,7 +39,13 @@ public:
         ++writes;
         return true;
     }
+    std::optional<QString> keepCopy() override
+    {
+        kept << text.value_or(QString());
+        return QStringLiteral("memory");
+    }
 
     std::optional<QString> text;
     int writes = 0;
+    QStringList kept;
 };

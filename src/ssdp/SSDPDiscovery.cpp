@@ -14,6 +14,14 @@ const QString category = QStringLiteral("SSDP");
 constexpr int receiveBufferBytes = 1024 * 1024;
 } // namespace
 
+bool SSDPDiscovery::searchesOn(QNetworkInterface::InterfaceFlags flags)
+{
+    // Up but not running (no carrier): nothing could answer there.
+    return flags.testFlag(QNetworkInterface::IsUp) &&
+           flags.testFlag(QNetworkInterface::IsRunning) &&
+           flags.testFlag(QNetworkInterface::CanMulticast);
+}
+
 SSDPDiscovery &SSDPDiscovery::defaultDiscovery()
 {
     static SSDPDiscovery discovery;
@@ -36,9 +44,7 @@ SSDPDiscovery::startDiscovery(const SSDPMSearchRequest &request, double timeoutS
     QStringList failures;
     const auto interfaces = QNetworkInterface::allInterfaces();
     for (const QNetworkInterface &interface : interfaces) {
-        const auto flags = interface.flags();
-        if (!flags.testFlag(QNetworkInterface::IsUp) ||
-            !flags.testFlag(QNetworkInterface::CanMulticast))
+        if (!searchesOn(interface.flags()))
             continue;
         for (const QNetworkAddressEntry &entry : interface.addressEntries()) {
             const QHostAddress address = entry.ip();

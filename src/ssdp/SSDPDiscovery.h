@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <QHostAddress>
+#include <QNetworkInterface>
 #include <QObject>
 #include <QTimer>
 #include <vector>
@@ -64,6 +65,8 @@ class SSDPDiscovery
 {
 public:
     static constexpr quint16 port = 1900;
+    // Whether an interface with these flags gets a search socket: up, running and multicast.
+    static bool searchesOn(QNetworkInterface::InterfaceFlags flags);
     static inline const QHostAddress multicastGroup{QStringLiteral("239.255.255.250")};
 
     // The shared discovery object.

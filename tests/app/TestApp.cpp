@@ -369,6 +369,8 @@ void TestApp::speakerCommands()
     QCOMPARE(SpeakerCommands::rename(*settings, speaker(3).location.toString(), "Study", &error),
              0);
     QCOMPARE(SpeakerCommands::rename(*settings, QStringLiteral("room 1 - one"), "x", &error), 1);
+    QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(51, 'x'), &error), 2);
+    QVERIFY(error.startsWith(QStringLiteral("A speaker name can be at most 50 bytes")));
     QCOMPARE(capture.lines().size(), 2);
     QVERIFY(SpeakerCommands::formatList(*settings).startsWith(
         QStringLiteral("found      disabled  \"Room 1 - One\"\n")));

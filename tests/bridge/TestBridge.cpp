@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -114,6 +115,19 @@ void TestBridge::configFile()
     const QByteArray expected = testData(QStringLiteral("bridge/mixed-records.xml"))
                                     .replace("@ARTWORK@", CORVEL_ARTWORK_URL);
     QCOMPARE(configFileText(records).toUtf8(), expected);
+    // What the bridge's strict parser cannot take: forbidden characters are dropped, names
+    // cut at 50 bytes on a character boundary, and a UDN gets one block, the active one's.
+    std::vector<DeviceSettings> hostile = {
+        record("uuid:X", "gone", true, false), record("uuid:X", QStringLiteral("A\u0001B\uFFFE")),
+        record("uuid:X", "second active"), record("uuid:Y", QString(47, 'x') + "\U0001F3B5z")};
+    LogCapture cut;
+    const QString text = configFileText(hostile);
+    QVERIFY(text.contains(QStringLiteral("<name>AB</name>")));
+    QCOMPARE(text.count(QStringLiteral("<udn>uuid:X</udn>")), 1);
+    QVERIFY(text.contains(QStringLiteral("<name>") + QString(47, 'x') + "</name>"));
+    QCOMPARE(cut.count(QStringLiteral("Info - Speaker name ")), 1);
+    QVERIFY(speakerNameProblem(QString(50, 'x')) == std::nullopt);
+    QVERIFY(speakerNameProblem(QString(49, 'x') + QStringLiteral("\u00e9")));
     QCOMPARE(xmlEscaped(QStringLiteral("'\"&amp;"), AttributeValueEscape::EscapeApos),
              QStringLiteral("&apos;\"&amp;amp;"));
     QCOMPARE(xmlEscaped(QStringLiteral("'\""), AttributeValueEscape::EscapeQuot),
@@ -185,7 +199,8 @@ void TestBridge::launchReadyAndStop()
     const QString config = bridge.configPath();
     QCOMPARE(recorded("args.txt"), ("-Z\n-x\n" + config + "\n").toUtf8());
     QCOMPARE(recorded("config.xml"), configFileText(records).toUtf8());
-    QVERIFY(capture.has("Info AirConnect Wrote config file to " + config));
+    QVERIFY(capture.has("Info AirConnect Wrote config file to " +
+                        QUrl::fromLocalFile(config).toString()));
     // Lowest CPU priority: field 19 of stat is nice.
     const QByteArray stat =
         readFile(QStringLiteral("/proc/%1/stat").arg(bridge.process()->processId()));
@@ -231,8 +246,11 @@ void TestBridge::watchdog()
     supervisor.setWatchdogDelay(400);
     EventRecorder recorder(bridgeEvents);
     LogCapture capture;
+    QElapsedTimer waited;
+    waited.start();
     supervisor.start({});
     CORVEL_WAIT(capture.has("Error AirConnect airupnp is not in a usable state, terminating"));
+    QVERIFY2(waited.elapsed() >= 400, "the watchdog fired early"); // a precise timer
     CORVEL_WAIT(!supervisor.running());
     QTest::qWait(50);
     QCOMPARE(recorder.names(), events);

@@ -206,6 +206,7 @@ void TestDiscovery::searchesAHousehold()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents);
     LogCapture capture;
+    qputenv("http_proxy", "http://127.0.0.1:9"); // speakers are never asked through a proxy
     discovery.searchForDevices(0.6);
     QVERIFY(discovery.session());
     QCOMPARE(events.names(), QStringList{"discoveryStarted"});
@@ -239,6 +240,7 @@ void TestDiscovery::searchesAHousehold()
                            "http://127.0.1.1:1400/"),
              1);
     QCOMPARE(capture.count("Info SSDP closedSession("), 1);
+    qunsetenv("http_proxy");
 }
 
 void TestDiscovery::searchLifecycle()
@@ -285,6 +287,9 @@ void TestDiscovery::playerFaults_data()
         << failed + "No complete response within 300 ms";
     QTest::newRow("body over 1 MiB") << int(SimulatedPlayer::DescriptionHuge) << false
                                      << failed + "The response is larger than 1 MiB";
+    QTest::newRow("empty topology answer is a document") // quiet: the player's own group
+        << int(SimulatedPlayer::TopologyBlank) << true
+        << "Info - Received a response from http://127.0.1.1:1400/status/topology";
     QTest::newRow("topology without players")
         << int(SimulatedPlayer::TopologyEmpty) << true
         << "Info - Received a response from http://127.0.1.1:1400/status/topology";
@@ -321,9 +326,17 @@ void TestDiscovery::answerFloodIsBounded()
     discovery.setTransferTimeout(2000);
     LogCapture capture;
     discovery.searchForDevices(5);
+    // A router answering with its own type is not a speaker.
+    SSDPMSearchResponse router;
+    router.location = QUrl(QStringLiteral("http://127.0.0.1:19999/d.xml"));
+    router.searchTarget = QStringLiteral("urn:schemas-upnp-org:device:InternetGatewayDevice:1");
+    discovery.discoveredDevice(router, discovery.session());
+    QVERIFY(capture.has("Debug SSDP Ignoring an answer for another device type: " +
+                        router.searchTarget));
     for (int i = 0; i < DeviceDiscovery::maxAnswersPerSearch + 100; ++i) {
         SSDPMSearchResponse response;
         response.location = QUrl(QStringLiteral("http://127.0.0.1:%1/d.xml").arg(20000 + i));
+        response.searchTarget = discovery.searchTarget().text;
         discovery.discoveredDevice(response, discovery.session());
     }
     QCOMPARE(capture.count("Info - Fetching XML from "), DeviceDiscovery::maxPipelinesInFlight);

@@ -235,7 +235,11 @@ void TestPreferences::editsGoToTheSpeakersRecord()
     const auto token = NotificationCenter::defaultCenter().addObserver(
         Notifications::deviceSettingsChanged, [&changes](const Notification &) { ++changes; });
     LogCapture capture;
-    row->titleEdited(); // Return without a change
+    row->titleEdited();                           // Return without a change
+    row->titleField()->setText(QString(51, 'x')); // longer than the bridge can announce
+    row->titleEdited();
+    QCOMPARE(row->titleField()->text(), QStringLiteral("Room 1 - One"));
+    QVERIFY(row->titleField()->toolTip().startsWith(QStringLiteral("A speaker name can be")));
     row->titleField()->setText(QStringLiteral(" Terrace "));
     row->titleEdited();
     row->checkbox()->click();
@@ -249,7 +253,7 @@ void TestPreferences::editsGoToTheSpeakersRecord()
     row->checkboxClicked();
     NotificationCenter::defaultCenter().removeObserver(token);
     QCOMPARE(changes, 2);
-    QCOMPARE(capture.lines().size(), 2);
+    QCOMPARE(capture.lines().size(), 3);
 }
 
 void TestPreferences::startAtLoginAndSoundOutputs()

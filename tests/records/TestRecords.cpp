@@ -46,6 +46,11 @@ void TestRecords::everyFieldSurvivesText()
     DeviceInfo renamed = *info;
     renamed.roomName = QStringLiteral("Bad");
     QVERIFY(!(renamed == *info));
+    // null for an optional key reads as absent; for a required one it is an error.
+    const QByteArray nullUdn = "{\"location\":\"http://a/\",\"iconList\":[],\"udn\":null}";
+    QVERIFY(!DeviceInfo::fromJson(object(nullUdn), nullptr)->udn);
+    const QByteArray nullLocation = "{\"location\":null,\"iconList\":[]}";
+    QVERIFY(!DeviceInfo::fromJson(object(nullLocation), nullptr));
 }
 
 void TestRecords::strictReading_data()
@@ -114,6 +119,8 @@ void TestRecords::defaultName_data()
         << S("Kitchen") << S("One") << S("F") << loc << "Kitchen - One";
     QTest::newRow("empty room counts") << S("") << S("Front") << S() << loc << " - Front";
     QTest::newRow("room alone falls to friendly") << S("K") << S() << S("F") << loc << "F";
+    QTest::newRow("trimmed of line breaks")
+        << S("Den \n") << S("\tOne\n") << S() << loc << "Den - One";
     QTest::newRow("host") << S() << S() << S() << loc << "192.0.2.10";
     QTest::newRow("no host gives the text") << S() << S() << S() << "urn:sonos:player"
                                             << "urn:sonos:player";

@@ -18,6 +18,7 @@ struct SharedStorage : SettingsStorage
     explicit SharedStorage(MemorySettingsStorage *target) : target(target) {}
     std::optional<QString> read() override { return target->read(); }
     bool write(const QString &text, QString *error) override { return target->write(text, error); }
+    std::optional<QString> keepCopy() override { return target->keepCopy(); }
     MemorySettingsStorage *target;
 };
 
@@ -29,6 +30,12 @@ std::unique_ptr<Settings> loadFrom(MemorySettingsStorage &memory)
 const QByteArray validDocument =
     R"({"devices":[],"crashesByVersion":{"1.0.0":3},"installedAt":536457600.25,)"
     R"("lastRatingsPrompt":536457600.5,"hasPromptedForRating":true,"hasRated":false})";
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 const QUrl kitchen(QStringLiteral("http://192.0.2.10:1400/xml/device_description.xml"));
 
@@ -57,6 +64,7 @@ private slots:
     void crashCountsPerVersion();
     void mergeKeepsTheUsersChoices_data();
     void mergeKeepsTheUsersChoices();
+    void addressChangeMovesTheChoices();
     void renameRules_data();
     void renameRules();
     void enableAndUnknownLocations();
@@ -137,7 +145,10 @@ void TestSettings::undecodableDocumentIsReplaced()
     QVERIFY2(error.startsWith(QStringLiteral("Error settings Failed to deserialize settings, ")),
              capture.dump());
     QVERIFY2(error.contains(errorPart), qPrintable(error));
-    QVERIFY(error.endsWith(QStringLiteral(" - \"") + QString::fromUtf8(stored) + '"'));
+    // The unreadable document is kept beside the fresh one, and the line says where.
+    QVERIFY(error.endsWith(QStringLiteral(" - \"") + QString::fromUtf8(stored) +
+                           "\" (kept as memory)"));
+    QCOMPARE(memory.kept, QStringList{QString::fromUtf8(stored)});
     QCOMPARE(memory.writes, 1);
     QVERIFY(settings->devices.empty() && settings->crashesByVersion.empty());
 }
@@ -199,6 +210,32 @@ void TestSettings::mergeKeepsTheUsersChoices()
     QVERIFY(
         capture.has("Info - Updating menu item " + nameBefore + " (" + kitchen.toString() + ")"));
     QCOMPARE(settings->activeDevices().size(), 1u);
+}
+
+void TestSettings::addressChangeMovesTheChoices()
+{
+    // The router gave a renamed, switched-off speaker a new address: one record, the user's.
+    MemorySettingsStorage memory;
+    auto settings = loadFrom(memory);
+    DeviceInfo info = speaker(kitchen, QStringLiteral("Kitchen"), QStringLiteral("One"));
+    info.udn = QStringLiteral("uuid:RINCON_K");
+    settings->mergeDiscoveredSpeaker(info, {true, "g"});
+    settings->renameDevice(kitchen, QStringLiteral("Mine"));
+    settings->setDeviceEnabled(kitchen, false);
+    const int writes = memory.writes;
+    info.location = QUrl(QStringLiteral("http://192.0.2.77:1400/xml/device_description.xml"));
+    LogCapture capture;
+    const DeviceSettings &moved = settings->mergeDiscoveredSpeaker(info, {true, "g"});
+    QCOMPARE(capture.lines(), QStringList{"Info - Speaker Mine moved from " + kitchen.toString() +
+                                          " to " + info.location.toString()});
+    QVERIFY(moved.nameChanged && !moved.enabled && moved.active);
+    QCOMPARE(moved.name, QStringLiteral("Mine"));
+    QCOMPARE(settings->devices.size(), 1u);
+    QCOMPARE(memory.writes, writes + 1);                        // saved at once
+    info.location = QUrl(QStringLiteral("http://192.0.2.78/")); // a record without a UDN stays
+    info.udn.reset();
+    settings->mergeDiscoveredSpeaker(info, {true, "g"});
+    QCOMPARE(settings->devices.size(), 2u);
 }
 
 void TestSettings::renameRules_data()
@@ -266,6 +303,21 @@ void TestSettings::userStoreSurvivesAndFails()
     QCOMPARE(reloaded->devices.begin()->second.name, QStringLiteral("Den"));
     QVERIFY(QFile::remove(folder));
     QVERIFY(QDir().mkpath(folder));
+    // Hand-edited unquoted JSON, which QSettings reads as a list, is read as the text it is.
+    QFile edited(folder + "/Corvel.conf");
+    QVERIFY(edited.open(QIODevice::WriteOnly));
+    edited.write("[General]\nsettings=" + validDocument + "\n");
+    edited.close();
+    QCOMPARE(UserSettingsStorage().read(), QString::fromUtf8(validDocument));
+    // An unreadable one is kept beside the fresh document.
+    QVERIFY(edited.open(QIODevice::WriteOnly) && edited.write("[General]\nsettings=garbage\n"));
+    edited.close();
+    Settings::load(std::make_unique<UserSettingsStorage>());
+    const QStringList kept = QDir(folder).entryList({"Corvel.conf.unreadable-*"});
+    QCOMPARE(kept.size(), 1);
+    QCOMPARE(readFile(folder + "/" + kept[0]), QByteArray("[General]\nsettings=garbage\n"));
+    QVERIFY(QFile::remove(folder + "/" + kept[0]));
+    QVERIFY(QFile::remove(folder + "/Corvel.conf"));
     QVERIFY(QFile::rename(m_config.filePath("kept"), folder + "/Corvel.conf"));
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "BuildConfig.h"
+#include "SSDPDiscovery.h"
 #include "SSDPMessages.h"
 #include "TestSupport.h"
 
@@ -30,6 +31,7 @@ private slots:
     void responses();
     void realCaptures_data();
     void realCaptures();
+    void searchesOnlyWhereAnswersCanCome();
 };
 
 void TestSsdp::mSearchBytes()
@@ -130,6 +132,15 @@ void TestSsdp::realCaptures()
         }
     }
     QCOMPARE(found, locations);
+}
+
+void TestSsdp::searchesOnlyWhereAnswersCanCome()
+{
+    using F = QNetworkInterface;
+    QVERIFY(SSDPDiscovery::searchesOn(F::IsUp | F::IsRunning | F::CanMulticast | F::IsLoopBack));
+    QVERIFY(!SSDPDiscovery::searchesOn(F::IsUp | F::CanMulticast)); // no carrier
+    QVERIFY(!SSDPDiscovery::searchesOn(F::IsRunning | F::CanMulticast));
+    QVERIFY(!SSDPDiscovery::searchesOn(F::IsUp | F::IsRunning));
 }
 
 QTEST_GUILESS_MAIN(TestSsdp)

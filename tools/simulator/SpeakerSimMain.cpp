@@ -51,13 +51,18 @@ int main(int argc, char *argv[])
         QStringLiteral("Give player INDEX (from 0) a fault: description-404, description-html, "
                        "description-garbage, description-slow, description-huge, "
                        "description-trickle, topology-missing, "
-                       "topology-empty, silent. Repeatable."),
+                       "topology-empty, topology-blank, router, silent. Repeatable."),
         QStringLiteral("index:fault"));
     const QCommandLineOption reportAnswers(
         QStringLiteral("report-answers"),
         QStringLiteral(
             "Print \"answer INDEX NANOSECONDS\" (monotonic clock) for every answer sent."));
-    parser.addOptions({players, groups, boost, fault, reportAnswers});
+    const QCommandLineOption firstAddress(
+        QStringLiteral("first-address"),
+        QStringLiteral("The first player answers from 127.0.1.N (default 1): a router that "
+                       "handed out new addresses."),
+        QStringLiteral("N"), "1");
+    parser.addOptions({players, groups, boost, fault, reportAnswers, firstAddress});
     parser.process(app);
 
     if (!onlyLoopback()) {
@@ -68,7 +73,8 @@ int main(int argc, char *argv[])
     }
 
     auto household = SpeakerSimulator::household(parser.value(players).toInt(),
-                                                 parser.value(groups).toInt(), parser.isSet(boost));
+                                                 parser.value(groups).toInt(), parser.isSet(boost),
+                                                 std::max(1, parser.value(firstAddress).toInt()));
     for (const QString &entry : parser.values(fault)) {
         const int index = entry.section(QLatin1Char(':'), 0, 0).toInt();
         const auto kind = SpeakerSimulator::faultFromName(entry.section(QLatin1Char(':'), 1));

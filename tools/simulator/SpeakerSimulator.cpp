@@ -39,7 +39,8 @@ QUrl SimulatedPlayer::location() const
     return url;
 }
 
-std::vector<SimulatedPlayer> SpeakerSimulator::household(int players, int groups, bool boost)
+std::vector<SimulatedPlayer> SpeakerSimulator::household(int players, int groups, bool boost,
+                                                         int firstAddress)
 {
     static const QStringList rooms = {"Living Room",
                                       "Kitchen",
@@ -54,9 +55,10 @@ std::vector<SimulatedPlayer> SpeakerSimulator::household(int players, int groups
     const int total = players + (boost ? 1 : 0);
     for (int i = 0; i < total; ++i) {
         SimulatedPlayer player;
-        // 127.0.1.1 ... 127.0.1.250, then 127.0.2.1 ...
+        // 127.0.1.1 ... 127.0.1.250, then 127.0.2.1 ... (from firstAddress on)
+        const int slot = i + firstAddress - 1;
         player.address =
-            QHostAddress(QStringLiteral("127.0.%1.%2").arg(1 + i / 250).arg(i % 250 + 1));
+            QHostAddress(QStringLiteral("127.0.%1.%2").arg(1 + slot / 250).arg(slot % 250 + 1));
         player.udn =
             QStringLiteral("RINCON_000E58%1001400").arg(i + 1, 6, 16, QLatin1Char('0')).toUpper();
         if (i < players) {
@@ -89,6 +91,8 @@ QString SpeakerSimulator::faultName(SimulatedPlayer::Fault fault)
                                       "description-trickle",
                                       "topology-missing",
                                       "topology-empty",
+                                      "topology-blank",
+                                      "router",
                                       "silent"};
     return names.value(int(fault));
 }
@@ -183,6 +187,10 @@ void SpeakerSimulator::handleSearch()
             const SimulatedPlayer &player = m_players[i];
             if (player.fault == SimulatedPlayer::SilentOnSsdp)
                 continue;
+            // A router answers every search with its own type.
+            const QByteArray type = player.fault == SimulatedPlayer::Router
+                                        ? "urn:schemas-upnp-org:device:InternetGatewayDevice:1"
+                                        : "urn:schemas-upnp-org:device:ZonePlayer:1";
             const QByteArray response = "HTTP/1.1 200 OK\r\n"
                                         "CACHE-CONTROL: max-age = 1800\r\n"
                                         "EXT:\r\n"
@@ -190,10 +198,12 @@ void SpeakerSimulator::handleSearch()
                                         player.location().toString().toUtf8() +
                                         "\r\n"
                                         "SERVER: Linux UPnP/1.0 Sonos/57.3-81090 (ZPS3)\r\n"
-                                        "ST: urn:schemas-upnp-org:device:ZonePlayer:1\r\n"
+                                        "ST: " +
+                                        type +
+                                        "\r\n"
                                         "USN: uuid:" +
-                                        player.udn.toUtf8() +
-                                        "::urn:schemas-upnp-org:device:ZonePlayer:1\r\n"
+                                        player.udn.toUtf8() + "::" + type +
+                                        "\r\n"
                                         "X-RINCON-HOUSEHOLD: Sonos_CorvelSimulatedHousehold\r\n"
                                         "X-RINCON-BOOTSEQ: 12\r\n"
                                         "X-RINCON-WIFIMODE: 0\r\n"
@@ -255,6 +265,8 @@ void SpeakerSimulator::handleRequest(int index, QTcpSocket *socket)
     } else if (path == "/status/topology") {
         if (player.fault == SimulatedPlayer::TopologyMissing)
             answer = httpResponse("404 Not Found", "text/html", notFoundPage);
+        else if (player.fault == SimulatedPlayer::TopologyBlank)
+            answer = httpResponse("404 Not Found", "text/html", QByteArray());
         else if (player.fault == SimulatedPlayer::TopologyEmpty)
             answer = httpResponse("200 OK", "text/xml", "<?xml version=\"1.0\" ?><ZPSupportInfo/>");
         else

@@ -25,6 +25,8 @@ struct SimulatedPlayer
         DescriptionTrickle, // 200 whose body arrives one byte every 100 ms
         TopologyMissing,    // current firmware: 404 for /status/topology
         TopologyEmpty,      // <ZPSupportInfo/> without ZonePlayers
+        TopologyBlank,      // 404 for /status/topology with an empty body
+        Router,             // answers every search as an InternetGatewayDevice
         SilentOnSsdp,       // never answers a search
     };
 
@@ -48,9 +50,10 @@ class SpeakerSimulator : public QObject
     Q_OBJECT
 
 public:
-    // players on 127.0.1.1, 127.0.1.2, ... spread over groups (the first of each group is its
-    // coordinator); with boost, one more device whose model is "Sonos BOOST".
-    static std::vector<SimulatedPlayer> household(int players, int groups, bool boost = false);
+    // players on 127.0.1.1, 127.0.1.2, ... (127.0.1.firstAddress on) spread over groups (the first
+    // of each group is its coordinator); with boost, one more device whose model is "Sonos BOOST".
+    static std::vector<SimulatedPlayer> household(int players, int groups, bool boost = false,
+                                                  int firstAddress = 1);
     static QString faultName(SimulatedPlayer::Fault fault);
     static std::optional<SimulatedPlayer::Fault> faultFromName(const QString &name);
 
