@@ -10,6 +10,8 @@
 #include <QDir>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 
 namespace {
@@ -169,6 +171,22 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     QCOMPARE(reporter.pendingReports().size(), 1);
     QCOMPARE(capture.count("Warning CrashReporter CrashReporter.cpp:"), 1);
     QVERIFY2(capture.dump().contains(" Failed to send the crash report "), capture.dump());
+    // A server on loopback that takes it: the report goes.
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    connect(&server, &QTcpServer::newConnection, this, [&server] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket] {
+            socket->write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+            socket->disconnectFromHost();
+        });
+    });
+    reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort())));
+    reporter.processPendingReports();
+    CORVEL_WAIT(handled.size() == 2);
+    QVERIFY(handled.last().at(1).toBool());
+    QVERIFY(reporter.pendingReports().isEmpty());
+    writeReport(state.path(), QStringLiteral("crash-2-2.txt"));
     // Nobody to ask (a headless run): kept, and not counted.
     FakeDelegate delegate;
     CrashReporter headless;

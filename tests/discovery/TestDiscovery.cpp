@@ -246,6 +246,7 @@ void TestDiscovery::searchesAHousehold()
 void TestDiscovery::searchLifecycle()
 {
     CORVEL_REQUIRE_PRIVATE_NETWORK();
+    QVERIFY(!DeviceDiscovery::shared().session()); // made on first use when none was
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents);
     LogCapture capture;

@@ -156,6 +156,12 @@ void TestLog::exportNameAndWrite()
     QFile file(path);
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readAll(), QByteArray("Wohnzimmer \xc3\xa9 %d"));
+    Log::shared().setEchoSink([](const QByteArray &) {});
+    Log::shared().log(LogLevel::Info, std::nullopt, QStringLiteral("exported"));
+    QVERIFY(LogExport::writeLog(path, &error)); // the shared log's last lines
+    QFile exported(path);
+    QVERIFY(exported.open(QIODevice::ReadOnly));
+    QVERIFY(exported.readAll().endsWith("[Info][default] exported"));
     QVERIFY(!LogExport::writeText(dir.filePath(QStringLiteral("missing/") + name), {}, &error));
     QVERIFY(!error.isEmpty());
 }

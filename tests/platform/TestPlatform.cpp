@@ -28,6 +28,7 @@ private slots:
     void soundServerStatus();
     void enableAndDisable_data();
     void enableAndDisable();
+    void loadFailureSaysWhatIsMissing();
 
 private:
     SoundOutputs::Status status(PactlSoundOutputs &outputs)
@@ -155,6 +156,15 @@ void TestPlatform::enableAndDisable()
     QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
     QCOMPARE(readFile(outputs.pulseAudioScript()),
              QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
+}
+
+void TestPlatform::loadFailureSaysWhatIsMissing()
+{
+    serve("PulseAudio (on PipeWire 1.0)", true);
+    PactlSoundOutputs outputs(m_pactl, m_config.path(), [](auto done) { done(true); });
+    const auto [ok, error] = setEnabled(outputs, true);
+    QVERIFY(!ok && error.contains(QLatin1String("libpipewire-0.3-modules")));
+    QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)

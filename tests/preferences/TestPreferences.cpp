@@ -10,6 +10,7 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QClipboard>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProgressBar>
@@ -83,6 +84,7 @@ private slots:
     void editsGoToTheSpeakersRecord();
     void startAtLoginAndSoundOutputs();
     void saveLogFailureShowsTheAlert();
+    void nameFieldEditsWithItsOwnKeys();
 
 private:
     QPushButton *startStop() const { return m_window->findChild<QPushButton *>("startStopButton"); }
@@ -259,11 +261,13 @@ void TestPreferences::editsGoToTheSpeakersRecord()
 void TestPreferences::startAtLoginAndSoundOutputs()
 {
     m_platform->autostart->on = true;
-    m_platform->sound->current.server = SoundOutputs::Server::PipeWire;
+    m_platform->sound->current = {SoundOutputs::Server::PipeWire, true, true};
     m_window->show();
     auto *login = m_window->findChild<QCheckBox *>("startAtLoginCheckBox");
     auto *sound = m_window->findChild<QCheckBox *>("soundOutputsCheckBox");
-    QVERIFY(login->isChecked() && sound->isEnabled() && !sound->isChecked());
+    QVERIFY(login->isChecked() && sound->isEnabled() && sound->isChecked());
+    sound->click();
+    QVERIFY(!m_platform->sound->current.raopDiscoveryActive);
     login->click();
     QVERIFY(!m_platform->autostart->on);
     m_platform->autostart->fails = true;
@@ -290,6 +294,30 @@ void TestPreferences::saveLogFailureShowsTheAlert()
     QVERIFY(alert);
     QCOMPARE(alert->text(), QStringLiteral("Error"));
     QVERIFY(alert->informativeText().startsWith(QStringLiteral("Failed to save log file: ")));
+}
+
+void TestPreferences::nameFieldEditsWithItsOwnKeys()
+{
+    // The field performs the editing keys itself, once, and only where it can.
+    EditableTextField field;
+    QApplication::clipboard()->setText(QStringLiteral("pasted"));
+    QTest::keyClicks(&field, QStringLiteral("Den"));
+    field.selectAll();
+    QTest::keySequence(&field, QKeySequence::Copy);
+    QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("Den"));
+    field.setEchoMode(QLineEdit::Password); // never copied out of a hidden field
+    QApplication::clipboard()->setText(QStringLiteral("pasted"));
+    QTest::keySequence(&field, QKeySequence::Copy);
+    QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("pasted"));
+    field.setEchoMode(QLineEdit::Normal);
+    QTest::keySequence(&field, QKeySequence::Paste);
+    QCOMPARE(field.text(), QStringLiteral("pasted"));
+    field.setReadOnly(true);
+    QTest::keySequence(&field, QKeySequence::Undo);
+    QCOMPARE(field.text(), QStringLiteral("pasted"));
+    field.setReadOnly(false);
+    QTest::keySequence(&field, QKeySequence::Undo);
+    QCOMPARE(field.text(), QStringLiteral("Den"));
 }
 
 QTEST_MAIN(TestPreferences)

@@ -118,6 +118,8 @@ void TestSettings::undecodableDocumentIsReplaced_data()
         return QByteArray(validDocument).replace(from, to);
     };
     QTest::newRow("missing hasRated") << with(R"(,"hasRated":false)", "") << "\"hasRated\"";
+    QTest::newRow("missing hasPromptedForRating")
+        << with(R"("hasPromptedForRating":true,)", "") << "\"hasPromptedForRating\"";
     QTest::newRow("odd-length devices")
         << with(R"("devices":[])", R"("devices":["http://a/",{"name":"x"},"http://b/"])") << "odd";
     QTest::newRow("device key not a URL")
@@ -151,6 +153,13 @@ void TestSettings::undecodableDocumentIsReplaced()
     QCOMPARE(memory.kept, QStringList{QString::fromUtf8(stored)});
     QCOMPARE(memory.writes, 1);
     QVERIFY(settings->devices.empty() && settings->crashesByVersion.empty());
+    // Text with no UTF-8 form (a lone surrogate at the end) is replaced and kept, silently.
+    memory.text = QString::fromUtf8(validDocument) + QChar(0xD800);
+    LogCapture quiet;
+    loadFrom(memory);
+    QCOMPARE(quiet.count(QStringLiteral("Error")), 0);
+    QCOMPARE(memory.kept.size(), 2);
+    QCOMPARE(memory.writes, 2);
 }
 
 void TestSettings::crashCountsPerVersion()
@@ -210,6 +219,19 @@ void TestSettings::mergeKeepsTheUsersChoices()
     QVERIFY(
         capture.has("Info - Updating menu item " + nameBefore + " (" + kitchen.toString() + ")"));
     QCOMPARE(settings->activeDevices().size(), 1u);
+    // Offered to the bridge: a coordinator found in this run and enabled by the user.
+    DeviceSettings offered = record;
+    offered.topology = DeviceTopology{true, QStringLiteral("h")};
+    QCOMPARE(offered.offeredToBridge(), !disabled);
+    offered.enabled = true;
+    for (auto change : {+[](DeviceSettings &r) { r.active = false; },
+                        +[](DeviceSettings &r) {
+                            r.topology.reset();
+                        }}) {
+        DeviceSettings other = offered;
+        change(other);
+        QVERIFY(!other.offeredToBridge());
+    }
 }
 
 void TestSettings::addressChangeMovesTheChoices()
@@ -292,6 +314,7 @@ void TestSettings::userStoreSurvivesAndFails()
     auto reloaded = Settings::load(std::make_unique<UserSettingsStorage>());
     QCOMPARE(reloaded->devices.size(), 1u);
     QVERIFY(!reloaded->devices.begin()->second.enabled);
+    QCOMPARE(reloaded->devices.begin()->second.topology->group, QStringLiteral("g"));
     // A store that cannot be written: a log line, and the session keeps its document.
     QVERIFY(QFile::rename(folder + "/Corvel.conf", m_config.filePath("kept")));
     QVERIFY(QDir(folder).rmdir(folder));
