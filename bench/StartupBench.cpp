@@ -3,6 +3,7 @@
 // several runs, with the peak memory it reached by then. It searches, so run it through
 // scripts/netns (scripts/bench).
 //   corvel-bench-startup RUNS
+#include "HeadlessCorvel.h"
 #include "ProcessCensus.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 
 int main(int argc, char *argv[])
@@ -21,29 +21,16 @@ int main(int argc, char *argv[])
     std::vector<double> peaks;
     for (int run = 0; run < runs; ++run) {
         QTemporaryDir home;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.path());
-        env.insert(QStringLiteral("XDG_STATE_HOME"), home.filePath(QStringLiteral("state")));
-        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        QProcess corvel;
-        corvel.setProcessEnvironment(env);
-        corvel.setProcessChannelMode(QProcess::MergedChannels);
         QElapsedTimer timer;
         timer.start();
-        corvel.start(QStringLiteral(CORVEL_EXECUTABLE), {QStringLiteral("--headless")});
-        QByteArray output;
-        while (!output.contains("[Info][SSDP] searchForDevices") && timer.elapsed() < 20000 &&
-               corvel.waitForReadyRead(20000))
-            output += corvel.readAll();
+        HeadlessCorvel corvel(QStringLiteral(CORVEL_EXECUTABLE), QStringLiteral(FAKE_BRIDGE),
+                              home.path(), QStringLiteral("airupnp-bench"));
+        const bool searched = corvel.waitFor("[Info][SSDP] searchForDevices", 20000);
         const double took = double(timer.nsecsElapsed()) / 1e6;
-        const bool searched = output.contains("[Info][SSDP] searchForDevices");
-        peaks.push_back(census::memoryMiB("VmHWM", QString::number(corvel.processId())));
-        corvel.terminate();
-        corvel.waitForFinished(10000);
+        peaks.push_back(census::memoryMiB("VmHWM", QString::number(corvel.pid())));
         if (!searched) {
             std::fprintf(stderr, "corvel did not start a search:\n%s\n",
-                         output.right(2000).constData());
+                         corvel.output.right(2000).constData());
             return 1;
         }
         ms.push_back(took);

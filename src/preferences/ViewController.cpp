@@ -12,6 +12,7 @@
 
 #include <QCheckBox>
 #include <QDateTime>
+#include <QDir>
 #include <QFileDialog>
 #include <QHideEvent>
 #include <QLabel>
@@ -90,7 +91,8 @@ void ViewController::viewWillAppear()
         v->updateSpinner();
     });
     observe(Notifications::deviceDiscovered, [](ViewController *v) { v->reloadData(); });
-    observe(Notifications::discoveryComplete, [](ViewController *v) { v->updateSpinner(); });
+    // After a search that found nothing, the button offers to search again at once.
+    observe(Notifications::discoveryComplete, buttonAndSpinner);
     observe(Notifications::serviceStarted, buttonAndSpinner);
     observe(Notifications::serviceReady, buttonAndSpinner);
     observe(Notifications::serviceTerminated, buttonAndSpinner);
@@ -208,9 +210,11 @@ void ViewController::updateStartStopButton()
     const bool stoppedByUser = m_controls.stoppedByUser();
     m_canStop = !stoppedByUser && m_controls.bridgeRunning();
     const bool searching = !stoppedByUser && !m_canStop && m_controls.searchRunning();
-    const QString title = m_canStop   ? QStringLiteral("Stop")
-                          : searching ? QStringLiteral("Searching...")
-                                      : QStringLiteral("Start");
+    const bool nothingFound = !stoppedByUser && listedDevices().empty();
+    const QString title = m_canStop      ? QStringLiteral("Stop")
+                          : searching    ? QStringLiteral("Searching...")
+                          : nothingFound ? QStringLiteral("Search Again")
+                                         : QStringLiteral("Start");
     const bool enabled = !searching;
     m_ui->startStopButton->setText(title);
     m_ui->startStopButton->setEnabled(enabled);
@@ -292,7 +296,9 @@ void ViewController::saveLogClicked()
     dialog->setObjectName(QStringLiteral("saveLogFileDialog"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setAcceptMode(QFileDialog::AcceptSave);
-    dialog->setDirectory(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation));
+    // Documents where there is such a folder, else the home folder.
+    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    dialog->setDirectory(QDir(documents).exists() ? documents : QDir::homePath());
     dialog->selectFile(LogExport::suggestedFileName(QDateTime::currentDateTime()));
     connect(dialog, &QFileDialog::fileSelected, this, &ViewController::saveLogTo);
     dialog->open();

@@ -5,6 +5,8 @@
 
 std::optional<QString> speakerNameProblem(const QString &name)
 {
+    if (name.trimmed().isEmpty())
+        return QStringLiteral("A speaker needs a name: the old one stays.");
     const qsizetype bytes = name.toUtf8().size();
     if (bytes <= maxSpeakerNameBytes)
         return std::nullopt;

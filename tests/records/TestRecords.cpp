@@ -59,26 +59,14 @@ void TestRecords::strictReading_data()
     QTest::addColumn<QString>("errorPart");
     const QByteArray base = R"("location":"http://192.0.2.1:1400/d.xml","iconList":[])";
     QTest::newRow("missing location") << QByteArray(R"({"iconList":[]})") << "\"location\"";
-    QTest::newRow("missing iconList")
-        << QByteArray(R"({"location":"http://192.0.2.1:1400/d.xml"})") << "\"iconList\"";
     QTest::newRow("location not a URL")
         << QByteArray(R"({"location":"http://[::1","iconList":[]})") << "not a valid URL";
-    QTest::newRow("empty location")
-        << QByteArray(R"({"location":"","iconList":[]})") << "not a valid URL";
     QTest::newRow("text as number") << "{" + base + R"(,"roomName":3})"
                                     << "\"roomName\"";
-    QTest::newRow("integer as string") << "{" + base + R"(,"zoneType":"8"})"
-                                       << "\"zoneType\"";
-    QTest::newRow("integer with fraction") << "{" + base + R"(,"variant":1.5})"
-                                           << "\"variant\"";
     QTest::newRow("integer beyond 64 bits") << "{" + base + R"(,"memory":1e30})"
                                             << "\"memory\"";
-    QTest::newRow("float beyond 32 bits") << "{" + base + R"(,"satGainOffset":1e300})"
-                                          << "\"satGainOffset\"";
     QTest::newRow("bad URL field") << "{" + base + R"(,"manufacturerURL":"http://a b"})"
                                    << "\"manufacturerURL\"";
-    QTest::newRow("icon not an object")
-        << QByteArray(R"({"location":"http://a/","iconList":[1]})") << "iconList entry";
     QTest::newRow("icon width as string")
         << QByteArray(R"({"location":"http://a/","iconList":[{"width":"48"}]})") << "\"width\"";
 }
@@ -146,9 +134,6 @@ void TestRecords::topologyAndLocationOrder()
     const DeviceTopology topology{false, QStringLiteral("RINCON_1:5")};
     const auto read = DeviceTopology::fromJson(topology.toJson(), nullptr);
     QVERIFY(read && !read->coordinator && read->group == topology.group);
-    QString error;
-    QVERIFY(!DeviceTopology::fromJson(object(R"({"coordinator":"true","group":"g"})"), &error));
-    QVERIFY(error.contains(QLatin1String("\"coordinator\"")));
     const LocationOrder less;
     QVERIFY(less(QUrl(QStringLiteral("http://127.0.1.10/")), QUrl("http://127.0.1.2/")));
     QVERIFY(!less(QUrl(QStringLiteral("http://a/")), QUrl(QStringLiteral("http://a/"))));

@@ -57,8 +57,7 @@ private slots:
     // QSettings reads its folder once per process, so the whole suite shares one.
     void initTestCase() { qputenv("XDG_CONFIG_HOME", m_config.path().toUtf8()); }
     void init() { QCoreApplication::setApplicationVersion(QStringLiteral("1.2.0")); }
-    void firstStartSavesAFreshDocument();
-    void validDocumentIsReadAsIs();
+    void firstStartAndAValidDocument();
     void undecodableDocumentIsReplaced_data();
     void undecodableDocumentIsReplaced();
     void crashCountsPerVersion();
@@ -76,34 +75,20 @@ private:
     QTemporaryDir m_config;
 };
 
-void TestSettings::firstStartSavesAFreshDocument()
+void TestSettings::firstStartAndAValidDocument()
 {
     MemorySettingsStorage memory;
-    const double before = referenceDateNow();
-    const auto settings = loadFrom(memory);
-    QCOMPARE(memory.writes, 1);
+    loadFrom(memory); // nothing stored: a fresh document, saved compact
     const QJsonObject json = QJsonDocument::fromJson(memory.text->toUtf8()).object();
-    QCOMPARE(json.size(), 6);
-    QVERIFY(!memory.text->contains(QLatin1Char('\n'))); // compact
+    QVERIFY(json.size() == 6 && !memory.text->contains(QLatin1Char('\n')));
     // Dates count from 2001-01-01 UTC.
     const double installed = json.value(QStringLiteral("installedAt")).toDouble();
-    QVERIFY(installed >= before && installed <= referenceDateNow());
     QVERIFY(std::abs(installed - (QDateTime::currentSecsSinceEpoch() - 978307200.0)) < 5);
-    QCOMPARE(json.value(QStringLiteral("hasRated")), QJsonValue(false));
-    QVERIFY(settings->devices.empty());
-}
-
-void TestSettings::validDocumentIsReadAsIs()
-{
-    MemorySettingsStorage memory;
-    QByteArray withExtra = validDocument;
-    withExtra.insert(1, R"("sparkle":{"x":1},)");
-    memory.text = QString::fromUtf8(withExtra);
+    memory.text = QString::fromUtf8(validDocument).insert(1, R"("sparkle":{"x":1},)");
     LogCapture capture;
     const auto settings = loadFrom(memory);
-    QCOMPARE(memory.writes, 0);
+    QCOMPARE(memory.writes, 1); // read as it is, not saved
     QCOMPARE(settings->installedAt, 536457600.25);
-    QCOMPARE(settings->crashesByVersion.at(QStringLiteral("1.0.0")), 3);
     QVERIFY(capture.has("Verbose - Loading settings:\n" + *memory.text));
     settings->save(); // unknown keys go at the next save
     QVERIFY(!memory.text->contains(QLatin1String("sparkle")));
@@ -174,10 +159,6 @@ void TestSettings::crashCountsPerVersion()
     QCOMPARE(memory.writes, 2);
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0.0"));
     QCOMPARE(settings->crashCount(), 3);
-    QCoreApplication::setApplicationVersion(QString());
-    LogCapture capture;
-    QCOMPARE(Settings::currentVersion(), QStringLiteral("?.?.?"));
-    QCOMPARE(capture.count(QStringLiteral("Error")), 1);
 }
 
 void TestSettings::mergeKeepsTheUsersChoices_data()
@@ -297,10 +278,8 @@ void TestSettings::enableAndUnknownLocations()
     QCOMPARE(memory.writes, 3);
     QCOMPARE(capture.lines(), QStringList({"Info - Disabling speaker at " + kitchen.toString(),
                                            "Info - Enabling speaker at " + kitchen.toString()}));
-    const QUrl unknown(QStringLiteral("http://192.0.2.99/"));
-    QVERIFY(!settings->renameDevice(unknown, QStringLiteral("x")));
-    QVERIFY(!settings->setDeviceEnabled(unknown, false));
-    QCOMPARE(memory.writes, 3);
+    QVERIFY(!settings->setDeviceEnabled(QUrl(QStringLiteral("http://192.0.2.99/")), false));
+    QCOMPARE(memory.writes, 3); // an unknown location changes nothing
 }
 
 void TestSettings::userStoreSurvivesAndFails()

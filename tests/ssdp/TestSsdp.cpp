@@ -54,23 +54,15 @@ void TestSsdp::responses_data()
     QTest::addColumn<int>("kind"); // -1 ignored, 0 device, 1 service
     QTest::newRow("player, CR LF") << playerResponse << 0;
     QTest::newRow("player, LF only") << QByteArray(playerResponse).replace("\r\n", "\n") << 0;
-    QTest::newRow("no final empty line") << playerResponse.chopped(2) << 0;
     QTest::newRow("lower-case names, padded values")
         << changed("LOCATION: http", "location:   http").replace(".xml\r\n", ".xml  \r\n") << 0;
     QTest::newRow("service") << changed("device:ZonePlayer", "service:AVTransport") << 1;
     QTest::newRow("type from the USN")
         << changed("ST: urn:schemas-upnp-org:device:ZonePlayer:1", "ST: ssdp:all") << 0;
-    QTest::newRow("root device") << changed("ST: urn:schemas-upnp-org:device:ZonePlayer:1",
-                                            "ST: upnp:rootdevice")
-                                        .replace("::urn:schemas-upnp-org:device:ZonePlayer:1",
-                                                 "::upnp:rootdevice")
-                                 << -1;
     QTest::newRow("no LOCATION")
         << changed("LOCATION: http://192.0.2.10:1400/xml/device_description.xml\r\n", "") << -1;
-    QTest::newRow("https LOCATION") << changed("LOCATION: http:", "LOCATION: https:") << -1;
     QTest::newRow("broken LOCATION") << changed("192.0.2.10:1400", "[192.0.2.10") << -1;
     QTest::newRow("NOTIFY") << changed("HTTP/1.1 200 OK", "NOTIFY * HTTP/1.1") << -1;
-    QTest::newRow("error status") << changed("200 OK", "404 Not Found") << -1;
     QTest::newRow("other vendor") << changed("urn:schemas-upnp-org:device:ZonePlayer:1",
                                              "urn:Belkin:device:**")
                                   << -1;
@@ -109,9 +101,6 @@ void TestSsdp::realCaptures_data()
         << "ssdp-responses-sonos-and-belkin-mixed-eol.http"
         << QStringList{"http://192.168.11.5:1400/xml/device_description.xml",
                        "http://192.168.11.77:1400/xml/device_description.xml"};
-    QTest::newRow("proxied Play:3")
-        << "ssdp-response-play3-zps3-proxied-fw57.3.txt"
-        << QStringList{"http://172.16.210.2:1400/xml/device_description.xml"};
     QTest::newRow("NOTIFY is not a response")
         << "ssdp-notify-alive-uuid-zps12-fw66.4.txt" << QStringList{};
 }

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// corvel --headless as a server runs it, with folders of its own under home and the stand-in
+// bridge copied there under bridgeName (a name of the caller's own, so runs side by side
+// never sweep each other's bridges away as stale). For the end-to-end suite and the
+// benchmarks; start it only inside a private network namespace: it searches.
+#pragma once
+
+#include <QProcess>
+
+class HeadlessCorvel
+{
+public:
+    HeadlessCorvel(const QString &corvel, const QString &fakeBridge, const QString &home,
+                   const QString &bridgeName);
+    ~HeadlessCorvel();
+
+    // Serves the event loop (servers in this process keep answering) until the output holds
+    // text, Corvel ends, or timeoutMs pass; whether the output holds it.
+    bool waitFor(const QByteArray &text, int timeoutMs = 40000);
+    // A file the stand-in bridge wrote: "args.txt", "config.xml" or "pid".
+    QByteArray bridgeRecord(const QString &name) const;
+    qint64 pid() const { return m_process.processId(); }
+    // Sends signal and waits for the exit; true when Corvel exited normally with 0.
+    bool end(int signal);
+
+    QByteArray output; // everything Corvel wrote, standard output and error merged
+
+private:
+    QString m_record;
+    QProcess m_process;
+};
