@@ -154,11 +154,24 @@ void TestCrash::answers()
 
 void TestCrash::failedSendKeepsTheReportAndLogs()
 {
+    // A server on loopback that refuses the report (500), then takes it (200).
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QList<QByteArray> answers = {"500 Internal Server Error", "200 OK"};
+    connect(&server, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        const QByteArray status = answers.takeFirst();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, status] {
+            socket->write("HTTP/1.1 " + status +
+                          "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+            socket->disconnectFromHost();
+        });
+    });
     QTemporaryDir state;
     writeReport(state.path(), QStringLiteral("crash-1-1.txt"));
     CrashReporter reporter;
     reporter.setStateFolder(state.path());
-    reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:9/crash"))); // nothing listens
+    reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort())));
     reporter.setPrompt(
         [](const CrashReporter::Report &, auto done) { done(CrashReporter::Answer::Send); });
     LogCapture capture;
@@ -169,17 +182,6 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     QCOMPARE(reporter.pendingReports().size(), 1);
     QCOMPARE(capture.count("Warning CrashReporter CrashReporter.cpp:"), 1);
     QVERIFY2(capture.dump().contains(" Failed to send the crash report "), capture.dump());
-    // A server on loopback that takes it: the report goes.
-    QTcpServer server;
-    QVERIFY(server.listen(QHostAddress::LocalHost));
-    connect(&server, &QTcpServer::newConnection, this, [&server] {
-        QTcpSocket *socket = server.nextPendingConnection();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket] {
-            socket->write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-            socket->disconnectFromHost();
-        });
-    });
-    reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort())));
     reporter.processPendingReports();
     CORVEL_WAIT(handled.size() == 2);
     QVERIFY(handled.last().at(1).toBool());

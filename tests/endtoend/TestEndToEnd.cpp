@@ -75,8 +75,7 @@ void TestEndToEnd::headlessLifecycle()
     }
     const pid_t bridge = corvel.bridgeRecord("pid").toInt();
     QVERIFY(bridge > 0);
-    QVERIFY(corvel.end(SIGTERM)); // as a service manager stops it: exit 0
-    QVERIFY(corvel.output.contains("applicationWillTerminate"));
+    QVERIFY(corvel.end(SIGTERM));    // as a service manager stops it: exit 0
     QVERIFY(::kill(bridge, 0) != 0); // the bridge is gone, and reaped
 }
 

@@ -249,6 +249,7 @@ void TestSettings::renameRules_data()
     QTest::newRow("canonically equal") << QStringLiteral("Cafe\u0301 - One") << false;
     QTest::newRow("new name") << QStringLiteral("Terrace") << true;
     QTest::newRow("case differs") << QStringLiteral("caf\u00e9 - one") << true;
+    QVERIFY(!speakerNameProblem(QString(50, 'x')) && speakerNameProblem(QString(51, 'x')));
 }
 
 void TestSettings::renameRules()
@@ -280,6 +281,10 @@ void TestSettings::enableAndUnknownLocations()
                                            "Info - Enabling speaker at " + kitchen.toString()}));
     QVERIFY(!settings->setDeviceEnabled(QUrl(QStringLiteral("http://192.0.2.99/")), false));
     QCOMPARE(memory.writes, 3); // an unknown location changes nothing
+    // A stored record without "enabled" (or with something else there) is enabled.
+    const auto read = DeviceSettings::fromJson(
+        QJsonObject{{"name", "n"}, {"info", settings->devices.at(kitchen).info.toJson()}}, nullptr);
+    QVERIFY(read && read->enabled && !read->nameChanged);
 }
 
 void TestSettings::userStoreSurvivesAndFails()
