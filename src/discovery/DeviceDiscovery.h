@@ -20,12 +20,11 @@ struct Notification;
 std::optional<std::pair<DeviceInfo, DeviceTopology>>
 discoveredSpeaker(const Notification &notification);
 
-// An error of the discovery pipeline: the HTTP client's, or one of the three own domains.
+// An error of the discovery pipeline: the HTTP client's, or one of its own two domains.
 struct DiscoveryError
 {
     static inline const QString invalidDeviceLocation =
         QStringLiteral("InvalidDeviceLocationErrorDomain");
-    static inline const QString getXMLFailed = QStringLiteral("GetXMLFailedErrorDomain");
     static inline const QString invalidDeviceXML = QStringLiteral("InvalidDeviceXMLErrorDomain");
 
     QString domain;

@@ -10,6 +10,7 @@
 #include "Settings.h"
 #include "ui_ViewController.h"
 
+#include <algorithm>
 #include <QCheckBox>
 #include <QDateTime>
 #include <QDir>
@@ -113,13 +114,20 @@ void ViewController::viewDidDisappear()
     m_listeners.clear();
 }
 
+namespace {
+// A row is shown for each group coordinator found in this run.
+bool isListed(const DeviceSettings &record)
+{
+    return record.active && record.topology && record.topology->coordinator;
+}
+} // namespace
+
 std::vector<DeviceSettings> ViewController::listedDevices() const
 {
     std::vector<DeviceSettings> listed;
     for (const auto &entry : m_controls.settings().devices) {
-        const DeviceSettings &record = entry.second;
-        if (record.active && record.topology && record.topology->coordinator)
-            listed.push_back(record);
+        if (isListed(entry.second))
+            listed.push_back(entry.second);
     }
     return listed;
 }
@@ -210,7 +218,10 @@ void ViewController::updateStartStopButton()
     const bool stoppedByUser = m_controls.stoppedByUser();
     m_canStop = !stoppedByUser && m_controls.bridgeRunning();
     const bool searching = !stoppedByUser && !m_canStop && m_controls.searchRunning();
-    const bool nothingFound = !stoppedByUser && listedDevices().empty();
+    const auto &devices = m_controls.settings().devices;
+    const bool nothingFound =
+        !stoppedByUser && std::none_of(devices.begin(), devices.end(),
+                                       [](const auto &entry) { return isListed(entry.second); });
     const QString title = m_canStop      ? QStringLiteral("Stop")
                           : searching    ? QStringLiteral("Searching...")
                           : nothingFound ? QStringLiteral("Search Again")

@@ -16,6 +16,7 @@
 namespace {
 const QString module = QStringLiteral("module-raop-discover");
 const QByteArray pulseLine = "load-module module-raop-discover\n";
+const QString noAnswer = QStringLiteral("pactl did not answer (is the pactl command installed?)");
 
 bool writeFile(const QString &path, const QByteArray &text, QString *error)
 {
@@ -70,13 +71,12 @@ void PactlSoundOutputs::runPactl(const QStringList &arguments,
     timer->setSingleShot(true);
     QObject::connect(timer, &QTimer::timeout, process, [process, finish] {
         process->kill();
-        finish(false, QStringLiteral("pactl did not answer (is the pactl command installed?)"));
+        finish(false, noAnswer);
     });
     QObject::connect(process, &QProcess::errorOccurred, process,
                      [finish](QProcess::ProcessError error) {
                          if (error == QProcess::FailedToStart)
-                             finish(false, QStringLiteral("pactl did not answer (is the pactl "
-                                                          "command installed?)"));
+                             finish(false, noAnswer);
                      });
     QObject::connect(process, &QProcess::finished, process,
                      [process, finish](int code, QProcess::ExitStatus status) {
