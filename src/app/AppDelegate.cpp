@@ -5,6 +5,7 @@
 #include "BuildConfig.h"
 #include "DeviceDiscovery.h"
 #include "FeedbackWindow.h"
+#include "ServiceManager.h"
 #include "Log.h"
 #include "MainQueue.h"
 #include "Notifications.h"
@@ -40,6 +41,12 @@ AppDelegate::AppDelegate(Services services, Platform platform, bool withTray, QO
     m_statusMenu.addSeparator();
     m_statusMenu.addAction(tr("Quit Corvel"), this, &AppDelegate::quitClicked);
     connect(&m_statusMenu, &QMenu::aboutToShow, this, &AppDelegate::menuWillOpen);
+    m_applyTimer.setSingleShot(true);
+    m_applyTimer.setInterval(applyDelayMs);
+    connect(&m_applyTimer, &QTimer::timeout, this, &AppDelegate::applyChanges);
+    m_retryTimer.setSingleShot(true);
+    connect(&m_retryTimer, &QTimer::timeout, this, &AppDelegate::retryBridge);
+    m_clock.start();
 }
 
 AppDelegate::~AppDelegate()
@@ -121,6 +128,7 @@ void AppDelegate::applicationDidFinishLaunching()
     updateDeviceMenuItems();
     m_stoppedByUser = false;
     m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
+    m_services.watch(true);
 }
 
 void AppDelegate::startSearching()
@@ -142,6 +150,8 @@ QString AppDelegate::statusTitle(State state)
         return statusRunning;
     case State::Stopped:
         return statusStopped;
+    case State::Retrying:
+        return statusRetrying;
     case State::StartingUp:
     case State::Off:
         break;
@@ -156,11 +166,33 @@ void AppDelegate::setState(State state, std::optional<bool> turnsOn)
         m_onOffTurnsOn = *turnsOn;
     m_firstMenuItem->setText(statusTitle(m_state));
     m_onOffMenuItem->setText(m_onOffTurnsOn ? commandTurnOn : commandTurnOff);
+    reportToServiceManager();
+}
+
+void AppDelegate::reportToServiceManager()
+{
+    QString status = statusTitle(m_state).mid(QStringLiteral("Corvel: ").size());
+    if (m_state == State::Running) {
+        int offered = 0;
+        for (const auto &entry : m_services.settings().devices)
+            offered += entry.second.offeredToBridge() ? 1 : 0;
+        status = QStringLiteral("Running: %1 speaker%2 offered")
+                     .arg(offered)
+                     .arg(offered == 1 ? QString() : QStringLiteral("s"));
+    }
+    QByteArray message = "STATUS=" + status.toUtf8();
+    // Ready once the first search is over, whatever it found: the service is doing its job.
+    if (!m_toldReady && m_state != State::StartingUp && m_state != State::Searching) {
+        m_toldReady = true;
+        message += "\nREADY=1";
+    }
+    notifyServiceManager(message);
 }
 
 void AppDelegate::applicationWillTerminate()
 {
     logInfo(QStringLiteral("applicationWillTerminate"));
+    m_exitExpected = true;
     m_services.shutdownBridge();
 }
 
@@ -194,6 +226,13 @@ void AppDelegate::showBridgeNotFound(const QString &message)
                               30000);
 }
 
+void AppDelegate::showNotice(const QString &title, const QString &message)
+{
+    logWarning(QStringLiteral("Notice: ") + title + QStringLiteral(" - ") + message);
+    if (m_statusItem)
+        m_statusItem->showMessage(title, message, QSystemTrayIcon::Warning, 30000);
+}
+
 void AppDelegate::addObservers()
 {
     NotificationCenter &center = NotificationCenter::defaultCenter();
@@ -221,12 +260,23 @@ void AppDelegate::addObservers()
     // The decision runs as a hop so it sees the menu rebuilds queued by earlier speakers.
     m_observers.push_back(center.addObserver(Notifications::discoveryComplete,
                                              hop(&AppDelegate::onDiscoveryComplete)));
+    const auto hopWith = [this](void (AppDelegate::*handler)(const Notification &)) {
+        return [this, handler](const Notification &n) {
+            QPointer<AppDelegate> self(this);
+            mainQueueAsync([self, handler, n] {
+                if (self)
+                    (self->*handler)(n);
+            });
+        };
+    };
+    m_observers.push_back(center.addObserver(Notifications::serviceStarted,
+                                             hopWith(&AppDelegate::onServiceStarted)));
     m_observers.push_back(
-        center.addObserver(Notifications::serviceStarted, hop(&AppDelegate::onServiceStarted)));
-    m_observers.push_back(
-        center.addObserver(Notifications::serviceReady, hop(&AppDelegate::onServiceReady)));
+        center.addObserver(Notifications::serviceReady, hopWith(&AppDelegate::onServiceReady)));
     m_observers.push_back(center.addObserver(Notifications::serviceTerminated,
-                                             hop(&AppDelegate::onServiceTerminated)));
+                                             hopWith(&AppDelegate::onServiceTerminated)));
+    m_observers.push_back(center.addObserver(Notifications::deviceDeparted,
+                                             [this](const Notification &n) { onDeviceDeparted(n); }));
 }
 
 void AppDelegate::updateDeviceMenuItems()
@@ -280,15 +330,29 @@ void AppDelegate::onOffClicked()
     const bool turningOn = m_onOffTurnsOn;
     logInfo(turningOn ? QStringLiteral("onClicked") : QStringLiteral("offClicked"));
     m_stoppedByUser = !turningOn;
+    // Either way the bridge's failures so far are forgotten.
+    m_retryTimer.stop();
+    m_failures.clear();
+    m_retries = 0;
+    m_toldRetrying = false;
     if (turningOn) {
         setState(State::Searching, false);
         m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
+        m_services.watch(true);
     } else {
         setState(State::Off, true);
+        m_applyTimer.stop();
         NotificationCenter::defaultCenter().post(Notifications::appStopped);
+        m_services.watch(false);
         m_services.stopSearching();
-        m_services.stopBridge();
+        stopBridge();
     }
+}
+
+void AppDelegate::stopBridge()
+{
+    m_exitExpected = m_services.bridgeRunning();
+    m_services.stopBridge();
 }
 
 void AppDelegate::preferencesClicked()
@@ -339,6 +403,43 @@ void AppDelegate::quitClicked()
 void AppDelegate::onDeviceSettingsChanged()
 {
     updateDeviceMenuItems();
+    scheduleApply();
+}
+
+void AppDelegate::scheduleApply()
+{
+    m_applyTimer.start(); // each change starts the quiet time afresh
+}
+
+void AppDelegate::applyChanges()
+{
+    if (m_stoppedByUser || m_state == State::Off)
+        return;
+    // A search decides when it completes (and comes back here).
+    if (m_services.searchRunning())
+        return;
+    if (m_services.bridgeRunning()) {
+        const std::vector<DeviceSettings> records = allRecords();
+        if (!m_services.bridgeConfigDiffers(records))
+            return;
+        logInfo(QStringLiteral("Speakers changed, restarting AirConnect"));
+        setState(State::Starting);
+        m_services.restartBridge(records);
+        return;
+    }
+    if (m_state == State::NoSpeakers && !m_deviceMenuItems.isEmpty()) {
+        logInfo(QStringLiteral("Speakers found, starting AirConnect"));
+        m_services.startBridge(allRecords());
+    }
+}
+
+std::vector<DeviceSettings> AppDelegate::allRecords()
+{
+    // Every record, in the map's order: the configuration decides which the bridge offers.
+    std::vector<DeviceSettings> records;
+    for (const auto &entry : m_services.settings().devices)
+        records.push_back(entry.second);
+    return records;
 }
 
 void AppDelegate::onDiscoveryStarted()
@@ -358,9 +459,20 @@ void AppDelegate::onDeviceDiscovered(const Notification &notification)
     m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second);
     QPointer<AppDelegate> self(this);
     mainQueueAsync([self] {
-        if (self)
+        if (self) {
             self->updateDeviceMenuItems();
+            self->scheduleApply();
+        }
     });
+}
+
+void AppDelegate::onDeviceDeparted(const Notification &notification)
+{
+    const QUrl location = notification.userInfo.value(UserInfoKey::location).toUrl();
+    if (!m_services.settings().markDeviceNotActive(location))
+        return;
+    updateDeviceMenuItems();
+    scheduleApply();
 }
 
 void AppDelegate::onDiscoveryComplete()
@@ -376,28 +488,89 @@ void AppDelegate::onDiscoveryComplete()
     }
     if (!m_services.bridgeRunning()) {
         logInfo(QStringLiteral("Discovery complete, starting AirConnect"));
-        std::vector<DeviceSettings> records;
-        for (const auto &entry : m_services.settings().devices)
-            records.push_back(entry.second);
-        m_services.startBridge(records);
+        m_services.startBridge(allRecords());
         return;
     }
     logInfo(QStringLiteral("Discovery complete, AirConnect already running"));
+    scheduleApply(); // what this search changed reaches the bridge
 }
 
-void AppDelegate::onServiceStarted()
+void AppDelegate::onServiceStarted(const Notification &notification)
 {
+    m_launch = notification.userInfo.value(UserInfoKey::launch).toULongLong();
+    m_exitExpected = false;
+    m_readySince = -1;
     setState(State::Starting);
     m_systemSleep.disableIdleSleep();
 }
 
-void AppDelegate::onServiceReady()
+void AppDelegate::onServiceReady(const Notification &notification)
 {
+    if (notification.userInfo.value(UserInfoKey::launch).toULongLong() != m_launch)
+        return;
+    m_readySince = m_clock.elapsed();
     setState(State::Running);
 }
 
-void AppDelegate::onServiceTerminated()
+void AppDelegate::onServiceTerminated(const Notification &notification)
 {
+    // Only the launch the titles follow may change them.
+    if (notification.userInfo.value(UserInfoKey::launch).toULongLong() != m_launch)
+        return;
     m_systemSleep.enableIdleSleep();
-    setState(State::Stopped, true);
+    const bool expected = std::exchange(m_exitExpected, false);
+    if (m_state == State::Starting || m_state == State::Running) {
+        if (expected || m_stoppedByUser)
+            setState(State::Stopped, true);
+        else
+            bridgeEndedUnasked();
+    } else if (m_state == State::Off) {
+        setState(State::Stopped, true);
+    }
+    // Otherwise a new search began while the stopped bridge was exiting: its titles stay.
+}
+
+void AppDelegate::bridgeEndedUnasked()
+{
+    const qint64 now = m_clock.elapsed();
+    if (m_readySince >= 0 && now - m_readySince >= failureWindowMs) {
+        m_failures.clear(); // it had been running well: a fresh start
+        m_retries = 0;
+        m_toldRetrying = false;
+    }
+    m_failures.push_back(now);
+    while (now - m_failures.front() > failureWindowMs)
+        m_failures.pop_front();
+    if (static_cast<int>(m_failures.size()) >= maxFailures) {
+        logError(QStringLiteral("AirConnect ended %1 times within 10 minutes; not restarting it")
+                     .arg(maxFailures));
+        m_failures.clear();
+        m_retries = 0;
+        m_toldRetrying = false;
+        setState(State::Stopped, true);
+        const QStringList output = m_services.bridgeOutput();
+        showNotice(tr("Corvel stopped"),
+                   tr("The AirConnect bridge keeps stopping, so Corvel has stopped restarting "
+                      "it. Its last words:\n%1")
+                       .arg(output.isEmpty() ? tr("(nothing)") : output.join(QLatin1Char('\n'))));
+        return;
+    }
+    const int delay = std::min(maxRetryDelaySeconds, 2 << std::min(m_retries, 5));
+    ++m_retries;
+    logWarning(QStringLiteral("AirConnect ended by itself; restarting it in %1 s").arg(delay));
+    setState(State::Retrying);
+    if (!std::exchange(m_toldRetrying, true))
+        showNotice(tr("AirConnect bridge stopped"),
+                   tr("The bridge stopped unexpectedly; Corvel is restarting it."));
+    m_retryTimer.start(delay * m_retryUnitMs);
+}
+
+void AppDelegate::retryBridge()
+{
+    if (m_stoppedByUser || m_state != State::Retrying)
+        return;
+    logInfo(QStringLiteral("Restarting AirConnect"));
+    m_services.startBridge(allRecords());
+    if (!m_services.bridgeRunning())
+        bridgeEndedUnasked(); // could not even be launched: counts as a failure
 }

@@ -10,7 +10,10 @@
 #include "Platform.h"
 #include "SystemSleep.h"
 
+#include <deque>
 #include <functional>
+#include <QElapsedTimer>
+#include <QTimer>
 #include <QAction>
 #include <QMenu>
 #include <QObject>
@@ -26,7 +29,16 @@ public:
     using Services = AppServices;
 
     // Where the bridge's lifecycle stands; the status line is derived from it.
-    enum class State { StartingUp, Searching, NoSpeakers, Starting, Running, Stopped, Off };
+    enum class State {
+        StartingUp,
+        Searching,
+        NoSpeakers,
+        Starting,
+        Running,
+        Retrying, // the bridge ended by itself; it is started again after a delay
+        Stopped,
+        Off
+    };
 
     // The lifecycle titles.
     static inline const QString statusOff = QStringLiteral("Corvel: Off");
@@ -35,11 +47,22 @@ public:
     static inline const QString statusStarting = QStringLiteral("Corvel: Starting...");
     static inline const QString statusRunning = QStringLiteral("Corvel: Running");
     static inline const QString statusStopped = QStringLiteral("Corvel: Stopped");
+    static inline const QString statusRetrying =
+        QStringLiteral("Corvel: Bridge Stopped, Restarting...");
     static inline const QString commandTurnOn = QStringLiteral("Turn Corvel On");
     static inline const QString commandTurnOff = QStringLiteral("Turn Corvel Off");
 
     // Speaker items are inserted from this menu position on.
     static constexpr int firstDeviceMenuIndex = 4;
+
+    // Changes to the speakers reach the bridge once they have been quiet this long.
+    static constexpr int applyDelayMs = 2000;
+    // A bridge that ends by itself is started again after 2, 4, 8 ... 60 seconds; after
+    // maxFailures such ends within failureWindowMs Corvel stops trying. Running that long
+    // without failing starts the count afresh.
+    static constexpr int maxRetryDelaySeconds = 60;
+    static constexpr int maxFailures = 5;
+    static constexpr qint64 failureWindowMs = 10 * 60 * 1000;
 
     // withTray: show a tray icon; headless runs without one.
     AppDelegate(Services services, Platform platform, bool withTray, QObject *parent = nullptr);
@@ -84,7 +107,16 @@ public:
     bool bridgeRunning() const override { return m_services.bridgeRunning(); }
     bool stoppedByUser() const override { return m_stoppedByUser; }
     void startSearching() override;
-    void stopBridge() override { m_services.stopBridge(); }
+    void stopBridge() override;
+
+    // Rewrites the configuration and restarts the bridge when the speakers offered or their
+    // names changed; starts it when speakers appeared after a search found none.
+    void applyChanges();
+    bool changesPending() const { return m_applyTimer.isActive(); }
+    // The retry delays are in units of this many ms (1000; tests shorten it).
+    void setRetryUnit(int ms) { m_retryUnitMs = ms; }
+    // A notice for the user (the tray's balloon); also logged.
+    void showNotice(const QString &title, const QString &message);
 
     QMenu *statusMenu() { return &m_statusMenu; }
     QAction *firstMenuItem() const { return m_firstMenuItem; }
@@ -110,10 +142,17 @@ private:
     void onDeviceSettingsChanged();
     void onDiscoveryStarted();
     void onDeviceDiscovered(const Notification &notification);
+    void onDeviceDeparted(const Notification &notification);
+    void scheduleApply();
+    std::vector<DeviceSettings> allRecords();
+    void bridgeEndedUnasked();
+    void retryBridge();
+    // Tells systemd (under a Type=notify unit) the state, and once that start-up is done.
+    void reportToServiceManager();
     void onDiscoveryComplete();
-    void onServiceStarted();
-    void onServiceReady();
-    void onServiceTerminated();
+    void onServiceStarted(const Notification &notification);
+    void onServiceReady(const Notification &notification);
+    void onServiceTerminated(const Notification &notification);
     void showBridgeNotFound(const QString &message);
 
     Services m_services;
@@ -132,4 +171,15 @@ private:
     std::function<QWidget *()> m_windowFactory;
     std::vector<NotificationCenter::Token> m_observers;
     bool m_toldBridgeMissing = false;
+    QTimer m_applyTimer;
+    QTimer m_retryTimer;
+    QElapsedTimer m_clock;
+    std::deque<qint64> m_failures; // when the bridge ended by itself, on m_clock
+    int m_retries = 0;              // consecutive retries, for the backoff
+    int m_retryUnitMs = 1000;
+    bool m_toldRetrying = false;
+    qint64 m_readySince = -1;
+    quint64 m_launch = 0;          // the bridge launch the titles follow
+    bool m_exitExpected = false;   // a stop was asked for: the next exit is no failure
+    bool m_toldReady = false;      // systemd has had READY=1
 };

@@ -34,6 +34,21 @@ AppServices AppServices::real()
     services.stopBridge = [] {
         AirConnect::shared().stop();
     };
+    services.restartBridge = [](const std::vector<DeviceSettings> &records) {
+        AirConnect::shared().restart(records);
+    };
+    services.bridgeConfigDiffers = [](const std::vector<DeviceSettings> &records) {
+        return AirConnect::shared().configDiffers(records);
+    };
+    services.bridgeOutput = [] {
+        return AirConnect::shared().recentOutput();
+    };
+    services.watch = [](bool on) {
+        if (on)
+            DeviceDiscovery::shared().startWatching();
+        else
+            DeviceDiscovery::shared().stopWatching();
+    };
     services.shutdownBridge = [] {
         AirConnect::shared().shutdown();
     };

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <optional>
+#include <QStringList>
 #include <vector>
 
 class Settings;
@@ -24,6 +25,14 @@ struct AppServices
     std::function<bool()> bridgeRunning;
     std::function<void(const std::vector<DeviceSettings> &)> startBridge;
     std::function<void()> stopBridge;
+    // Stops the bridge and starts it with records; its exit is not announced.
+    std::function<void(const std::vector<DeviceSettings> &)> restartBridge;
+    // Whether records would give the running bridge another configuration.
+    std::function<bool(const std::vector<DeviceSettings> &)> bridgeConfigDiffers;
+    // The bridge's last output lines.
+    std::function<QStringList()> bridgeOutput;
+    // Starts or stops watching for speakers between searches.
+    std::function<void(bool)> watch;
     // Stops the bridge and waits a bounded time for it to exit (at quit).
     std::function<void()> shutdownBridge;
     std::function<Settings &()> settings;

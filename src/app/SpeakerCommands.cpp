@@ -2,6 +2,8 @@
 #include "SpeakerCommands.h"
 
 #include "JsonReader.h"
+#include "NotificationCenter.h"
+#include "Notifications.h"
 #include "Settings.h"
 
 QString SpeakerCommands::formatList(const Settings &settings)
@@ -55,7 +57,8 @@ int SpeakerCommands::setEnabled(Settings &settings, const QString &locationOrNam
     const auto location = findSpeaker(settings, locationOrName, error);
     if (!location)
         return 1;
-    settings.setDeviceEnabled(*location, enabled);
+    if (settings.setDeviceEnabled(*location, enabled))
+        NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
     return 0;
 }
 
@@ -69,6 +72,7 @@ int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
         *error = *problem;
         return 2;
     }
-    settings.renameDevice(*location, newName);
+    if (settings.renameDevice(*location, newName))
+        NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
     return 0;
 }

@@ -24,12 +24,23 @@ const QString category = QStringLiteral("AirConnect");
 const QString readinessMarker = QStringLiteral("adding renderer");
 // A stopped bridge may hang while speakers are unreachable; it is killed after this.
 constexpr int stopKillDelayMs = 10000;
-
-void post(const QString &name)
-{
-    NotificationCenter::defaultCenter().post(name);
-}
 } // namespace
+
+void AirConnect::post(const QString &name) const
+{
+    NotificationCenter::defaultCenter().post(name, {{UserInfoKey::launch, m_launch}});
+}
+
+void AirConnect::restart(const std::vector<DeviceSettings> &records)
+{
+    stop();
+    start(records);
+}
+
+bool AirConnect::configDiffers(const std::vector<DeviceSettings> &records) const
+{
+    return configFileText(records) != m_config;
+}
 
 AirConnect &AirConnect::shared()
 {
@@ -85,8 +96,13 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
         [this, launch, path = bridge.path, records](int stale) {
             if (stale > 0)
                 logInfo(category, QStringLiteral("Ended %1 stale bridge process(es)").arg(stale));
-            if (launch == m_launch && m_launchPending)
-                this->launch(path, records);
+            if (launch != m_launch || !m_launchPending)
+                return;
+            m_afterRetired = [this, path, records] { this->launch(path, records); };
+            if (m_retired.empty())
+                std::exchange(m_afterRetired, nullptr)();
+            else
+                logInfo(category, QStringLiteral("Waiting for the previous bridge to exit"));
         });
 }
 
@@ -96,6 +112,8 @@ void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSetti
     const QString config = configPath();
     const QString configUrl = QUrl::fromLocalFile(config).toString();
     QString error;
+    m_config = configFileText(records);
+    m_recentOutput.clear();
     if (writeConfigFile(config, records, &error))
         logInfo(category, QStringLiteral("Wrote config file to ") + configUrl);
     else
@@ -158,6 +176,8 @@ void AirConnect::stop()
     m_startTimer.stop();
     m_ready = false;
     m_launchPending = false;
+    m_afterRetired = nullptr;
+    m_config.clear();
     if (m_process) {
         if (m_process->state() != QProcess::NotRunning)
             m_process->terminate();
@@ -228,6 +248,10 @@ void AirConnect::handleOutput(const QByteArray &chunk)
             setReady();
     }
     logDebug(category, text);
+    for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        m_recentOutput.append(line.trimmed());
+    if (m_recentOutput.size() > recentLineCount)
+        m_recentOutput.remove(0, m_recentOutput.size() - recentLineCount);
 }
 
 void AirConnect::handleTermination(QProcess *process, quint64 launch)
@@ -236,6 +260,8 @@ void AirConnect::handleTermination(QProcess *process, quint64 launch)
     if (retired != m_retired.end())
         m_retired.erase(retired);
     process->deleteLater();
+    if (m_retired.empty() && m_afterRetired)
+        std::exchange(m_afterRetired, nullptr)();
 
     if (launch != m_launch) {
         // An older bridge ending late must not touch the newer one or its events.

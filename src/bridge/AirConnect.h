@@ -6,6 +6,8 @@
 
 #include <QObject>
 #include <QProcess>
+#include <functional>
+#include <QStringList>
 #include <QTimer>
 #include <vector>
 
@@ -30,8 +32,19 @@ public:
     // arms the watchdog. Callers start only while no bridge runs (running() is false).
     void start(const std::vector<DeviceSettings> &records);
     // Cancels the watchdog, forgets readiness, asks the bridge to terminate and forgets it.
-    // "serviceTerminated" follows when it has exited.
+    // "serviceTerminated" follows when it has exited. A later start launches only once every
+    // stopped bridge has exited, so two never run at once.
     void stop();
+    // Stops the bridge and starts it again with records; the stopped bridge's exit is not
+    // announced (it belongs to an earlier launch).
+    void restart(const std::vector<DeviceSettings> &records);
+    // Whether records would give a configuration other than the running bridge's.
+    bool configDiffers(const std::vector<DeviceSettings> &records) const;
+    // The last lines the bridge wrote (at most recentLineCount), oldest first.
+    QStringList recentOutput() const { return m_recentOutput; }
+    static constexpr int recentLineCount = 10;
+    // Which launch the bridge events are about; they carry it as UserInfoKey::launch.
+    quint64 currentLaunch() const { return m_launch; }
     // Stops and waits up to quitGraceMs for every bridge this supervisor started, then kills
     // what is left; for quitting, so that no bridge outlives Corvel.
     void shutdown();
@@ -63,6 +76,7 @@ signals:
 
 private:
     void launch(const QString &bridgePath, const std::vector<DeviceSettings> &records);
+    void post(const QString &name) const;
     void handleTermination(QProcess *process, quint64 launch);
     // Keeps a stopped bridge until it exits; kills it if it ignores the request too long.
     void retire(QProcess *process);
@@ -76,4 +90,7 @@ private:
     bool m_bridgeMissing = false;
     bool m_launchPending = false;
     std::vector<QProcess *> m_retired;
+    std::function<void()> m_afterRetired; // the launch waiting for stopped bridges to exit
+    QString m_config;                     // the running bridge's configuration text
+    QStringList m_recentOutput;
 };

@@ -38,9 +38,26 @@ bool hasEnded(pid_t pid)
     const qsizetype close = text.lastIndexOf(')');
     return close < 0 || text.mid(close + 2, 1) == "Z";
 }
+
+pid_t parentOf(const QString &procDir)
+{
+    QFile status(procDir + QStringLiteral("/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("PPid:"))
+            return line.mid(5).trimmed().toInt();
+    }
+    return 0;
+}
 } // namespace
 
-QList<pid_t> StaleBridges::find(const QString &executableFileName)
+QString StaleBridges::ownExecutable()
+{
+    return executableOf(QStringLiteral("/proc/self"));
+}
+
+QList<pid_t> StaleBridges::find(const QString &executableFileName, const QString &ownerFileName)
 {
     QList<pid_t> found;
     if (executableFileName.isEmpty())
@@ -60,8 +77,16 @@ QList<pid_t> StaleBridges::find(const QString &executableFileName)
         };
         if (stat(dir.toLocal8Bit().constData(), &info) != 0 || info.st_uid != me)
             continue;
-        if (executableOf(dir) == executableFileName && !hasEnded(pid))
-            found << pid;
+        if (executableOf(dir) != executableFileName || hasEnded(pid))
+            continue;
+        if (!ownerFileName.isEmpty()) {
+            // A bridge whose parent is a living Corvel is that Corvel's, not stale.
+            const pid_t parent = parentOf(dir);
+            if (parent > 1 && !hasEnded(parent) &&
+                executableOf(QStringLiteral("/proc/%1").arg(parent)) == ownerFileName)
+                continue;
+        }
+        found << pid;
     }
     return found;
 }
@@ -69,7 +94,7 @@ QList<pid_t> StaleBridges::find(const QString &executableFileName)
 void StaleBridges::endAll(const QString &executableFileName, QObject *context,
                           std::function<void(int)> done, int graceMs)
 {
-    const QList<pid_t> pids = find(executableFileName);
+    const QList<pid_t> pids = find(executableFileName, ownExecutable());
     if (pids.isEmpty()) {
         done(0);
         return;

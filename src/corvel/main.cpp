@@ -11,6 +11,7 @@
 #include "Notifications.h"
 #include "Platform.h"
 #include "Settings.h"
+#include "SingleInstance.h"
 #include "SpeakerCommands.h"
 #include "ViewController.h"
 
@@ -68,8 +69,8 @@ bool wantsHeadless(int argc, char *argv[])
     return false;
 }
 
-// --list: one search, then the known speakers. The bridge is not started; the speakers found
-// are saved, so that the other commands can name them.
+// --list with no Corvel running: one search, whose speakers are saved, so that the other
+// commands can name them. The bridge is not started.
 int listSpeakers(QCoreApplication &app)
 {
     Settings &settings = Settings::shared();
@@ -86,7 +87,6 @@ int listSpeakers(QCoreApplication &app)
     DeviceDiscovery::shared().searchForDevices(DeviceDiscovery::defaultSearchSeconds);
     app.exec();
     settings.save();
-    std::fputs(qPrintable(SpeakerCommands::formatList(settings)), stdout);
     return 0;
 }
 
@@ -150,36 +150,60 @@ int main(int argc, char *argv[])
                                  QStringLiteral("[name]"));
     parser.process(app);
 
-    // The speaker commands work on the settings and exit; a running Corvel reads them at its
-    // next start (stop the service first, or it may save over them).
+    // The speaker commands go to the running Corvel, so that they apply at once; with none
+    // running they work on the stored settings.
     if (parser.isSet(listOption) || parser.isSet(enableOption) || parser.isSet(disableOption) ||
         parser.isSet(renameOption)) {
         Logging::setDefaultLevel(parser.isSet(listOption) ? LogLevel::Warning : LogLevel::Info);
         Logging::attach(&Log::shared());
-        QString error;
-        int status = 0;
-        if (parser.isSet(listOption))
-            status = listSpeakers(app);
-        else if (parser.isSet(enableOption))
-            status = SpeakerCommands::setEnabled(Settings::shared(), parser.value(enableOption),
-                                                 true, &error);
-        else if (parser.isSet(disableOption))
-            status = SpeakerCommands::setEnabled(Settings::shared(), parser.value(disableOption),
-                                                 false, &error);
-        else if (parser.positionalArguments().size() != 1)
-            error = QStringLiteral("--rename needs the new name after the speaker"), status = 2;
-        else
-            status = SpeakerCommands::rename(Settings::shared(), parser.value(renameOption),
-                                             parser.positionalArguments().first(), &error);
-        if (!error.isEmpty())
-            std::fprintf(stderr, "%s\n", qPrintable(error));
-        return status;
+        if (parser.isSet(renameOption) && parser.positionalArguments().size() != 1) {
+            std::fputs("--rename needs the new name after the speaker\n", stderr);
+            return 2;
+        }
+        const QString newName = parser.positionalArguments().value(0);
+        const auto [method, arguments] =
+            parser.isSet(listOption)     ? std::pair(QStringLiteral("List"), QVariantList())
+            : parser.isSet(enableOption) ? std::pair(QStringLiteral("SetEnabled"),
+                                                     QVariantList{parser.value(enableOption), true})
+            : parser.isSet(disableOption)
+                ? std::pair(QStringLiteral("SetEnabled"),
+                            QVariantList{parser.value(disableOption), false})
+                : std::pair(QStringLiteral("Rename"),
+                            QVariantList{parser.value(renameOption), newName});
+        SingleInstance::Answer answer;
+        if (const auto running = SingleInstance::ask(method, arguments)) {
+            answer = *running;
+        } else if (parser.isSet(listOption)) {
+            answer.status = listSpeakers(app);
+            answer.output = SpeakerCommands::formatList(Settings::shared());
+        } else if (method == QLatin1String("SetEnabled")) {
+            answer.status = SpeakerCommands::setEnabled(
+                Settings::shared(), arguments.value(0).toString(), arguments.value(1).toBool(),
+                &answer.error);
+        } else {
+            answer.status = SpeakerCommands::rename(Settings::shared(), parser.value(renameOption),
+                                                    newName, &answer.error);
+        }
+        std::fputs(qPrintable(answer.output), stdout);
+        if (!answer.error.isEmpty())
+            std::fprintf(stderr, "%s\n", qPrintable(answer.error));
+        return answer.status;
     }
 
     const Platform platform = Platform::system();
     AppDelegate delegate(AppServices::real(), platform, !headless);
     delegate.setPreferencesWindowFactory(
         [&delegate, platform] { return new ViewController(delegate, platform); });
+    // One Corvel per user: a second start brings the first one's preferences forward.
+    SingleInstance instance(Settings::shared(), [&delegate, headless] {
+        if (!headless)
+            delegate.showWindow();
+    });
+    if (instance.claim() == SingleInstance::Claim::OtherRunning) {
+        std::fputs("Corvel is already running.\n", stderr);
+        SingleInstance::ask(QStringLiteral("ShowPreferences"));
+        return 0;
+    }
     delegate.applicationWillFinishLaunching();
     if (noDisplay && !parser.isSet(headlessOption))
         logInfo(QStringLiteral(

@@ -8,6 +8,7 @@
 #include "Notifications.h"
 
 #include <QNetworkProxy>
+#include <QRegularExpression>
 #include <QNetworkReply>
 #include <QScopeGuard>
 #include <QTimer>
@@ -15,6 +16,26 @@
 namespace {
 DeviceDiscovery *g_shared = nullptr;
 const QString category = QStringLiteral("SSDP");
+
+// The counters a player raises when it restarts or its description changes.
+QString bootMarker(const SSDPMSearchResponse &message)
+{
+    QStringList values;
+    for (const char *name : {"BOOTID.UPNP.ORG", "CONFIGID.UPNP.ORG", "X-RINCON-BOOTSEQ"})
+        values << message.header(QLatin1String(name)).value_or(QString());
+    return values.join(QLatin1Char('/'));
+}
+
+QDeadlineTimer expiryOf(const SSDPMSearchResponse &message)
+{
+    static const QRegularExpression maxAge(QStringLiteral("max-age\\s*=\\s*([0-9]+)"),
+                                           QRegularExpression::CaseInsensitiveOption);
+    const auto match =
+        maxAge.match(message.header(QStringLiteral("CACHE-CONTROL")).value_or(QString()));
+    const qint64 seconds =
+        match.hasMatch() ? match.captured(1).toLongLong() : DeviceDiscovery::defaultMaxAgeSeconds;
+    return QDeadlineTimer(std::clamp<qint64>(seconds, 60, 86400) * 1000);
+}
 } // namespace
 
 std::optional<std::pair<DeviceInfo, DeviceTopology>>
@@ -53,6 +74,98 @@ DeviceDiscovery::DeviceDiscovery(QObject *parent) : QObject(parent)
     m_network.setAutoDeleteReplies(true);
     // Proxies are for the internet, not the living room: speakers are asked directly.
     m_network.setProxy(QNetworkProxy::NoProxy);
+    connect(&m_listener, &SSDPListener::announced, this, &DeviceDiscovery::handleAnnouncement);
+    connect(&m_listener, &SSDPListener::networkChanged, this, [this] {
+        logInfo(category, QStringLiteral("Searching again after a network change"));
+        refresh();
+    });
+    m_refreshTimer.setInterval(refreshIntervalMs);
+    connect(&m_refreshTimer, &QTimer::timeout, this, &DeviceDiscovery::refresh);
+}
+
+void DeviceDiscovery::startWatching()
+{
+    if (m_watching)
+        return;
+    m_watching = true;
+    QString error;
+    if (!m_listener.start(&error))
+        logWarning(category, QStringLiteral("Not listening for announcements: ") + error);
+    m_refreshTimer.start();
+}
+
+void DeviceDiscovery::stopWatching()
+{
+    m_watching = false;
+    m_listener.stop();
+    m_refreshTimer.stop();
+    m_refreshSession.reset();
+}
+
+void DeviceDiscovery::refresh()
+{
+    if (m_session || m_refreshSession)
+        return;
+    logInfo(category, QStringLiteral("refresh"));
+    SSDPMSearchRequest request;
+    request.delegate = this;
+    request.searchTarget = searchTarget();
+    QString error;
+    m_refreshSession = SSDPDiscovery::defaultDiscovery().startDiscovery(
+        request, defaultSearchSeconds, &error);
+    if (!m_refreshSession) {
+        logWarning(category, QStringLiteral("No background search: ") + error);
+        return;
+    }
+    m_answersThisSearch = 0;
+    m_described.clear();
+}
+
+void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement)
+{
+    // A player announces its root device, its UUID and each of its types; one is enough.
+    if (announcement.searchTarget != searchTarget().text)
+        return;
+    if (announcement.isByeBye()) {
+        const QString udn = announcement.udn();
+        std::vector<QString> gone;
+        for (const auto &[location, heard] : m_heard) {
+            if (heard.udn == udn)
+                gone.push_back(location);
+        }
+        for (const QString &location : gone)
+            depart(location, QStringLiteral("said goodbye"));
+        return;
+    }
+    const QString location = absoluteString(announcement.location);
+    const auto heard = m_heard.find(location);
+    if (heard != m_heard.end() && heard->second.boot == bootMarker(announcement) &&
+        announcement.announcement != QLatin1String("ssdp:update")) {
+        heard->second.expires = expiryOf(announcement); // still there, unchanged
+        return;
+    }
+    logInfo(category, QStringLiteral("Announcement (%1) from %2")
+                          .arg(announcement.announcement, location));
+    describe(announcement);
+}
+
+void DeviceDiscovery::depart(const QString &location, const QString &reason)
+{
+    m_heard.erase(location);
+    logInfo(category, QStringLiteral("Speaker at %1 left: %2").arg(location, reason));
+    NotificationCenter::defaultCenter().post(Notifications::deviceDeparted,
+                                             {{UserInfoKey::location, QUrl(location)}});
+}
+
+void DeviceDiscovery::expireUnheard()
+{
+    std::vector<QString> gone;
+    for (const auto &[location, heard] : m_heard) {
+        if (heard.expires.hasExpired())
+            gone.push_back(location);
+    }
+    for (const QString &location : gone)
+        depart(location, QStringLiteral("not heard from within its max-age"));
 }
 
 SSDPSearchTarget DeviceDiscovery::searchTarget() const
@@ -71,6 +184,8 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
 {
     logInfo(category, QStringLiteral("searchForDevices"));
     m_answersThisSearch = 0;
+    m_described.clear();
+    m_refreshSession.reset(); // this search finds what the background one would
 
     SSDPMSearchRequest request;
     request.delegate = this;
@@ -117,6 +232,19 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
         }
         return;
     }
+    const QString location = absoluteString(response.location);
+    if (const auto heard = m_heard.find(location); heard != m_heard.end())
+        heard->second.expires = expiryOf(response);
+    // Players answer each M-SEARCH of a search; one description per search is enough.
+    if (m_described.count(location))
+        return;
+    describe(response);
+}
+
+void DeviceDiscovery::describe(const SSDPMSearchResponse &response)
+{
+    if (!m_pipelines.insert(absoluteString(response.location)).second)
+        return;
     m_waiting.push_back(response);
     startWaitingPipelines();
 }
@@ -147,6 +275,11 @@ void DeviceDiscovery::discoveredService(const SSDPMSearchResponse &response,
 void DeviceDiscovery::closedSession(SSDPDiscoverySession *session)
 {
     logInfo(category, QStringLiteral("closedSession(") + session->description() + QLatin1Char(')'));
+    if (m_refreshSession.get() == session) {
+        m_refreshSession.reset();
+        expireUnheard();
+        return;
+    }
     m_session.reset();
     NotificationCenter::defaultCenter().post(Notifications::discoveryComplete);
 }
@@ -246,7 +379,9 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
                                          const SSDPMSearchResponse &response)
 {
     // Every pipeline ends here, once: when it is done, its place goes to the next answer.
-    const auto next = qScopeGuard([this] {
+    const QString location = absoluteString(response.location);
+    const auto next = qScopeGuard([this, location] {
+        m_pipelines.erase(location);
         --m_inFlight;
         startWaitingPipelines();
     });
@@ -255,10 +390,15 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
                                  (error ? error->description() : QStringLiteral("no error")));
         return;
     }
+    m_described.insert(location);
     if (info->modelName == QStringLiteral("Sonos BOOST")) {
         logInfo(QStringLiteral("Ignoring BOOST device at ") + absoluteString(info->location));
         return;
     }
+    // A player that moved is heard at its new location only.
+    const QString udn = info->udn.value_or(response.udn());
+    std::erase_if(m_heard, [&udn](const auto &entry) { return entry.second.udn == udn; });
+    m_heard[location] = {udn, bootMarker(response), expiryOf(response)};
     m_devices.insert_or_assign(info->location, *info);
     NotificationCenter::defaultCenter().post(
         Notifications::deviceDiscovered,

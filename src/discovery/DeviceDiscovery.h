@@ -5,13 +5,17 @@
 
 #include "DeviceInfo.h"
 #include "SSDPDiscovery.h"
+#include "SSDPListener.h"
 
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <QNetworkAccessManager>
+#include <QDeadlineTimer>
 #include <QObject>
+#include <QTimer>
+#include <set>
 
 struct Notification;
 
@@ -69,6 +73,24 @@ public:
     // Ends the search in progress, if any, and posts "discoveryComplete".
     void stopSearching();
 
+    // How often a background search runs while watching, and how long a player counts as
+    // present after it was last heard when it does not say (CACHE-CONTROL max-age).
+    static constexpr int refreshIntervalMs = 10 * 60 * 1000;
+    static constexpr int defaultMaxAgeSeconds = 1800;
+
+    // Keeps the speaker list current between searches: hears the players' announcements and
+    // searches in the background on a network change and every refreshIntervalMs. A new or
+    // changed player is described and posted as "deviceDiscovered", as in a search; one that
+    // says goodbye or outlives its max-age unheard is posted as "deviceDeparted".
+    void startWatching();
+    void stopWatching();
+    bool watching() const { return m_watching; }
+    // A background search: its players are posted as in any search, but neither
+    // "discoveryStarted" nor "discoveryComplete" is; skipped while another search runs.
+    void refresh();
+    void handleAnnouncement(const SSDPMSearchResponse &announcement);
+    SSDPListener &listener() { return m_listener; }
+
     // What every search looks for: urn:schemas-upnp-org:device:ZonePlayer:1.
     SSDPSearchTarget searchTarget() const;
 
@@ -92,8 +114,13 @@ private:
     // GETs url and completes with (error, body); the body is empty with an error.
     void fetchXML(const QUrl &url, XmlCompletion completion);
     void fetchDeviceInfo(const SSDPMSearchResponse &response);
+    // Queues a pipeline for the player, unless one for its location is queued or running.
+    void describe(const SSDPMSearchResponse &response);
     // Starts waiting pipelines while there is room.
     void startWaitingPipelines();
+    // Posts "deviceDeparted" for the location and forgets having heard it.
+    void depart(const QString &location, const QString &reason);
+    void expireUnheard();
     void handleDeviceResult(const std::optional<DiscoveryError> &error,
                             const std::optional<DeviceInfo> &info,
                             const std::optional<DeviceTopology> &topology,
@@ -101,6 +128,20 @@ private:
 
     QNetworkAccessManager m_network;
     std::shared_ptr<SSDPDiscoverySession> m_session;
+    std::shared_ptr<SSDPDiscoverySession> m_refreshSession;
+    // What was last heard from each described player, by location text.
+    struct Heard
+    {
+        QString udn;
+        QString boot; // the boot and configuration counters it announced
+        QDeadlineTimer expires;
+    };
+    std::map<QString, Heard> m_heard;
+    std::set<QString> m_pipelines; // locations queued or being described
+    std::set<QString> m_described; // locations described in the current search
+    SSDPListener m_listener;
+    QTimer m_refreshTimer;
+    bool m_watching = false;
     std::map<QUrl, DeviceInfo, LocationOrder> m_devices;
     int m_transferTimeoutMs = defaultTransferTimeoutMs;
     std::deque<SSDPMSearchResponse> m_waiting;

@@ -7,6 +7,8 @@
 namespace Notifications {
 inline const QString discoveryStarted = QStringLiteral("discoveryStarted");
 inline const QString deviceDiscovered = QStringLiteral("deviceDiscovered");
+// A known player left the network (said goodbye, or was not heard from for its max-age).
+inline const QString deviceDeparted = QStringLiteral("deviceDeparted");
 inline const QString discoveryComplete = QStringLiteral("discoveryComplete");
 inline const QString serviceStarted = QStringLiteral("serviceStarted");
 inline const QString serviceReady = QStringLiteral("serviceReady");
@@ -15,8 +17,11 @@ inline const QString appStopped = QStringLiteral("appStopped");
 inline const QString deviceSettingsChanged = QStringLiteral("deviceSettingsChanged");
 } // namespace Notifications
 
-// Keys of the "deviceDiscovered" payload.
+// Keys of the "deviceDiscovered", "deviceDeparted" and bridge payloads.
 namespace UserInfoKey {
+inline const QString location = QStringLiteral("location"); // QUrl, of "deviceDeparted"
+// quint64, of "serviceStarted", "serviceReady" and "serviceTerminated": which launch it was.
+inline const QString launch = QStringLiteral("launch");
 inline const QString response = QStringLiteral("response");
 inline const QString deviceInfo = QStringLiteral("deviceInfo");
 inline const QString deviceTopology = QStringLiteral("deviceTopology");

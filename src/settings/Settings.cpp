@@ -311,3 +311,12 @@ void Settings::markAllDevicesNotActive()
     for (auto &entry : devices)
         entry.second.active = false;
 }
+
+bool Settings::markDeviceNotActive(const QUrl &location)
+{
+    const auto record = devices.find(location);
+    if (record == devices.end() || !record->second.active)
+        return false;
+    record->second.active = false;
+    return true;
+}

@@ -71,6 +71,8 @@ public:
     // Marks every known record not found yet; called when a search starts, so the user's
     // choices outlive the search.
     void markAllDevicesNotActive();
+    // Marks one speaker not found (it left the network); false when unknown or already so.
+    bool markDeviceNotActive(const QUrl &location);
 
     SettingsStorage &storage() { return *m_storage; }
 

@@ -58,15 +58,18 @@ std::optional<SSDPMSearchResponse::Kind> kindOf(const QString &target)
 }
 } // namespace
 
-std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parse(const QByteArray &datagram,
-                                                              QString *reason)
+namespace {
+// A search response and an announcement share their shape: a start line, headers, a LOCATION
+// (absent only from a byebye) and a device or service type (ST or NT).
+std::optional<SSDPMSearchResponse> parseMessage(const QByteArray &datagram, bool announcement,
+                                                QString *reason)
 {
     const auto reject = [reason](const QString &why) {
         if (reason)
             *reason = why;
         return std::nullopt;
     };
-    if (datagram.size() > maxDatagramSize)
+    if (datagram.size() > SSDPMSearchResponse::maxDatagramSize)
         return reject(QStringLiteral("datagram of %1 bytes is too large").arg(datagram.size()));
 
     // Lines end in CR LF or LF alone; both occur in the field.
@@ -75,8 +78,10 @@ std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parse(const QByteArray &
         if (line.endsWith('\r'))
             line.chop(1);
     }
-    if (lines.isEmpty() || lines.first().trimmed() != "HTTP/1.1 200 OK")
-        return reject(QStringLiteral("not a search response"));
+    const QByteArray startLine = announcement ? "NOTIFY * HTTP/1.1" : "HTTP/1.1 200 OK";
+    if (lines.isEmpty() || lines.first().trimmed() != startLine)
+        return reject(announcement ? QStringLiteral("not an announcement")
+                                   : QStringLiteral("not a search response"));
 
     SSDPMSearchResponse response;
     response.raw = datagram;
@@ -90,15 +95,26 @@ std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parse(const QByteArray &
         response.headers.append({QString::fromUtf8(line.left(colon)).trimmed(),
                                  QString::fromUtf8(line.mid(colon + 1)).trimmed()});
     }
-
-    const QString location = response.header(QStringLiteral("LOCATION")).value_or(QString());
-    const QUrl url(location, QUrl::StrictMode);
-    if (!url.isValid() || url.scheme() != QLatin1String("http") || url.host().isEmpty())
-        return reject(QStringLiteral("no valid absolute http LOCATION (\"%1\")").arg(location));
-    response.location = url;
+    if (announcement) {
+        response.announcement = response.header(QStringLiteral("NTS")).value_or(QString());
+        if (!response.announcement.startsWith(QLatin1String("ssdp:")))
+            return reject(QStringLiteral("no NTS"));
+    }
     response.server = response.header(QStringLiteral("SERVER"));
-    response.searchTarget = response.header(QStringLiteral("ST")).value_or(QString());
+    response.searchTarget =
+        response.header(announcement ? QStringLiteral("NT") : QStringLiteral("ST"))
+            .value_or(QString());
     response.usn = response.header(QStringLiteral("USN")).value_or(QString());
+
+    // A departing device says only who it is.
+    if (!response.isByeBye()) {
+        const QString location = response.header(QStringLiteral("LOCATION")).value_or(QString());
+        const QUrl url(location, QUrl::StrictMode);
+        if (!url.isValid() || url.scheme() != QLatin1String("http") || url.host().isEmpty())
+            return reject(
+                QStringLiteral("no valid absolute http LOCATION (\"%1\")").arg(location));
+        response.location = url;
+    }
 
     auto kind = kindOf(response.searchTarget);
     if (!kind)
@@ -108,4 +124,23 @@ std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parse(const QByteArray &
                           .arg(response.searchTarget));
     response.kind = *kind;
     return response;
+}
+} // namespace
+
+std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parse(const QByteArray &datagram,
+                                                              QString *reason)
+{
+    return parseMessage(datagram, false, reason);
+}
+
+std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parseAnnouncement(const QByteArray &datagram,
+                                                                          QString *reason)
+{
+    return parseMessage(datagram, true, reason);
+}
+
+QString SSDPMSearchResponse::udn() const
+{
+    const qsizetype end = usn.indexOf(QLatin1String("::"));
+    return end < 0 ? usn : usn.left(end);
 }

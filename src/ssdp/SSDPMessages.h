@@ -37,15 +37,17 @@ struct SSDPMSearchRequest
     QByteArray datagram() const;
 };
 
-// A response to an M-SEARCH, as received.
+// A response to an M-SEARCH, or a device's own announcement (NOTIFY), as received.
 struct SSDPMSearchResponse
 {
     enum class Kind { Device, Service };
 
-    QUrl location;                 // LOCATION, an absolute http URL
+    QUrl location;                 // LOCATION, an absolute http URL; empty in a byebye
     std::optional<QString> server; // SERVER
-    QString searchTarget;          // ST
+    QString searchTarget;          // ST, or an announcement's NT
     QString usn;                   // USN
+    // An announcement's NTS ("ssdp:alive", "ssdp:update", "ssdp:byebye"); empty in a response.
+    QString announcement;
     Kind kind = Kind::Device;
     // Every header in arrival order; names as received, values trimmed.
     QList<QPair<QString, QString>> headers;
@@ -63,6 +65,14 @@ struct SSDPMSearchResponse
     // search response with a valid absolute http LOCATION naming a device or service type;
     // *reason then says why (for a debug line).
     static std::optional<SSDPMSearchResponse> parse(const QByteArray &datagram, QString *reason);
+    // Parses a "NOTIFY * HTTP/1.1" announcement the same way (NT for ST); a byebye needs no
+    // LOCATION.
+    static std::optional<SSDPMSearchResponse> parseAnnouncement(const QByteArray &datagram,
+                                                                QString *reason);
+
+    bool isByeBye() const { return announcement == QLatin1String("ssdp:byebye"); }
+    // The device's UDN: the USN up to "::" ("uuid:RINCON_...").
+    QString udn() const;
 };
 
 Q_DECLARE_METATYPE(SSDPMSearchResponse)

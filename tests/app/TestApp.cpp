@@ -2,6 +2,7 @@
 // The controller with discovery and the bridge faked as it sees them, and the speaker
 // commands of the command line.
 #include "AppDelegate.h"
+#include "ConfigWriter.h"
 #include "DeviceDiscovery.h"
 #include "FakePlatform.h"
 #include "MainQueue.h"
@@ -11,6 +12,8 @@
 #include "TestSupport.h"
 
 #include <QApplication>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 namespace {
 void post(const QString &name, const QVariantMap &info = {})
@@ -28,6 +31,9 @@ struct FakeWorld
     int shutdowns = 0;
     bool running = false;
     bool launchFails = false;
+    bool watching = false;
+    bool slowStop = false; // a stopped bridge exits only when the test says so
+    quint64 launch = 0, stopped = 0;
     std::vector<DeviceSettings> configured;
     std::unique_ptr<Settings> settings = Settings::load(std::make_unique<MemorySettingsStorage>());
 
@@ -54,13 +60,30 @@ struct FakeWorld
             configured = records;
             running = true; // a failed launch still counts as running until its watchdog
             if (!launchFails)
-                post(Notifications::serviceStarted);
+                post(Notifications::serviceStarted, {{UserInfoKey::launch, ++launch}});
         };
         s.stopBridge = [this] {
             if (running) {
                 running = false;
-                mainQueueAsync([] { post(Notifications::serviceTerminated); });
+                stopped = launch;
+                if (!slowStop)
+                    mainQueueAsync([l = launch] {
+                        post(Notifications::serviceTerminated, {{UserInfoKey::launch, l}});
+                    });
             }
+        };
+        s.restartBridge = [s](const std::vector<DeviceSettings> &records) {
+            s.stopBridge();
+            s.startBridge(records);
+        };
+        s.bridgeConfigDiffers = [this](const std::vector<DeviceSettings> &records) {
+            return configFileText(records) != configFileText(configured);
+        };
+        s.bridgeOutput = [] {
+            return QStringList{"last words"};
+        };
+        s.watch = [this](bool on) {
+            watching = on;
         };
         s.shutdownBridge = [this] {
             ++shutdowns;
@@ -108,6 +131,8 @@ private slots:
     void lifecycle();
     void speakerMenuItems();
     void idleSleepFollowsTheBridge();
+    void failingBridgeBacksOffThenGivesUp();
+    void tellsTheServiceManager();
     void speakerCommands();
 
 private:
@@ -190,6 +215,39 @@ void TestApp::lifecycle_data()
     QTest::newRow("failed launch keeps the titles")
         << L{"launch", "failing", "speaker", "complete"} << int(S::Searching)
         << AppDelegate::statusSearching << off << 1 << "";
+    // The bridge stopped by "off" exits while the search of "on" runs, or after the next
+    // launch: either way the newer run's titles stand.
+    QTest::newRow("off and on while the bridge stops")
+        << L{"launch", "speaker", "complete", "ready", "slow",     "onoff",
+             "onoff",  "exited",  "speaker",  "complete", "ready"}
+        << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
+    QTest::newRow("an earlier launch exits late")
+        << L{"launch", "speaker", "complete", "ready", "slow",  "onoff",
+             "onoff",  "speaker", "complete", "exited", "ready"}
+        << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
+    QTest::newRow("a bridge ending by itself is restarted")
+        << L{"launch", "speaker", "complete", "ready", "crash"} << int(S::Retrying)
+        << AppDelegate::statusRetrying << off << 1
+        << "Warning - AirConnect ended by itself; restarting it in 2 s";
+    QTest::newRow("a stop from the window is no failure")
+        << L{"launch", "speaker", "complete", "ready", "stop"} << int(S::Stopped)
+        << AppDelegate::statusStopped << on << 1 << "";
+    QTest::newRow("a rename restarts the bridge")
+        << L{"launch", "speaker", "complete", "ready", "rename", "apply"} << int(S::Starting)
+        << AppDelegate::statusStarting << off << 2
+        << "Info - Speakers changed, restarting AirConnect";
+    QTest::newRow("a departure restarts the bridge")
+        << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting)
+        << AppDelegate::statusStarting << off << 2 << "";
+    QTest::newRow("no change, no restart")
+        << L{"launch", "speaker", "complete", "ready", "touch", "apply"} << int(S::Running)
+        << AppDelegate::statusRunning << off << 1 << "";
+    QTest::newRow("a speaker appearing after an empty search starts the bridge")
+        << L{"launch", "complete", "speaker", "apply"} << int(S::Starting)
+        << AppDelegate::statusStarting << off << 1 << "Info - Speakers found, starting AirConnect";
+    QTest::newRow("changes wait while turned off")
+        << L{"launch", "speaker", "complete", "onoff", "speaker", "apply"} << int(S::Stopped)
+        << AppDelegate::statusStopped << on << 1 << "";
 }
 
 void TestApp::lifecycle()
@@ -211,9 +269,25 @@ void TestApp::lifecycle()
         else if (step == "search")
             post(Notifications::discoveryStarted);
         else if (step == "ready")
-            post(Notifications::serviceReady);
-        else if (step == "exit")
-            m_world->services().stopBridge();
+            post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
+        else if (step == "slow")
+            m_world->slowStop = true;
+        else if (step == "exited")
+            post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->stopped}});
+        else if (step == "crash") { // the bridge ends by itself
+            m_world->running = false;
+            post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
+        }
+        else if (step == "stop")
+            m_app->stopBridge();
+        else if (step == "rename" && m_world->settings->renameDevice(speaker(1).location, "Den"))
+            post(Notifications::deviceSettingsChanged);
+        else if (step == "touch")
+            post(Notifications::deviceSettingsChanged);
+        else if (step == "depart")
+            post(Notifications::deviceDeparted, {{UserInfoKey::location, speaker(1).location}});
+        else if (step == "apply" && m_app->changesPending())
+            m_app->applyChanges();
         else if (step == "onoff")
             m_app->onOffClicked();
         else if (step == "failing")
@@ -292,6 +366,69 @@ void TestApp::idleSleepFollowsTheBridge()
     QCOMPARE(capture.count("Info - Preventing system from idle sleeping"), 2);
     QCOMPARE(capture.count("Info - Allowing user idle sleep again"), 2);
     QCOMPARE(capture.count("Warning - Failed to disable system idle sleep"), 1);
+}
+
+void TestApp::failingBridgeBacksOffThenGivesUp()
+{
+    m_app->setRetryUnit(1);
+    LogCapture capture;
+    for (const char *step : {"launch", "speaker", "complete", "ready"}) {
+        QTest::qWait(0);
+        if (step == QLatin1String("launch"))
+            m_app->applicationDidFinishLaunching();
+        else if (step == QLatin1String("speaker"))
+            discover(1);
+        else if (step == QLatin1String("complete"))
+            post(Notifications::discoveryComplete);
+        else
+            post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
+        settle();
+    }
+    QVERIFY(m_world->watching);
+    for (int failure = 1; failure <= AppDelegate::maxFailures; ++failure) {
+        QCOMPARE(m_world->starts, failure);
+        m_world->running = false;
+        post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
+        settle();
+        if (failure < AppDelegate::maxFailures)
+            CORVEL_WAIT(m_world->starts == failure + 1);
+    }
+    QCOMPARE(titles(), QStringList({AppDelegate::statusStopped, AppDelegate::commandTurnOn}));
+    for (int delay : {2, 4, 8, 16})
+        QCOMPARE(capture.count(
+                     QStringLiteral("Warning - AirConnect ended by itself; restarting it in %1 s")
+                         .arg(delay)),
+                 1);
+    QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped"), 1); // told once
+    QVERIFY(capture.has("Warning - Notice: Corvel stopped - The AirConnect bridge keeps "
+                        "stopping, so Corvel has stopped restarting it. Its last words:\nlast "
+                        "words"));
+}
+
+void TestApp::tellsTheServiceManager()
+{
+    QTemporaryDir dir;
+    const QByteArray path = dir.filePath(QStringLiteral("notify")).toUtf8();
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    QCOMPARE(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    qputenv("NOTIFY_SOCKET", path);
+    m_app->applicationDidFinishLaunching();
+    discover(1);
+    post(Notifications::discoveryComplete);
+    settle();
+    post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
+    settle();
+    qunsetenv("NOTIFY_SOCKET");
+    QStringList messages;
+    char buffer[512];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+        messages << QString::fromUtf8(buffer, int(n));
+    ::close(fd);
+    QCOMPARE(messages, QStringList({"STATUS=Looking For Speakers...", "STATUS=Starting...\nREADY=1",
+                                    "STATUS=Running: 1 speaker offered"}));
 }
 
 void TestApp::speakerCommands()

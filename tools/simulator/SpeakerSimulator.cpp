@@ -169,7 +169,33 @@ bool SpeakerSimulator::start(QString *error)
         });
         m_servers.push_back(server);
     }
+    for (size_t i = 0; i < m_players.size(); ++i)
+        announce(int(i), "ssdp:alive");
     return true;
+}
+
+void SpeakerSimulator::announce(int index, const QByteArray &kind)
+{
+    const SimulatedPlayer &player = m_players[size_t(index)];
+    if (player.fault == SimulatedPlayer::SilentOnSsdp || player.fault == SimulatedPlayer::Router)
+        return;
+    for (const QByteArray &type : {QByteArray("upnp:rootdevice"),
+                                  QByteArray("urn:schemas-upnp-org:device:ZonePlayer:1")}) {
+        QByteArray message = "NOTIFY * HTTP/1.1\r\n"
+                             "HOST: 239.255.255.250:1900\r\n"
+                             "CACHE-CONTROL: max-age = 1800\r\n";
+        if (kind != "ssdp:byebye")
+            message += "LOCATION: " + player.location().toString().toUtf8() + "\r\n";
+        message += "NT: " + type + "\r\nNTS: " + kind +
+                   "\r\n"
+                   "SERVER: Linux UPnP/1.0 Sonos/57.3-81090 (ZPS3)\r\n"
+                   "USN: uuid:" +
+                   player.udn.toUtf8() + "::" + type +
+                   "\r\n"
+                   "X-RINCON-BOOTSEQ: 12\r\n\r\n";
+        m_senders[size_t(index)]->writeDatagram(message, QHostAddress(QStringLiteral("239.255.255.250")),
+                                                1900);
+    }
 }
 
 void SpeakerSimulator::handleSearch()

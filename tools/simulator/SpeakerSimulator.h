@@ -64,8 +64,12 @@ public:
     explicit SpeakerSimulator(std::vector<SimulatedPlayer> players, QObject *parent = nullptr);
     ~SpeakerSimulator() override;
 
-    // Binds every socket; false with *error when one cannot be bound.
+    // Binds every socket and announces every player (ssdp:alive), as players do when they
+    // come up; false with *error when a socket cannot be bound.
     bool start(QString *error);
+    // Multicasts an announcement ("ssdp:alive", "ssdp:update", "ssdp:byebye") for the player,
+    // of its root device and of its ZonePlayer type, as players do.
+    void announce(int player, const QByteArray &kind);
 
     const std::vector<SimulatedPlayer> &players() const { return m_players; }
     std::vector<SimulatedPlayer> &players() { return m_players; }
