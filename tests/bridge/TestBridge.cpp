@@ -253,23 +253,28 @@ void TestBridge::watchdog()
 
 void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
 {
-    // The first bridge takes 300 ms to exit; the second launch follows the sweep, so the
-    // first one's exit arrives while the second runs, and must change nothing of it.
+    // The first bridge takes 300 ms to exit; the restart launches only once it has, and its
+    // exit changes nothing of the newer launch.
     qputenv("FAKE_BRIDGE_TERM_DELAY_MS", "300");
     qputenv("FAKE_BRIDGE_READY_MS", "0");
     AirConnect bridge;
     configure(bridge);
     EventRecorder events(bridgeEvents);
     LogCapture capture;
-    bridge.start({});
+    const std::vector<DeviceSettings> one = {record("uuid:RINCON_A", "Den")};
+    bridge.start(one);
     CORVEL_WAIT(events.names() == QStringList({"serviceStarted", "serviceReady"}));
-    bridge.stop();
-    bridge.start({});
-    CORVEL_WAIT(capture.has("Info AirConnect Terminated (an earlier bridge)"));
+    QVERIFY(!bridge.configDiffers(one) && bridge.configDiffers({}));
+    QVERIFY(bridge.recentOutput().last().contains("adding renderer"));
+    const qint64 first = bridge.process()->processId();
+    bridge.restart({});
+    QVERIFY(capture.has("Info AirConnect Waiting for the previous bridge to exit"));
     CORVEL_WAIT(events.names().size() == 4);
     QCOMPARE(events.names(),
              QStringList({"serviceStarted", "serviceReady", "serviceStarted", "serviceReady"}));
-    QVERIFY(bridge.process() && bridge.isReady());
+    QVERIFY(capture.has("Info AirConnect Terminated (an earlier bridge)"));
+    QVERIFY(::kill(pid_t(first), 0) != 0); // gone before the second was launched
+    QVERIFY(bridge.process() && bridge.isReady() && !bridge.configDiffers({}));
     bridge.shutdown();
 }
 
@@ -280,6 +285,10 @@ void TestBridge::staleSweepEndsOnlySameNamedBridges()
     qint64 stalePid = 0, otherPid = 0;
     QVERIFY(QProcess::startDetached(m_bridge, {}, QString(), &stalePid));
     QVERIFY(QProcess::startDetached(other, {}, QString(), &otherPid));
+    // A bridge whose parent runs this program's executable belongs to a living Corvel.
+    QProcess owned;
+    owned.start(m_bridge);
+    QVERIFY(owned.waitForStarted());
     CORVEL_WAIT(StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
     AirConnect bridge;
     configure(bridge);
@@ -291,6 +300,9 @@ void TestBridge::staleSweepEndsOnlySameNamedBridges()
     QVERIFY(capture.has("Info AirConnect Ended 1 stale bridge process(es)"));
     QVERIFY(!StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
     QVERIFY(StaleBridges::find(QFileInfo(other).fileName()).contains(otherPid));
+    QCOMPARE(owned.state(), QProcess::Running);
+    owned.kill();
+    owned.waitForFinished();
     ::kill(static_cast<pid_t>(otherPid), SIGKILL);
     bridge.shutdown();
 }
