@@ -9,6 +9,8 @@
 #include "SpeakerSimulator.h"
 #include "TestSupport.h"
 
+#include <QProcess>
+
 #include <cmath>
 #include <QJsonDocument>
 
@@ -53,6 +55,7 @@ private slots:
     void playerFaults_data();
     void playerFaults();
     void answerFloodIsBounded();
+    void keepsWatching();
 };
 
 void TestDiscovery::numbers_data()
@@ -319,6 +322,35 @@ void TestDiscovery::answerFloodIsBounded()
     QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.1:21023/"), 1);
     QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.1:21024/"), 0);
     discovery.stopSearching();
+}
+
+void TestDiscovery::keepsWatching()
+{
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    DeviceDiscovery discovery;
+    EventRecorder events(discoveryEvents + QStringList{Notifications::deviceDeparted});
+    LogCapture capture;
+    discovery.startWatching();
+    // Players coming up announce themselves: each is described, with no search.
+    SpeakerSimulator simulator(SpeakerSimulator::household(2, 1));
+    QVERIFY(simulator.start(nullptr));
+    CORVEL_WAIT(events.count("deviceDiscovered") == 2);
+    QCOMPARE(simulator.searchesReceived(), 0);
+    simulator.announce(0, "ssdp:alive"); // nothing new: not described again
+    simulator.announce(1, "ssdp:update");
+    CORVEL_WAIT(events.count("deviceDiscovered") == 3);
+    simulator.announce(0, "ssdp:byebye");
+    CORVEL_WAIT(events.count("deviceDeparted") == 1);
+    QCOMPARE(events.count("deviceDiscovered"), 3);
+    QCOMPARE(events.notifications.last().userInfo.value(UserInfoKey::location).toUrl(),
+             simulator.players()[0].location());
+    // An address appears: a background search finds both, without the search's own events.
+    QCOMPARE(QProcess::execute("ip", {"addr", "add", "127.0.9.9/32", "dev", "lo"}), 0);
+    CORVEL_WAIT(events.count("deviceDiscovered") == 5);
+    QVERIFY(capture.has("Info SSDP Searching again after a network change"));
+    QCOMPARE(events.count("discoveryStarted") + events.count("discoveryComplete"), 0);
+    QVERIFY(!discovery.session());
+    QProcess::execute("ip", {"addr", "del", "127.0.9.9/32", "dev", "lo"}); // searches send from it
 }
 
 QTEST_GUILESS_MAIN(TestDiscovery)

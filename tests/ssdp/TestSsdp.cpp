@@ -32,6 +32,8 @@ private slots:
     void realCaptures_data();
     void realCaptures();
     void searchesOnlyWhereAnswersCanCome();
+    void announcements_data();
+    void announcements();
 };
 
 void TestSsdp::mSearchBytes()
@@ -129,6 +131,39 @@ void TestSsdp::searchesOnlyWhereAnswersCanCome()
     QVERIFY(!SSDPDiscovery::searchesOn(F::IsUp | F::CanMulticast)); // no carrier
     QVERIFY(!SSDPDiscovery::searchesOn(F::IsRunning | F::CanMulticast));
     QVERIFY(!SSDPDiscovery::searchesOn(F::IsUp | F::IsRunning));
+}
+
+
+void TestSsdp::announcements_data()
+{
+    QTest::addColumn<QByteArray>("datagram");
+    QTest::addColumn<QString>("kind"); // NTS, or empty when refused
+    // A real alive, of the player's type rather than its UUID.
+    const QByteArray alive = testData(QStringLiteral("captures/ssdp-notify-alive-uuid-zps12-fw66.4.txt"))
+                                 .replace("NT: uuid:RINCON_949F3E7580FA01400",
+                                          "NT: urn:schemas-upnp-org:device:ZonePlayer:1");
+    QByteArray byebye = QByteArray(alive).replace("ssdp:alive", "ssdp:byebye");
+    byebye.replace("LOCATION: http://192.168.1.51:1400/xml/device_description.xml\r\n", "");
+    QTest::newRow("alive") << alive << "ssdp:alive";
+    QTest::newRow("byebye needs no LOCATION") << byebye << "ssdp:byebye";
+    QTest::newRow("alive without LOCATION")
+        << QByteArray(byebye).replace("ssdp:byebye", "ssdp:alive") << "";
+    QTest::newRow("no NTS") << QByteArray(alive).replace("NTS:", "X-NTS:") << "";
+    QTest::newRow("a search response") << playerResponse << "";
+}
+
+void TestSsdp::announcements()
+{
+    QFETCH(QByteArray, datagram);
+    QFETCH(QString, kind);
+    const auto announcement = SSDPMSearchResponse::parseAnnouncement(datagram, nullptr);
+    QCOMPARE(announcement ? announcement->announcement : QString(), kind);
+    if (!announcement)
+        return;
+    QCOMPARE(announcement->isByeBye(), kind == "ssdp:byebye");
+    QCOMPARE(announcement->searchTarget, QStringLiteral("urn:schemas-upnp-org:device:ZonePlayer:1"));
+    QCOMPARE(announcement->udn(), QStringLiteral("uuid:RINCON_949F3E7580FA01400"));
+    QCOMPARE(announcement->location.isEmpty(), announcement->isByeBye());
 }
 
 QTEST_GUILESS_MAIN(TestSsdp)
