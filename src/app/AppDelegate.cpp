@@ -5,10 +5,10 @@
 #include "BuildConfig.h"
 #include "DeviceDiscovery.h"
 #include "FeedbackWindow.h"
-#include "ServiceManager.h"
 #include "Log.h"
 #include "MainQueue.h"
 #include "Notifications.h"
+#include "ServiceManager.h"
 #include "Settings.h"
 #include "SystemSleep.h"
 
@@ -269,14 +269,14 @@ void AppDelegate::addObservers()
             });
         };
     };
-    m_observers.push_back(center.addObserver(Notifications::serviceStarted,
-                                             hopWith(&AppDelegate::onServiceStarted)));
+    m_observers.push_back(
+        center.addObserver(Notifications::serviceStarted, hopWith(&AppDelegate::onServiceStarted)));
     m_observers.push_back(
         center.addObserver(Notifications::serviceReady, hopWith(&AppDelegate::onServiceReady)));
     m_observers.push_back(center.addObserver(Notifications::serviceTerminated,
                                              hopWith(&AppDelegate::onServiceTerminated)));
-    m_observers.push_back(center.addObserver(Notifications::deviceDeparted,
-                                             [this](const Notification &n) { onDeviceDeparted(n); }));
+    m_observers.push_back(center.addObserver(
+        Notifications::deviceDeparted, [this](const Notification &n) { onDeviceDeparted(n); }));
 }
 
 void AppDelegate::updateDeviceMenuItems()
@@ -477,6 +477,12 @@ void AppDelegate::onDeviceDeparted(const Notification &notification)
 
 void AppDelegate::onDiscoveryComplete()
 {
+    // Turned off and at once on again: the search that ended is not the one running now,
+    // which decides when it completes.
+    if (m_services.searchRunning()) {
+        logInfo(QStringLiteral("Discovery complete, but a newer search runs"));
+        return;
+    }
     if (m_deviceMenuItems.isEmpty()) {
         logWarning(QStringLiteral("Discovery finished with no speakers found"));
         setState(State::NoSpeakers);

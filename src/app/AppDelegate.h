@@ -12,12 +12,12 @@
 
 #include <deque>
 #include <functional>
-#include <QElapsedTimer>
-#include <QTimer>
 #include <QAction>
+#include <QElapsedTimer>
 #include <QMenu>
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 
 class QSystemTrayIcon;
 
@@ -175,11 +175,11 @@ private:
     QTimer m_retryTimer;
     QElapsedTimer m_clock;
     std::deque<qint64> m_failures; // when the bridge ended by itself, on m_clock
-    int m_retries = 0;              // consecutive retries, for the backoff
+    int m_retries = 0;             // consecutive retries, for the backoff
     int m_retryUnitMs = 1000;
     bool m_toldRetrying = false;
     qint64 m_readySince = -1;
-    quint64 m_launch = 0;          // the bridge launch the titles follow
-    bool m_exitExpected = false;   // a stop was asked for: the next exit is no failure
-    bool m_toldReady = false;      // systemd has had READY=1
+    quint64 m_launch = 0;        // the bridge launch the titles follow
+    bool m_exitExpected = false; // a stop was asked for: the next exit is no failure
+    bool m_toldReady = false;    // systemd has had READY=1
 };

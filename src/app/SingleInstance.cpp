@@ -5,10 +5,10 @@
 #include "SpeakerCommands.h"
 
 #include <fcntl.h>
-#include <QFile>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QFile>
 #include <QStandardPaths>
 #include <sys/file.h>
 #include <unistd.h>
@@ -72,7 +72,8 @@ std::optional<SingleInstance::Answer> SingleInstance::ask(const QString &method,
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return std::nullopt;
-    QDBusMessage call = QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, method);
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, method);
     call.setArguments(arguments);
     const QDBusMessage reply = bus.call(call, QDBus::Block, askTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage) {

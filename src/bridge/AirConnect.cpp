@@ -98,7 +98,9 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
                 logInfo(category, QStringLiteral("Ended %1 stale bridge process(es)").arg(stale));
             if (launch != m_launch || !m_launchPending)
                 return;
-            m_afterRetired = [this, path, records] { this->launch(path, records); };
+            m_afterRetired = [this, path, records] {
+                this->launch(path, records);
+            };
             if (m_retired.empty())
                 std::exchange(m_afterRetired, nullptr)();
             else

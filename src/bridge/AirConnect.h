@@ -4,9 +4,9 @@
 
 #include "DeviceSettings.h"
 
+#include <functional>
 #include <QObject>
 #include <QProcess>
-#include <functional>
 #include <QStringList>
 #include <QTimer>
 #include <vector>

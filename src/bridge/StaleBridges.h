@@ -17,9 +17,9 @@ QList<pid_t> find(const QString &executableFileName, const QString &ownerFileNam
 QString ownExecutable();
 
 // Sends SIGTERM to every such process not owned by a living copy of this program (its own
-// bridges included: they are stopped by whoever started them) and calls done(how many were found) once they are gone,
-// or after graceMs, when the rest get SIGKILL. Watches them from the event loop without
-// blocking it; done runs at once when there are none, and never when context goes first.
+// bridges included: they are stopped by whoever started them) and calls done(how many were found)
+// once they are gone, or after graceMs, when the rest get SIGKILL. Watches them from the event loop
+// without blocking it; done runs at once when there are none, and never when context goes first.
 void endAll(const QString &executableFileName, QObject *context, std::function<void(int)> done,
             int graceMs = 2000);
 } // namespace StaleBridges

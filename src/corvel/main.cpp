@@ -177,9 +177,9 @@ int main(int argc, char *argv[])
             answer.status = listSpeakers(app);
             answer.output = SpeakerCommands::formatList(Settings::shared());
         } else if (method == QLatin1String("SetEnabled")) {
-            answer.status = SpeakerCommands::setEnabled(
-                Settings::shared(), arguments.value(0).toString(), arguments.value(1).toBool(),
-                &answer.error);
+            answer.status =
+                SpeakerCommands::setEnabled(Settings::shared(), arguments.value(0).toString(),
+                                            arguments.value(1).toBool(), &answer.error);
         } else {
             answer.status = SpeakerCommands::rename(Settings::shared(), parser.value(renameOption),
                                                     newName, &answer.error);

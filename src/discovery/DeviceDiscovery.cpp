@@ -8,8 +8,8 @@
 #include "Notifications.h"
 
 #include <QNetworkProxy>
-#include <QRegularExpression>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QScopeGuard>
 #include <QTimer>
 
@@ -111,8 +111,8 @@ void DeviceDiscovery::refresh()
     request.delegate = this;
     request.searchTarget = searchTarget();
     QString error;
-    m_refreshSession = SSDPDiscovery::defaultDiscovery().startDiscovery(
-        request, defaultSearchSeconds, &error);
+    m_refreshSession =
+        SSDPDiscovery::defaultDiscovery().startDiscovery(request, defaultSearchSeconds, &error);
     if (!m_refreshSession) {
         logWarning(category, QStringLiteral("No background search: ") + error);
         return;
@@ -144,8 +144,8 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
         heard->second.expires = expiryOf(announcement); // still there, unchanged
         return;
     }
-    logInfo(category, QStringLiteral("Announcement (%1) from %2")
-                          .arg(announcement.announcement, location));
+    logInfo(category,
+            QStringLiteral("Announcement (%1) from %2").arg(announcement.announcement, location));
     describe(announcement);
 }
 

@@ -11,8 +11,8 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <QNetworkAccessManager>
 #include <QDeadlineTimer>
+#include <QNetworkAccessManager>
 #include <QObject>
 #include <QTimer>
 #include <set>

@@ -90,8 +90,8 @@ bool SSDPListener::start(QString *error)
         return false;
     }
     connect(m_socket, &QUdpSocket::readyRead, this, &SSDPListener::readAnnouncements);
-    logInfo(category, QStringLiteral("Listening for announcements on ") +
-                          joined.join(QStringLiteral(", ")));
+    logInfo(category,
+            QStringLiteral("Listening for announcements on ") + joined.join(QStringLiteral(", ")));
     return true;
 }
 

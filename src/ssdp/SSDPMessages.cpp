@@ -111,8 +111,7 @@ std::optional<SSDPMSearchResponse> parseMessage(const QByteArray &datagram, bool
         const QString location = response.header(QStringLiteral("LOCATION")).value_or(QString());
         const QUrl url(location, QUrl::StrictMode);
         if (!url.isValid() || url.scheme() != QLatin1String("http") || url.host().isEmpty())
-            return reject(
-                QStringLiteral("no valid absolute http LOCATION (\"%1\")").arg(location));
+            return reject(QStringLiteral("no valid absolute http LOCATION (\"%1\")").arg(location));
         response.location = url;
     }
 
@@ -133,8 +132,8 @@ std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parse(const QByteArray &
     return parseMessage(datagram, false, reason);
 }
 
-std::optional<SSDPMSearchResponse> SSDPMSearchResponse::parseAnnouncement(const QByteArray &datagram,
-                                                                          QString *reason)
+std::optional<SSDPMSearchResponse>
+SSDPMSearchResponse::parseAnnouncement(const QByteArray &datagram, QString *reason)
 {
     return parseMessage(datagram, true, reason);
 }

@@ -218,11 +218,11 @@ void TestApp::lifecycle_data()
     // The bridge stopped by "off" exits while the search of "on" runs, or after the next
     // launch: either way the newer run's titles stand.
     QTest::newRow("off and on while the bridge stops")
-        << L{"launch", "speaker", "complete", "ready", "slow",     "onoff",
+        << L{"launch", "speaker", "complete", "ready",    "slow", "onoff",
              "onoff",  "exited",  "speaker",  "complete", "ready"}
         << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
     QTest::newRow("an earlier launch exits late")
-        << L{"launch", "speaker", "complete", "ready", "slow",  "onoff",
+        << L{"launch", "speaker", "complete", "ready",  "slow", "onoff",
              "onoff",  "speaker", "complete", "exited", "ready"}
         << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
     QTest::newRow("a bridge ending by itself is restarted")
@@ -277,8 +277,7 @@ void TestApp::lifecycle()
         else if (step == "crash") { // the bridge ends by itself
             m_world->running = false;
             post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
-        }
-        else if (step == "stop")
+        } else if (step == "stop")
             m_app->stopBridge();
         else if (step == "rename" && m_world->settings->renameDevice(speaker(1).location, "Den"))
             post(Notifications::deviceSettingsChanged);

@@ -2,6 +2,10 @@
 // The whole program: build/bin/corvel --headless as a server runs it, against a simulated
 // household answering from this process and the stand-in bridge, in a private network
 // namespace.
+#include "AirConnect.h"
+#include "AppDelegate.h"
+#include "DeviceDiscovery.h"
+#include "FakePlatform.h"
 #include "HeadlessCorvel.h"
 #include "Settings.h"
 #include "SpeakerSimulator.h"
@@ -22,11 +26,31 @@ QByteArray deviceBlock(const char *udn, const char *name, int enabled)
 // corvel --headless with the stand-in bridge under a name only this suite uses.
 struct Corvel : HeadlessCorvel
 {
-    explicit Corvel(const QString &home)
+    explicit Corvel(const QString &home, const QStringList &environment = {})
         : HeadlessCorvel(QStringLiteral(CORVEL), QStringLiteral(FAKE_BRIDGE), home,
-                         QStringLiteral("airupnp-endtoend"))
+                         QStringLiteral("airupnp-endtoend"), environment)
     {
     }
+};
+
+// A session bus of the test's own, on a socket file (abstract sockets belong to the network
+// namespace, which the bus would not share with a desktop anyway).
+struct SessionBus
+{
+    explicit SessionBus(const QString &dir)
+    {
+        daemon.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address",
+                                                     "--address=unix:path=" + dir + "/bus"});
+        if (daemon.waitForReadyRead(5000))
+            address = QString::fromUtf8(daemon.readLine()).trimmed();
+    }
+    ~SessionBus()
+    {
+        daemon.kill();
+        daemon.waitForFinished();
+    }
+    QProcess daemon;
+    QString address;
 };
 } // namespace
 
@@ -38,6 +62,9 @@ private slots:
     void initTestCase() { CORVEL_REQUIRE_PRIVATE_NETWORK(); }
     void headlessLifecycle();
     void killedCorvelTakesItsBridgeAndKeepsItsSettings();
+    void keepsWatchingAndAppliesChangesAtOnce();
+    void restartsABridgeThatEnds();
+    void offAndOnWhileTheBridgeStops();
 };
 
 void TestEndToEnd::headlessLifecycle()
@@ -96,5 +123,82 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
     }
 }
 
-QTEST_GUILESS_MAIN(TestEndToEnd)
+void TestEndToEnd::keepsWatchingAndAppliesChangesAtOnce()
+{
+    QTemporaryDir home;
+    SessionBus bus(home.path());
+    QVERIFY2(!bus.address.isEmpty(), "dbus-daemon did not start");
+    Corvel corvel(home.path(), {"DBUS_SESSION_BUS_ADDRESS=" + bus.address});
+    QVERIFY(corvel.waitFor("Discovery finished with no speakers found"));
+    // The speakers come up after Corvel and announce themselves.
+    SpeakerSimulator simulator(SpeakerSimulator::household(3, 2));
+    QVERIFY(simulator.start(nullptr));
+    QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
+    QVERIFY(corvel.bridgeRecord("config.xml")
+                .contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 1)));
+    // A command goes to the running Corvel, which restarts the bridge with the change.
+    QByteArray out;
+    QCOMPARE(corvel.run({"--disable", "Kitchen - PLAY:3"}, &out), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        corvel.bridgeRecord("config.xml")
+            .contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 0)),
+        10000);
+    QVERIFY(corvel.output.contains("Speakers changed, restarting AirConnect"));
+    QCOMPARE(corvel.run({"--list"}, &out), 0);
+    QVERIFY2(out.contains("found      disabled  \"Kitchen - PLAY:3\""), out.constData());
+    // A second start leaves the first one, and its bridge, alone.
+    const pid_t bridge = corvel.bridgeRecord("pid").toInt();
+    QCOMPARE(corvel.run({"--headless"}, &out), 0);
+    QVERIFY(out.contains("Corvel is already running."));
+    QVERIFY(corvel.waitFor("Another copy of Corvel was started"));
+    QCOMPARE(::kill(bridge, 0), 0);
+    QVERIFY(corvel.end(SIGTERM));
+}
+
+void TestEndToEnd::restartsABridgeThatEnds()
+{
+    QTemporaryDir home;
+    SpeakerSimulator simulator(SpeakerSimulator::household(1, 1));
+    QVERIFY(simulator.start(nullptr));
+    Corvel corvel(home.path(), {"FAKE_BRIDGE_EXIT_MS=500", "FAKE_BRIDGE_EXIT_CODE=1"});
+    QVERIFY(corvel.waitFor("AirConnect ended by itself; restarting it in 2 s"));
+    QVERIFY(corvel.waitFor("Notice: AirConnect bridge stopped"));
+    QVERIFY(corvel.waitFor("restarting it in 4 s"));
+    QCOMPARE(corvel.output.count("Restarting AirConnect"), 1);
+}
+
+void TestEndToEnd::offAndOnWhileTheBridgeStops()
+{
+    // In this process, with the real services: turned off and at once on again while the
+    // bridge takes 3 s to stop, which ends during the new search.
+    QTemporaryDir home;
+    SpeakerSimulator simulator(SpeakerSimulator::household(1, 1));
+    QVERIFY(simulator.start(nullptr));
+    const QString bridge = home.filePath(QStringLiteral("airupnp-endtoend-inprocess"));
+    QVERIFY(QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge));
+    qputenv("CORVEL_BRIDGE", bridge.toUtf8());
+    qputenv("FAKE_BRIDGE_READY_MS", "100");
+    qputenv("FAKE_BRIDGE_TERM_DELAY_MS", "3000");
+    Settings::replaceShared(Settings::load(std::make_unique<MemorySettingsStorage>()));
+    DeviceDiscovery discovery;
+    AirConnect airConnect;
+    airConnect.setConfigPath(home.filePath(QStringLiteral("airupnp.xml")));
+    FakePlatform platform;
+    AppDelegate app(AppServices::real(), platform.platform(), false);
+    QStringList titles;
+    connect(app.firstMenuItem(), &QAction::changed, this,
+            [&] { titles << app.firstMenuItem()->text(); });
+    app.applicationDidFinishLaunching();
+    QTRY_VERIFY_WITH_TIMEOUT(app.state() == AppDelegate::State::Running, 20000);
+    titles.clear();
+    app.onOffClicked();
+    app.onOffClicked();
+    QTRY_VERIFY_WITH_TIMEOUT(app.state() == AppDelegate::State::Running, 25000);
+    QCOMPARE(app.onOffMenuItem()->text(), AppDelegate::commandTurnOff);
+    QCOMPARE(titles, QStringList({AppDelegate::statusOff, AppDelegate::statusSearching,
+                                  AppDelegate::statusStarting, AppDelegate::statusRunning}));
+    app.applicationWillTerminate();
+}
+
+QTEST_MAIN(TestEndToEnd)
 #include "TestEndToEnd.moc"

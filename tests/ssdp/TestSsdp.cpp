@@ -133,15 +133,15 @@ void TestSsdp::searchesOnlyWhereAnswersCanCome()
     QVERIFY(!SSDPDiscovery::searchesOn(F::IsUp | F::IsRunning));
 }
 
-
 void TestSsdp::announcements_data()
 {
     QTest::addColumn<QByteArray>("datagram");
     QTest::addColumn<QString>("kind"); // NTS, or empty when refused
     // A real alive, of the player's type rather than its UUID.
-    const QByteArray alive = testData(QStringLiteral("captures/ssdp-notify-alive-uuid-zps12-fw66.4.txt"))
-                                 .replace("NT: uuid:RINCON_949F3E7580FA01400",
-                                          "NT: urn:schemas-upnp-org:device:ZonePlayer:1");
+    const QByteArray alive =
+        testData(QStringLiteral("captures/ssdp-notify-alive-uuid-zps12-fw66.4.txt"))
+            .replace("NT: uuid:RINCON_949F3E7580FA01400",
+                     "NT: urn:schemas-upnp-org:device:ZonePlayer:1");
     QByteArray byebye = QByteArray(alive).replace("ssdp:alive", "ssdp:byebye");
     byebye.replace("LOCATION: http://192.168.1.51:1400/xml/device_description.xml\r\n", "");
     QTest::newRow("alive") << alive << "ssdp:alive";
@@ -161,7 +161,8 @@ void TestSsdp::announcements()
     if (!announcement)
         return;
     QCOMPARE(announcement->isByeBye(), kind == "ssdp:byebye");
-    QCOMPARE(announcement->searchTarget, QStringLiteral("urn:schemas-upnp-org:device:ZonePlayer:1"));
+    QCOMPARE(announcement->searchTarget,
+             QStringLiteral("urn:schemas-upnp-org:device:ZonePlayer:1"));
     QCOMPARE(announcement->udn(), QStringLiteral("uuid:RINCON_949F3E7580FA01400"));
     QCOMPARE(announcement->location.isEmpty(), announcement->isByeBye());
 }

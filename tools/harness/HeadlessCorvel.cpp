@@ -8,7 +8,8 @@
 #include <QTimer>
 
 HeadlessCorvel::HeadlessCorvel(const QString &corvel, const QString &fakeBridge,
-                               const QString &home, const QString &bridgeName)
+                               const QString &home, const QString &bridgeName,
+                               const QStringList &environment)
     : m_record(home + QStringLiteral("/record"))
 {
     QDir().mkpath(m_record);
@@ -23,6 +24,8 @@ HeadlessCorvel::HeadlessCorvel(const QString &corvel, const QString &fakeBridge,
     env.insert(QStringLiteral("FAKE_BRIDGE_RECORD_DIR"), m_record);
     env.insert(QStringLiteral("FAKE_BRIDGE_READY_MS"), QStringLiteral("100"));
     env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+    for (const QString &entry : environment)
+        env.insert(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1));
     m_process.setProcessEnvironment(env);
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     QObject::connect(&m_process, &QProcess::readyRead, [this] { output += m_process.readAll(); });
@@ -60,4 +63,27 @@ bool HeadlessCorvel::end(int signal)
         return false;
     output += m_process.readAll();
     return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+}
+
+int HeadlessCorvel::run(const QStringList &arguments, QByteArray *out)
+{
+    QProcess command;
+    command.setProcessEnvironment(m_process.processEnvironment());
+    command.setProcessChannelMode(QProcess::MergedChannels);
+    command.start(m_process.program(), arguments);
+    // The running Corvel answers from this loop's neighbour process; wait without blocking
+    // this process's own servers.
+    QDeadlineTimer deadline(20000);
+    while (command.state() != QProcess::NotRunning && !deadline.hasExpired()) {
+        QEventLoop loop;
+        QTimer::singleShot(20, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    if (command.state() != QProcess::NotRunning) {
+        command.kill();
+        command.waitForFinished();
+        return -1;
+    }
+    *out = command.readAll();
+    return command.exitStatus() == QProcess::NormalExit ? command.exitCode() : -1;
 }

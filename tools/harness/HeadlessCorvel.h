@@ -10,8 +10,10 @@
 class HeadlessCorvel
 {
 public:
+    // environment: "NAME=value" entries on top of the ones set here (a session bus, say;
+    // by default Corvel has none).
     HeadlessCorvel(const QString &corvel, const QString &fakeBridge, const QString &home,
-                   const QString &bridgeName);
+                   const QString &bridgeName, const QStringList &environment = {});
     ~HeadlessCorvel();
 
     // Serves the event loop (servers in this process keep answering) until the output holds
@@ -22,6 +24,10 @@ public:
     qint64 pid() const { return m_process.processId(); }
     // Sends signal and waits for the exit; true when Corvel exited normally with 0.
     bool end(int signal);
+
+    // Runs corvel with arguments (a speaker command, a second start) in Corvel's environment;
+    // its exit code, with what it wrote in *output.
+    int run(const QStringList &arguments, QByteArray *output);
 
     QByteArray output; // everything Corvel wrote, standard output and error merged
 

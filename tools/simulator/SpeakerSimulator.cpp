@@ -179,8 +179,8 @@ void SpeakerSimulator::announce(int index, const QByteArray &kind)
     const SimulatedPlayer &player = m_players[size_t(index)];
     if (player.fault == SimulatedPlayer::SilentOnSsdp || player.fault == SimulatedPlayer::Router)
         return;
-    for (const QByteArray &type : {QByteArray("upnp:rootdevice"),
-                                  QByteArray("urn:schemas-upnp-org:device:ZonePlayer:1")}) {
+    for (const QByteArray &type :
+         {QByteArray("upnp:rootdevice"), QByteArray("urn:schemas-upnp-org:device:ZonePlayer:1")}) {
         QByteArray message = "NOTIFY * HTTP/1.1\r\n"
                              "HOST: 239.255.255.250:1900\r\n"
                              "CACHE-CONTROL: max-age = 1800\r\n";
@@ -193,8 +193,8 @@ void SpeakerSimulator::announce(int index, const QByteArray &kind)
                    player.udn.toUtf8() + "::" + type +
                    "\r\n"
                    "X-RINCON-BOOTSEQ: 12\r\n\r\n";
-        m_senders[size_t(index)]->writeDatagram(message, QHostAddress(QStringLiteral("239.255.255.250")),
-                                                1900);
+        m_senders[size_t(index)]->writeDatagram(
+            message, QHostAddress(QStringLiteral("239.255.255.250")), 1900);
     }
 }
 

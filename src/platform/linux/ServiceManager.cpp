@@ -20,9 +20,9 @@ bool notifyServiceManager(const QByteArray &message)
     if (fd < 0)
         return false;
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    const bool sent = ::sendto(fd, message.constData(), static_cast<size_t>(message.size()),
-                               MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
-                               length) == message.size();
+    const bool sent =
+        ::sendto(fd, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr *>(&address), length) == message.size();
     ::close(fd);
     return sent;
 }
