@@ -185,6 +185,9 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
     logInfo(category, QStringLiteral("searchForDevices"));
     m_answersThisSearch = 0;
     m_described.clear();
+    // Every speaker counts as not found until it answers, so its next announcement is
+    // worth describing even if it misses this search.
+    m_heard.clear();
     m_refreshSession.reset(); // this search finds what the background one would
 
     SSDPMSearchRequest request;
