@@ -180,6 +180,9 @@ void AppDelegate::reportToServiceManager()
                      .arg(offered)
                      .arg(offered == 1 ? QString() : QStringLiteral("s"));
     }
+    if (status == m_reportedStatus && m_toldReady)
+        return;
+    m_reportedStatus = status;
     QByteArray message = "STATUS=" + status.toUtf8();
     // Ready once the first search is over, whatever it found: the service is doing its job.
     if (!m_toldReady && m_state != State::StartingUp && m_state != State::Searching) {

@@ -182,4 +182,5 @@ private:
     quint64 m_launch = 0;        // the bridge launch the titles follow
     bool m_exitExpected = false; // a stop was asked for: the next exit is no failure
     bool m_toldReady = false;    // systemd has had READY=1
+    QString m_reportedStatus;    // the STATUS systemd has
 };

@@ -35,34 +35,31 @@ SingleInstance::~SingleInstance()
 
 SingleInstance::Claim SingleInstance::claim()
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected()) {
-        const auto reply = bus.interface()->registerService(
-            serviceName, QDBusConnectionInterface::DontQueueService,
-            QDBusConnectionInterface::DontAllowReplacement);
-        if (reply.isValid() && reply.value() == QDBusConnectionInterface::ServiceRegistered) {
-            m_ownsName = true;
-            bus.registerObject(objectPath, this, QDBusConnection::ExportAllSlots);
-            return Claim::Owned;
-        }
-        if (reply.isValid())
-            return Claim::OtherRunning;
-        logWarning(QStringLiteral("Cannot own the bus name %1: %2")
-                       .arg(serviceName, reply.error().message()));
-    }
-    // No session bus: a lock file, held as long as this process lives.
+    // The lock in the runtime folder decides, bus or no bus; the bus name is how the other
+    // copies reach this one.
     const QString path = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation) +
                          QStringLiteral("/corvel.lock");
     m_lock = ::open(QFile::encodeName(path).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (m_lock < 0) {
+    if (m_lock < 0)
         logWarning(QStringLiteral("Cannot open %1; another Corvel may run as well").arg(path));
+    else if (::flock(m_lock, LOCK_EX | LOCK_NB) != 0)
+        return Claim::OtherRunning;
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return Claim::Owned;
+    const auto reply = bus.interface()->registerService(
+        serviceName, QDBusConnectionInterface::DontQueueService,
+        QDBusConnectionInterface::DontAllowReplacement);
+    if (reply.isValid() && reply.value() == QDBusConnectionInterface::ServiceRegistered) {
+        m_ownsName = true;
+        bus.registerObject(objectPath, this, QDBusConnection::ExportAllSlots);
         return Claim::Owned;
     }
-    if (::flock(m_lock, LOCK_EX | LOCK_NB) != 0) {
-        ::close(m_lock);
-        m_lock = -1;
-        return Claim::OtherRunning;
-    }
+    if (reply.isValid())
+        return Claim::OtherRunning; // a copy with another runtime folder, on this bus
+    logWarning(QStringLiteral("Cannot own the bus name %1: %2")
+                   .arg(serviceName, reply.error().message()));
     return Claim::Owned;
 }
 

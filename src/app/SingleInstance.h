@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// One Corvel per user: the running copy owns the session-bus name org.corvel.Corvel (with no
-// session bus, a lock in the runtime folder) and answers the other copies: a second start
+// One Corvel per user: the running copy holds a lock in the runtime folder and owns the
+// session-bus name org.corvel.Corvel, on which it answers the other copies: a second start
 // shows its preferences, and the speaker commands change its settings, which apply at once.
 #pragma once
 
@@ -26,7 +26,7 @@ public:
     SingleInstance(Settings &settings, std::function<void()> show, QObject *parent = nullptr);
     ~SingleInstance() override;
 
-    // Takes the name (or the lock) for this process; OtherRunning when another copy has it.
+    // Takes the lock and the name for this process; OtherRunning when another copy has them.
     Claim claim();
 
     // What another copy answered to a command, when one runs.
