@@ -48,9 +48,9 @@ SingleInstance::Claim SingleInstance::claim()
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return Claim::Owned;
-    const auto reply = bus.interface()->registerService(
-        serviceName, QDBusConnectionInterface::DontQueueService,
-        QDBusConnectionInterface::DontAllowReplacement);
+    const auto reply =
+        bus.interface()->registerService(serviceName, QDBusConnectionInterface::DontQueueService,
+                                         QDBusConnectionInterface::DontAllowReplacement);
     if (reply.isValid() && reply.value() == QDBusConnectionInterface::ServiceRegistered) {
         m_ownsName = true;
         bus.registerObject(objectPath, this, QDBusConnection::ExportAllSlots);
@@ -58,8 +58,8 @@ SingleInstance::Claim SingleInstance::claim()
     }
     if (reply.isValid())
         return Claim::OtherRunning; // a copy with another runtime folder, on this bus
-    logWarning(QStringLiteral("Cannot own the bus name %1: %2")
-                   .arg(serviceName, reply.error().message()));
+    logWarning(
+        QStringLiteral("Cannot own the bus name %1: %2").arg(serviceName, reply.error().message()));
     return Claim::Owned;
 }
 
