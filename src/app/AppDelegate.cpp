@@ -34,7 +34,7 @@ AppDelegate::AppDelegate(Services services, Platform platform, bool withTray, QO
     m_onOffMenuItem = m_statusMenu.addAction(commandTurnOn, this, &AppDelegate::onOffClicked);
     m_statusMenu.addSeparator();
     m_statusMenu.addAction(tr("Speakers"))->setEnabled(false);
-    m_statusMenu.addSeparator();
+    m_speakersEnd = m_statusMenu.addSeparator();
     m_statusMenu.addAction(tr("Preferences…"), this, &AppDelegate::preferencesClicked);
     m_statusMenu.addAction(tr("About Corvel"), this, &AppDelegate::aboutClicked);
     m_statusMenu.addAction(tr("Send Feedback…"), this, &AppDelegate::feedbackClicked);
@@ -284,17 +284,50 @@ void AppDelegate::addObservers()
 
 void AppDelegate::updateDeviceMenuItems()
 {
-    for (QAction *item : std::as_const(m_deviceMenuItems)) {
-        m_statusMenu.removeAction(item);
-        item->deleteLater();
+    // One item per active speaker, in location order, kept from one update to the next: only
+    // new items are inserted and only departed ones removed, so a search of N speakers costs
+    // O(N) per update, not a menu rebuilt from scratch.
+    QList<QAction *> items;
+    QHash<QString, QAction *> byLocation;
+    QList<std::pair<QAction *, int>> added; // with their place in items
+    for (const auto &[location, record] : m_services.settings().devices) {
+        if (!record.active)
+            continue;
+        QAction *item = m_menuItemByLocation.take(location.text);
+        if (!item) {
+            item = makeDeviceMenuItem(record);
+            added.append({item, int(items.size())});
+        } else {
+            if (item->text() != record.name)
+                item->setText(record.name);
+            item->setChecked(record.enabled);
+        }
+        byLocation.insert(location.text, item);
+        items.append(item);
     }
-    m_deviceMenuItems.clear();
-    const DeviceMap active = m_services.settings().activeDevices();
-    for (const auto &entry : active)
-        m_deviceMenuItems.append(makeDeviceMenuItem(entry.second));
-    const QList<QAction *> actions = m_statusMenu.actions();
-    QAction *before = actions.value(firstDeviceMenuIndex);
-    m_statusMenu.insertActions(before, m_deviceMenuItems);
+    for (QAction *gone : std::as_const(m_menuItemByLocation)) {
+        m_statusMenu.removeAction(gone);
+        gone->deleteLater();
+    }
+    m_menuItemByLocation = std::move(byLocation);
+    // The kept items are in order already; each new one goes before its successor.
+    for (auto it = added.crbegin(); it != added.crend(); ++it)
+        m_statusMenu.insertAction(items.value(it->second + 1, m_speakersEnd), it->first);
+    m_deviceMenuItems = std::move(items);
+}
+
+void AppDelegate::scheduleMenuUpdate()
+{
+    // Speakers found in one burst cost one update.
+    if (std::exchange(m_menuUpdatePending, true))
+        return;
+    QPointer<AppDelegate> self(this);
+    mainQueueAsync([self] {
+        if (!self)
+            return;
+        self->m_menuUpdatePending = false;
+        self->updateDeviceMenuItems();
+    });
 }
 
 QAction *AppDelegate::makeDeviceMenuItem(const DeviceSettings &record)
@@ -462,11 +495,10 @@ void AppDelegate::onDeviceDiscovered(const Notification &notification)
     m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second);
     QPointer<AppDelegate> self(this);
     mainQueueAsync([self] {
-        if (self) {
-            self->updateDeviceMenuItems();
+        if (self)
             self->scheduleApply();
-        }
     });
+    scheduleMenuUpdate();
 }
 
 void AppDelegate::onDeviceDeparted(const Notification &notification)

@@ -14,6 +14,7 @@
 #include <functional>
 #include <QAction>
 #include <QElapsedTimer>
+#include <QHash>
 #include <QMenu>
 #include <QObject>
 #include <QPointer>
@@ -78,8 +79,10 @@ public:
     bool onOffTurnsOn() const { return m_onOffTurnsOn; }
     static QString statusTitle(State state);
 
-    // Rebuilds the speaker items from the active speakers, in location order.
+    // Brings the speaker items in line with the active speakers, in location order.
     void updateDeviceMenuItems();
+    // The same, once, on the next turn of the event loop.
+    void scheduleMenuUpdate();
     QAction *makeDeviceMenuItem(const DeviceSettings &record);
     // Brings a visible preferences window to the front when the menu opens.
     void menuWillOpen();
@@ -167,6 +170,9 @@ private:
     QAction *m_onOffMenuItem = nullptr;
     QSystemTrayIcon *m_statusItem = nullptr;
     QList<QAction *> m_deviceMenuItems;
+    QHash<QString, QAction *> m_menuItemByLocation;
+    QAction *m_speakersEnd = nullptr; // the separator after the speaker items
+    bool m_menuUpdatePending = false;
     QPointer<QWidget> m_preferencesWindow;
     std::function<QWidget *()> m_windowFactory;
     std::vector<NotificationCenter::Token> m_observers;

@@ -29,8 +29,8 @@ std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
 {
     for (const auto &entry : settings.devices) {
         if (absoluteString(entry.first) == locationOrName ||
-            entry.first.toString() == locationOrName)
-            return entry.first;
+            entry.first.url.toString() == locationOrName)
+            return entry.first.url;
     }
     std::optional<QUrl> found;
     for (const auto &[location, record] : settings.devices) {

@@ -166,24 +166,32 @@ DeviceTopology DescriptionParser::ownGroup(const QString &udnKey)
 
 DeviceTopology DescriptionParser::parseTopology(const QByteArray &body, const QString &udnKey)
 {
+    return topologyFor(parseTopologyTable(body), udnKey);
+}
+
+DescriptionParser::TopologyTable DescriptionParser::parseTopologyTable(const QByteArray &body)
+{
     pugi::xml_document document;
     load(document, body);
-    const QByteArray key = udnKey.toUtf8();
+    TopologyTable table;
     for (const pugi::xml_node &entry :
          document.child("ZPSupportInfo").child("ZonePlayers").children()) {
         if (entry.type() != pugi::node_element)
             continue;
         const pugi::xml_attribute uuid = entry.attribute("uuid");
-        if (!uuid || key != uuid.value())
-            continue;
         const pugi::xml_attribute coordinator = entry.attribute("coordinator");
         const QByteArray flag = coordinator ? QByteArray(coordinator.value()) : QByteArray();
-        if (flag != "true" && flag != "false")
-            continue;
         const pugi::xml_attribute group = entry.attribute("group");
-        if (!group)
+        if (!uuid || (flag != "true" && flag != "false") || !group)
             continue;
-        return DeviceTopology{flag == "true", QString::fromUtf8(group.value())};
+        table.emplace(QString::fromUtf8(uuid.value()),
+                      DeviceTopology{flag == "true", QString::fromUtf8(group.value())});
     }
-    return ownGroup(udnKey);
+    return table;
+}
+
+DeviceTopology DescriptionParser::topologyFor(const TopologyTable &table, const QString &udnKey)
+{
+    const auto found = table.find(udnKey);
+    return found != table.end() ? found->second : ownGroup(udnKey);
 }

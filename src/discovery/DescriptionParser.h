@@ -3,6 +3,8 @@
 // whatever elements could be read are used.
 #pragma once
 
+#include <unordered_map>
+
 #include "DeviceInfo.h"
 
 #include <QByteArray>
@@ -24,6 +26,12 @@ QString udnKey(const DeviceInfo &info);
 // The player's group from /ZPSupportInfo/ZonePlayers: the first entry for udnKey with a
 // usable coordinator and group; without one, the coordinator of a group of its own.
 DeviceTopology parseTopology(const QByteArray &body, const QString &udnKey);
+// Every usable player entry of a topology document by its uuid (the first one of a uuid):
+// one parse serves every player of a household, whose documents are the same.
+using TopologyTable = std::unordered_map<QString, DeviceTopology>;
+TopologyTable parseTopologyTable(const QByteArray &body);
+// The entry for udnKey, or the player's own group when there is none.
+DeviceTopology topologyFor(const TopologyTable &table, const QString &udnKey);
 // The topology of a player whose zone topology could not be fetched.
 DeviceTopology ownGroup(const QString &udnKey);
 } // namespace DescriptionParser

@@ -119,6 +119,7 @@ void DeviceDiscovery::refresh()
     }
     m_answersThisSearch = 0;
     m_described.clear();
+    m_topologies.clear();
 }
 
 void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement)
@@ -185,6 +186,7 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
     logInfo(category, QStringLiteral("searchForDevices"));
     m_answersThisSearch = 0;
     m_described.clear();
+    m_topologies.clear();
     // Every speaker counts as not found until it answers, so its next announcement is
     // worth describing even if it misses this search.
     m_heard.clear();
@@ -242,6 +244,19 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
     if (m_described.count(location))
         return;
     describe(response);
+}
+
+const DescriptionParser::TopologyTable &DeviceDiscovery::topologyTable(const QByteArray &body)
+{
+    // Every player of a household serves the same document: it is parsed once per search.
+    for (const auto &[seen, table] : m_topologies) {
+        if (seen == body)
+            return table;
+    }
+    if (m_topologies.size() >= maxTopologiesKept)
+        m_topologies.pop_front();
+    m_topologies.emplace_back(body, DescriptionParser::parseTopologyTable(body));
+    return m_topologies.back().second;
 }
 
 void DeviceDiscovery::describe(const SSDPMSearchResponse &response)
@@ -369,7 +384,7 @@ void DeviceDiscovery::fetchDeviceInfo(const SSDPMSearchResponse &response)
                              absoluteString(topologyUrl));
                     topology = DescriptionParser::ownGroup(key);
                 } else {
-                    topology = DescriptionParser::parseTopology(topologyBody, key);
+                    topology = DescriptionParser::topologyFor(topologyTable(topologyBody), key);
                 }
                 handleDeviceResult(std::nullopt, info, topology, response);
             });

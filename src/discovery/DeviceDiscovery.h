@@ -3,6 +3,7 @@
 // that fetches the player's description and zone topology and announces the player.
 #pragma once
 
+#include "DescriptionParser.h"
 #include "DeviceInfo.h"
 #include "SSDPDiscovery.h"
 #include "SSDPListener.h"
@@ -97,7 +98,7 @@ public:
     // The running search, or null.
     SSDPDiscoverySession *session() const { return m_session.get(); }
     // Every player described since the program started, by location.
-    const std::map<QUrl, DeviceInfo, LocationOrder> &devices() const { return m_devices; }
+    const std::map<LocationKey, DeviceInfo> &devices() const { return m_devices; }
 
     // How long each HTTP transfer may take in all; 60 seconds unless a test shortens it.
     void setTransferTimeout(int ms) { m_transferTimeoutMs = ms; }
@@ -114,6 +115,9 @@ private:
     // GETs url and completes with (error, body); the body is empty with an error.
     void fetchXML(const QUrl &url, XmlCompletion completion);
     void fetchDeviceInfo(const SSDPMSearchResponse &response);
+    // The parsed form of a topology document, parsed only when this search has not seen it.
+    const DescriptionParser::TopologyTable &topologyTable(const QByteArray &body);
+    static constexpr size_t maxTopologiesKept = 4;
     // Queues a pipeline for the player, unless one for its location is queued or running.
     void describe(const SSDPMSearchResponse &response);
     // Starts waiting pipelines while there is room.
@@ -139,10 +143,11 @@ private:
     std::map<QString, Heard> m_heard;
     std::set<QString> m_pipelines; // locations queued or being described
     std::set<QString> m_described; // locations described in the current search
+    std::deque<std::pair<QByteArray, DescriptionParser::TopologyTable>> m_topologies;
     SSDPListener m_listener;
     QTimer m_refreshTimer;
     bool m_watching = false;
-    std::map<QUrl, DeviceInfo, LocationOrder> m_devices;
+    std::map<LocationKey, DeviceInfo> m_devices;
     int m_transferTimeoutMs = defaultTransferTimeoutMs;
     std::deque<SSDPMSearchResponse> m_waiting;
     int m_inFlight = 0;

@@ -91,7 +91,15 @@ void ViewController::viewWillAppear()
         v->reloadData();
         v->updateSpinner();
     });
-    observe(Notifications::deviceDiscovered, [](ViewController *v) { v->reloadData(); });
+    // Speakers found in one burst cost one reload.
+    observe(Notifications::deviceDiscovered, [](ViewController *v) {
+        if (std::exchange(v->m_reloadPending, true))
+            return;
+        mainQueueAsync([self = QPointer<ViewController>(v)] {
+            if (self && std::exchange(self->m_reloadPending, false))
+                self->reloadData();
+        });
+    });
     // After a search that found nothing, the button offers to search again at once.
     observe(Notifications::discoveryComplete, buttonAndSpinner);
     observe(Notifications::serviceStarted, buttonAndSpinner);

@@ -65,6 +65,7 @@ private:
     Platform m_platform;
     std::unique_ptr<Ui::ViewController> m_ui;
     std::vector<NotificationCenter::Token> m_listeners;
+    bool m_reloadPending = false;
     bool m_canStop = false;
     QNetworkAccessManager m_network;
     // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a

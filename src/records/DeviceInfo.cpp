@@ -177,10 +177,7 @@ bool DeviceInfo::operator==(const DeviceInfo &other) const
     return toJson() == other.toJson();
 }
 
-bool LocationOrder::operator()(const QUrl &a, const QUrl &b) const
-{
-    return absoluteString(a) < absoluteString(b);
-}
+LocationKey::LocationKey(const QUrl &location) : url(location), text(absoluteString(location)) {}
 
 QJsonObject DeviceTopology::toJson() const
 {

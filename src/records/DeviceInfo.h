@@ -107,11 +107,18 @@ struct DeviceTopology
     static std::optional<DeviceTopology> fromJson(const QJsonObject &object, QString *error);
 };
 
-// Orders locations by their text, so menus, the window and the bridge configuration list
-// speakers in one stable order.
-struct LocationOrder
+// A location as a map key: the URL with its text, made once. Keys order by the text, so
+// menus, the window and the bridge configuration list speakers in one stable order, and a
+// comparison costs no conversion of URLs to text.
+struct LocationKey
 {
-    bool operator()(const QUrl &a, const QUrl &b) const;
+    LocationKey(const QUrl &location); // implicit: every QUrl names a key
+    operator const QUrl &() const { return url; }
+    bool operator<(const LocationKey &other) const { return text < other.text; }
+    bool operator==(const LocationKey &other) const { return text == other.text; }
+
+    QUrl url;
+    QString text; // absoluteString(url)
 };
 
 Q_DECLARE_METATYPE(DeviceInfo)

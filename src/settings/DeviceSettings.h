@@ -30,4 +30,4 @@ constexpr int maxSpeakerNameBytes = 50;
 // Why name cannot be a speaker's name, for the user; nothing when it can.
 std::optional<QString> speakerNameProblem(const QString &name);
 
-using DeviceMap = std::map<QUrl, DeviceSettings, LocationOrder>;
+using DeviceMap = std::map<LocationKey, DeviceSettings>;

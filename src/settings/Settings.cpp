@@ -292,7 +292,7 @@ DeviceMap::iterator Settings::findByUdn(const std::optional<QString> &udn, const
     if (!udn || udn->isEmpty())
         return devices.end();
     return std::find_if(devices.begin(), devices.end(), [&](const auto &entry) {
-        return entry.second.info.udn == udn && entry.first != except;
+        return entry.second.info.udn == udn && entry.first.url != except;
     });
 }
 

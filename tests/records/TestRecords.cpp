@@ -134,9 +134,8 @@ void TestRecords::topologyAndLocationOrder()
     const DeviceTopology topology{false, QStringLiteral("RINCON_1:5")};
     const auto read = DeviceTopology::fromJson(topology.toJson(), nullptr);
     QVERIFY(read && !read->coordinator && read->group == topology.group);
-    const LocationOrder less;
-    QVERIFY(less(QUrl(QStringLiteral("http://127.0.1.10/")), QUrl("http://127.0.1.2/")));
-    QVERIFY(!less(QUrl(QStringLiteral("http://a/")), QUrl(QStringLiteral("http://a/"))));
+    QVERIFY(LocationKey(QUrl("http://127.0.1.10/")) < QUrl("http://127.0.1.2/"));
+    QVERIFY(!(LocationKey(QUrl("http://a/")) < QUrl("http://a/")));
 }
 
 QTEST_GUILESS_MAIN(TestRecords)
