@@ -143,8 +143,10 @@ int main(int argc, char *argv[])
             Settings::replaceShared(Settings::load(std::make_unique<MemorySettingsStorage>()));
             DeviceDiscovery discovery;
             AppServices services = AppServices::real();
-            services.startBridge = [](const std::vector<DeviceSettings> &) {};
-            services.watch = [](bool) {};
+            services.startBridge = [](const std::vector<DeviceSettings> &) {
+            };
+            services.watch = [](bool) {
+            };
             const Platform platform = Platform::system();
             AppDelegate delegate(services, platform, false);
             std::unique_ptr<ViewController> preferences;
@@ -185,7 +187,7 @@ int main(int argc, char *argv[])
     simulator.waitForFinished();
     const double f = percentile(floor, 0.5), h = percentile(headless, 0.5),
                  w = percentile(window, 0.5);
-    std::printf("| %d | %.0f ms | %.0f ms (%.2f×) | %.0f ms (%.2f×) | %.2f ms | %.1f |\n",
-                players, f, h, h / f, w, w / f, percentile(cpuPerPlayer, 0.5), peakMiB());
+    std::printf("| %d | %.0f ms | %.0f ms (%.2f×) | %.0f ms (%.2f×) | %.2f ms | %.1f |\n", players,
+                f, h, h / f, w, w / f, percentile(cpuPerPlayer, 0.5), peakMiB());
     return 0;
 }
