@@ -297,6 +297,7 @@ void TestApp::lifecycle()
     QCOMPARE(titles(), QStringList({status, command}));
     QCOMPARE(m_app->onOffTurnsOn(), command == AppDelegate::commandTurnOn);
     QCOMPARE(m_app->stoppedByUser(), steps.count("onoff") % 2 == 1);
+    QCOMPARE(m_world->watching, !m_app->stoppedByUser()); // off stops watching for speakers
     QCOMPARE(m_world->starts, starts);
     if (!line.isEmpty())
         QVERIFY2(capture.has(line), capture.dump());
