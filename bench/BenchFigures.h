@@ -3,6 +3,8 @@
 #pragma once
 
 #include <algorithm>
+#include <ctime>
+#include <QtGlobal>
 #include <sys/resource.h>
 #include <vector>
 
@@ -22,4 +24,12 @@ inline double peakMiB()
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return double(usage.ru_maxrss) / 1024.0;
+}
+
+// The monotonic clock in nanoseconds, the one the simulator stamps its answers with.
+inline qint64 monotonicNanoseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
 }

@@ -19,12 +19,6 @@
 #include <QTimer>
 
 namespace {
-qint64 monotonicNanoseconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
 
 } // namespace
 

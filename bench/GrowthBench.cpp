@@ -26,12 +26,6 @@
 #include <unistd.h>
 
 namespace {
-qint64 nowNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
 
 double cpuMs()
 {
@@ -51,7 +45,7 @@ double floorFetch(const std::vector<QUrl> &urls, int inFlight)
         QByteArray request;
         qsizetype sent = 0;
     };
-    const qint64 start = nowNs();
+    const qint64 start = monotonicNanoseconds();
     size_t next = 0;
     std::vector<Transfer> open;
     const auto begin = [&](const QUrl &url) {
@@ -89,7 +83,7 @@ double floorFetch(const std::vector<QUrl> &urls, int inFlight)
             }
         }
     }
-    return double(nowNs() - start) / 1e6;
+    return double(monotonicNanoseconds() - start) / 1e6;
 }
 } // namespace
 
@@ -162,7 +156,7 @@ int main(int argc, char *argv[])
                         return;
                     // Listed: after the menu and window updates queued so far.
                     QTimer::singleShot(0, &app, [&] {
-                        listedAt = nowNs();
+                        listedAt = monotonicNanoseconds();
                         app.quit();
                     });
                 });

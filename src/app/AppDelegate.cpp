@@ -239,11 +239,16 @@ void AppDelegate::showNotice(const QString &title, const QString &message)
 void AppDelegate::addObservers()
 {
     NotificationCenter &center = NotificationCenter::defaultCenter();
-    const auto hop = [this](void (AppDelegate::*handler)()) {
-        return [this, handler](const Notification &) {
-            QPointer<AppDelegate> self(this);
-            mainQueueAsync([self, handler] {
-                if (self)
+    // Runs a handler, with or without the notification, on the main loop.
+    const auto hop = [this](auto handler) {
+        return [this, handler](const Notification &n) {
+            mainQueueAsync([self = QPointer<AppDelegate>(this), handler, n] {
+                if (!self)
+                    return;
+                if constexpr (std::is_invocable_v<decltype(handler), AppDelegate *,
+                                                  const Notification &>)
+                    (self->*handler)(n);
+                else
                     (self->*handler)();
             });
         };
@@ -263,21 +268,12 @@ void AppDelegate::addObservers()
     // The decision runs as a hop so it sees the menu rebuilds queued by earlier speakers.
     m_observers.push_back(center.addObserver(Notifications::discoveryComplete,
                                              hop(&AppDelegate::onDiscoveryComplete)));
-    const auto hopWith = [this](void (AppDelegate::*handler)(const Notification &)) {
-        return [this, handler](const Notification &n) {
-            QPointer<AppDelegate> self(this);
-            mainQueueAsync([self, handler, n] {
-                if (self)
-                    (self->*handler)(n);
-            });
-        };
-    };
     m_observers.push_back(
-        center.addObserver(Notifications::serviceStarted, hopWith(&AppDelegate::onServiceStarted)));
+        center.addObserver(Notifications::serviceStarted, hop(&AppDelegate::onServiceStarted)));
     m_observers.push_back(
-        center.addObserver(Notifications::serviceReady, hopWith(&AppDelegate::onServiceReady)));
+        center.addObserver(Notifications::serviceReady, hop(&AppDelegate::onServiceReady)));
     m_observers.push_back(center.addObserver(Notifications::serviceTerminated,
-                                             hopWith(&AppDelegate::onServiceTerminated)));
+                                             hop(&AppDelegate::onServiceTerminated)));
     m_observers.push_back(center.addObserver(
         Notifications::deviceDeparted, [this](const Notification &n) { onDeviceDeparted(n); }));
 }

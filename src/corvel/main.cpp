@@ -161,15 +161,17 @@ int main(int argc, char *argv[])
             return 2;
         }
         const QString newName = parser.positionalArguments().value(0);
-        const auto [method, arguments] =
-            parser.isSet(listOption)     ? std::pair(QStringLiteral("List"), QVariantList())
-            : parser.isSet(enableOption) ? std::pair(QStringLiteral("SetEnabled"),
-                                                     QVariantList{parser.value(enableOption), true})
-            : parser.isSet(disableOption)
-                ? std::pair(QStringLiteral("SetEnabled"),
-                            QVariantList{parser.value(disableOption), false})
-                : std::pair(QStringLiteral("Rename"),
-                            QVariantList{parser.value(renameOption), newName});
+        // --enable and --disable are one command with a flag.
+        const bool enable = parser.isSet(enableOption);
+        const QString speaker = parser.value(enable                        ? enableOption
+                                             : parser.isSet(disableOption) ? disableOption
+                                                                           : renameOption);
+        QString method = QStringLiteral("Rename");
+        QVariantList arguments{speaker, newName};
+        if (parser.isSet(listOption))
+            method = QStringLiteral("List"), arguments.clear();
+        else if (enable || parser.isSet(disableOption))
+            method = QStringLiteral("SetEnabled"), arguments = {speaker, enable};
         SingleInstance::Answer answer;
         if (const auto running = SingleInstance::ask(method, arguments)) {
             answer = *running;
@@ -178,11 +180,10 @@ int main(int argc, char *argv[])
             answer.output = SpeakerCommands::formatList(Settings::shared());
         } else if (method == QLatin1String("SetEnabled")) {
             answer.status =
-                SpeakerCommands::setEnabled(Settings::shared(), arguments.value(0).toString(),
-                                            arguments.value(1).toBool(), &answer.error);
+                SpeakerCommands::setEnabled(Settings::shared(), speaker, enable, &answer.error);
         } else {
-            answer.status = SpeakerCommands::rename(Settings::shared(), parser.value(renameOption),
-                                                    newName, &answer.error);
+            answer.status =
+                SpeakerCommands::rename(Settings::shared(), speaker, newName, &answer.error);
         }
         std::fputs(qPrintable(answer.output), stdout);
         if (!answer.error.isEmpty())

@@ -83,6 +83,14 @@ DeviceDiscovery::DeviceDiscovery(QObject *parent) : QObject(parent)
     connect(&m_refreshTimer, &QTimer::timeout, this, &DeviceDiscovery::refresh);
 }
 
+std::shared_ptr<SSDPDiscoverySession> DeviceDiscovery::startSession(double seconds, QString *error)
+{
+    SSDPMSearchRequest request;
+    request.delegate = this;
+    request.searchTarget = searchTarget();
+    return SSDPDiscovery::defaultDiscovery().startDiscovery(request, seconds, error);
+}
+
 void DeviceDiscovery::startWatching()
 {
     if (m_watching)
@@ -107,12 +115,8 @@ void DeviceDiscovery::refresh()
     if (m_session || m_refreshSession)
         return;
     logInfo(category, QStringLiteral("refresh"));
-    SSDPMSearchRequest request;
-    request.delegate = this;
-    request.searchTarget = searchTarget();
     QString error;
-    m_refreshSession =
-        SSDPDiscovery::defaultDiscovery().startDiscovery(request, defaultSearchSeconds, &error);
+    m_refreshSession = startSession(defaultSearchSeconds, &error);
     if (!m_refreshSession) {
         logWarning(category, QStringLiteral("No background search: ") + error);
         return;
@@ -192,12 +196,8 @@ void DeviceDiscovery::searchForDevices(std::optional<double> timeoutSeconds)
     m_heard.clear();
     m_refreshSession.reset(); // this search finds what the background one would
 
-    SSDPMSearchRequest request;
-    request.delegate = this;
-    request.searchTarget = searchTarget();
     QString error;
-    auto session = SSDPDiscovery::defaultDiscovery().startDiscovery(
-        request, timeoutSeconds.value_or(defaultSearchSeconds), &error);
+    auto session = startSession(timeoutSeconds.value_or(defaultSearchSeconds), &error);
     if (!session) {
         logError(category,
                  QStringLiteral("Failed to establish socket for M-SEARCH broadcasts: ") + error);

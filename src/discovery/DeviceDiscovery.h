@@ -115,6 +115,9 @@ private:
     // GETs url and completes with (error, body); the body is empty with an error.
     void fetchXML(const QUrl &url, XmlCompletion completion);
     void fetchDeviceInfo(const SSDPMSearchResponse &response);
+    // A search for players of searchTarget() lasting seconds; nothing, with *error, when no
+    // socket could be opened.
+    std::shared_ptr<SSDPDiscoverySession> startSession(double seconds, QString *error);
     // The parsed form of a topology document, parsed only when this search has not seen it.
     const DescriptionParser::TopologyTable &topologyTable(const QByteArray &body);
     static constexpr size_t maxTopologiesKept = 4;
