@@ -2,13 +2,12 @@
 #include "DeviceDiscovery.h"
 
 #include "DescriptionParser.h"
+#include "HttpGet.h"
 #include "JsonReader.h"
 #include "Logging.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
 
-#include <QNetworkProxy>
-#include <QNetworkReply>
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QTimer>
@@ -71,9 +70,6 @@ DeviceDiscovery::DeviceDiscovery(QObject *parent) : QObject(parent)
 {
     if (!g_shared)
         g_shared = this;
-    m_network.setAutoDeleteReplies(true);
-    // Proxies are for the internet, not the living room: speakers are asked directly.
-    m_network.setProxy(QNetworkProxy::NoProxy);
     connect(&m_listener, &SSDPListener::announced, this, &DeviceDiscovery::handleAnnouncement);
     connect(&m_listener, &SSDPListener::networkChanged, this, [this] {
         logInfo(category, QStringLiteral("Searching again after a network change"));
@@ -306,48 +302,25 @@ void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
 {
     const QString urlText = absoluteString(url);
     logInfo(QStringLiteral("Fetching XML from ") + urlText);
-    QNetworkReply *reply = m_network.get(QNetworkRequest(url));
-
-    // Hostile devices exist: a body past the cap is aborted and counts as a failed fetch, and
-    // so is a transfer not complete within the time-out, whether the server is silent or
-    // trickles its bytes. The first reason to abort is the one reported.
-    auto abortReason = std::make_shared<QString>();
-    const auto abortWith = [reply, abortReason](const QString &reason) {
-        if (abortReason->isEmpty()) {
-            *abortReason = reason;
-            reply->abort();
-        }
-    };
-    connect(reply, &QNetworkReply::downloadProgress, reply, [abortWith](qint64 received, qint64) {
-        if (received > maxBodyBytes)
-            abortWith(QStringLiteral("The response is larger than 1 MiB"));
-    });
-    auto *deadline = new QTimer(reply);
-    deadline->setSingleShot(true);
-    connect(deadline, &QTimer::timeout, reply, [abortWith, timeoutMs = m_transferTimeoutMs] {
-        abortWith(QStringLiteral("No complete response within %1 ms").arg(timeoutMs));
-    });
-    deadline->start(m_transferTimeoutMs);
-    connect(reply, &QNetworkReply::finished, this,
-            [reply, urlText, abortReason, completion = std::move(completion)] {
-                // An HTTP status means an answer arrived: its body is used whatever the status,
-                // like any other answer. Only transport failures are errors here.
-                const bool answered =
-                    reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid();
-                if (!abortReason->isEmpty() || !answered) {
-                    DiscoveryError error{
-                        QStringLiteral("QNetworkReply"), static_cast<int>(reply->error()),
-                        abortReason->isEmpty() ? reply->errorString() : *abortReason};
-                    logError(QStringLiteral("Failed to fetch XML from ") + urlText +
-                             QStringLiteral(" - ") + error.description());
-                    completion(error, QByteArray());
-                    return;
-                }
-                // An empty body is a document without elements, not a failed fetch.
-                const QByteArray body = reply->readAll();
-                logInfo(QStringLiteral("Received a response from ") + urlText);
-                completion(std::nullopt, body);
-            });
+    // Hostile devices exist: a body past the cap counts as a failed fetch, and so does a
+    // transfer not complete within the time-out, whether the server is silent or trickles.
+    HttpGet::start(
+        url, m_transferTimeoutMs, maxBodyBytes,
+        [urlText, completion = std::move(completion)](const HttpGet::Result &result) {
+            // Any HTTP status is an answer: its body is used like any other. Only transport
+            // failures are errors here.
+            if (!result.error.isEmpty()) {
+                const DiscoveryError error{QStringLiteral("HTTP"), -1, result.error};
+                logError(QStringLiteral("Failed to fetch XML from ") + urlText +
+                         QStringLiteral(" - ") + error.description());
+                completion(error, QByteArray());
+                return;
+            }
+            // An empty body is a document without elements, not a failed fetch.
+            logInfo(QStringLiteral("Received a response from ") + urlText);
+            completion(std::nullopt, result.body);
+        },
+        this);
 }
 
 void DeviceDiscovery::fetchDeviceInfo(const SSDPMSearchResponse &response)

@@ -13,7 +13,6 @@
 #include <map>
 #include <memory>
 #include <QDeadlineTimer>
-#include <QNetworkAccessManager>
 #include <QObject>
 #include <QTimer>
 #include <set>
@@ -133,7 +132,6 @@ private:
                             const std::optional<DeviceTopology> &topology,
                             const SSDPMSearchResponse &response);
 
-    QNetworkAccessManager m_network;
     std::shared_ptr<SSDPDiscoverySession> m_session;
     std::shared_ptr<SSDPDiscoverySession> m_refreshSession;
     // What was last heard from each described player, by location text.

@@ -4,12 +4,15 @@
 // private network namespace.
 #include "DescriptionParser.h"
 #include "DeviceDiscovery.h"
+#include "HttpGet.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
 #include "SpeakerSimulator.h"
 #include "TestSupport.h"
 
 #include <QProcess>
+#include <QTcpServer>
+#include <QTcpSocket>
 
 #include <cmath>
 #include <QJsonDocument>
@@ -56,6 +59,8 @@ private slots:
     void playerFaults();
     void answerFloodIsBounded();
     void keepsWatching();
+    void httpFraming_data();
+    void httpFraming();
 };
 
 void TestDiscovery::numbers_data()
@@ -355,3 +360,64 @@ void TestDiscovery::keepsWatching()
 
 QTEST_GUILESS_MAIN(TestDiscovery)
 #include "TestDiscovery.moc"
+
+void TestDiscovery::httpFraming_data()
+{
+    // What a server sends (it then keeps the connection open unless the row closes it), and
+    // the error or body the GET must give.
+    QTest::addColumn<QByteArray>("answer");
+    QTest::addColumn<bool>("close");
+    QTest::addColumn<QString>("error");
+    QTest::addColumn<QByteArray>("body");
+    QTest::newRow("length, connection left open")
+        << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n<a/>\nextra") << false
+        << QString() << QByteArray("<a/>\n");
+    QTest::newRow("chunked with extension")
+        << QByteArray("HTTP/1.1 404 Not Found\r\ntransfer-encoding: Chunked\r\n\r\n"
+                      "3;x=y\r\n<a>\r\n4\r\n</a>\r\n0\r\n\r\n")
+        << false << QString() << QByteArray("<a></a>");
+    QTest::newRow("until closed") << QByteArray("HTTP/1.0 200 OK\r\n\r\n<b/>") << true << QString()
+                                  << QByteArray("<b/>");
+    QTest::newRow("closed short of its length")
+        << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n<b/>") << true
+        << "The connection closed before a complete response" << QByteArray();
+    QTest::newRow("not HTTP") << QByteArray("SSH-2.0-OpenSSH\r\n\r\n") << false
+                              << "The server's answer is not valid HTTP" << QByteArray();
+    QTest::newRow("declared length over the cap")
+        << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 2000000\r\n\r\n") << false
+        << HttpGet::tooLarge << QByteArray();
+    QTest::newRow("chunk over the cap")
+        << QByteArray("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n200000\r\n") << false
+        << HttpGet::tooLarge << QByteArray();
+}
+
+void TestDiscovery::httpFraming()
+{
+    QFETCH(QByteArray, answer);
+    QFETCH(bool, close);
+    QFETCH(QString, error);
+    QFETCH(QByteArray, body);
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QByteArray request;
+    connect(&server, &QTcpServer::newConnection, &server, [&] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [&, socket] {
+            request += socket->readAll();
+            if (!request.endsWith("\r\n\r\n"))
+                return;
+            socket->write(answer);
+            if (close)
+                socket->disconnectFromHost();
+        });
+    });
+    std::optional<HttpGet::Result> result;
+    HttpGet::start(
+        QUrl(QStringLiteral("http://127.0.0.1:%1/status/topology?x=1").arg(server.serverPort())),
+        2000, DeviceDiscovery::maxBodyBytes, [&result](const HttpGet::Result &r) { result = r; },
+        nullptr);
+    CORVEL_WAIT(result.has_value());
+    QVERIFY(request.startsWith("GET /status/topology?x=1 HTTP/1.1\r\nHost: 127.0.0.1:"));
+    QCOMPARE(result->error, error);
+    QCOMPARE(result->body, body);
+}
