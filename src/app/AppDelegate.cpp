@@ -2,6 +2,8 @@
 #include "AppDelegate.h"
 
 #include "AirConnect.h"
+#include "BridgeLocator.h"
+#include "BridgeSetupWindow.h"
 #include "BuildConfig.h"
 #include "DeviceDiscovery.h"
 #include "FeedbackWindow.h"
@@ -13,15 +15,46 @@
 #include "SystemSleep.h"
 
 #include <QApplication>
+#include <QClipboard>
+#include <QCloseEvent>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QIcon>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLibraryInfo>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
+#include <QVBoxLayout>
 #include <QWidget>
+
+namespace {
+// The crash prompt: closing it, or Escape, is no answer (the reports wait for the next start),
+// where a plain message box would take its "Don't" button.
+class CrashPromptBox : public QMessageBox
+{
+protected:
+    void closeEvent(QCloseEvent *event) override { QDialog::closeEvent(event); }
+    void keyPressEvent(QKeyEvent *event) override
+    {
+        if (event->key() == Qt::Key_Escape) {
+            reject();
+            return;
+        }
+        QMessageBox::keyPressEvent(event);
+    }
+};
+
+// A speaker's name as a menu item shows it: a lone "&" would become a keyboard mnemonic.
+QString menuItemText(QString name)
+{
+    return name.replace(QLatin1Char('&'), QStringLiteral("&&"));
+}
+} // namespace
 
 AppDelegate::AppDelegate(Services services, Platform platform, bool withTray, QObject *parent)
     : QObject(parent), m_services(std::move(services)), m_platform(std::move(platform)),
@@ -33,7 +66,9 @@ AppDelegate::AppDelegate(Services services, Platform platform, bool withTray, QO
     m_firstMenuItem->setEnabled(false);
     m_onOffMenuItem = m_statusMenu.addAction(commandTurnOn, this, &AppDelegate::onOffClicked);
     m_statusMenu.addSeparator();
-    m_statusMenu.addAction(tr("Speakers"))->setEnabled(false);
+    m_speakersHeader = m_statusMenu.addAction(tr("Speakers"));
+    m_speakersHeader->setEnabled(false);
+    m_speakersMenu.setTitle(tr("Speakers"));
     m_speakersEnd = m_statusMenu.addSeparator();
     m_statusMenu.addAction(tr("Preferences…"), this, &AppDelegate::preferencesClicked);
     m_statusMenu.addAction(tr("About Corvel"), this, &AppDelegate::aboutClicked);
@@ -69,30 +104,48 @@ void AppDelegate::configureCrashReporting()
     CrashReporter &reporter = CrashReporter::shared();
     reporter.configure(QStringLiteral(CORVEL_APP_ID), this);
     if (m_withTray) {
-        reporter.setPrompt([](const CrashReporter::Report &report,
-                              std::function<void(CrashReporter::Answer)> done) {
-            auto *box = new QMessageBox(QMessageBox::Warning, tr("Corvel quit unexpectedly"),
-                                        tr("Corvel quit unexpectedly the last time it ran."));
+        reporter.setPrompt([&reporter](const CrashReporter::Reports &reports,
+                                       std::function<void(CrashReporter::Answer)> done) {
+            auto *box = new CrashPromptBox;
+            box->setIcon(QMessageBox::Warning);
+            box->setWindowTitle(tr("Corvel quit unexpectedly"));
+            box->setText(reports.size() == 1
+                             ? tr("Corvel quit unexpectedly the last time it ran.")
+                             : tr("Corvel quit unexpectedly %1 times since it last asked.")
+                                   .arg(reports.size()));
             box->setObjectName(QStringLiteral("crashReportMessageBox"));
+            const bool canSend = reporter.canSend();
             box->setInformativeText(
-                tr("Would you like to send a report? It holds where Corvel crashed "
-                   "and its recent log, which names your speakers and their "
-                   "addresses on your network."));
-            box->setDetailedText(report.record + QStringLiteral("\n") + report.attachment);
-            QPushButton *send = box->addButton(tr("Send"), QMessageBox::AcceptRole);
-            QPushButton *always = box->addButton(tr("Always Send"), QMessageBox::YesRole);
-            box->addButton(tr("Don't Send"), QMessageBox::RejectRole);
+                canSend ? tr("Would you like to send a report? It holds where Corvel crashed "
+                             "and its recent log, which names your speakers and their "
+                             "addresses on your network.")
+                        : tr("You can save a report to attach to a bug report. It holds where "
+                             "Corvel crashed and its recent log, which names your speakers "
+                             "and their addresses on your network."));
+            QString details;
+            for (const CrashReporter::Report &report : reports)
+                details += report.record + QStringLiteral("\n") + report.attachment +
+                           QStringLiteral("\n\n");
+            box->setDetailedText(details);
+            QPushButton *send =
+                box->addButton(canSend ? tr("Send") : tr("Save Report…"), QMessageBox::AcceptRole);
+            QPushButton *always =
+                canSend ? box->addButton(tr("Always Send"), QMessageBox::YesRole) : nullptr;
+            QPushButton *decline = box->addButton(canSend ? tr("Don't Send") : tr("Don't Save"),
+                                                  QMessageBox::DestructiveRole);
             box->setDefaultButton(send);
             box->setAttribute(Qt::WA_DeleteOnClose);
-            QObject::connect(box, &QMessageBox::finished, box, [box, send, always, done](int) {
-                QAbstractButton *clicked = box->clickedButton();
-                done(clicked == send     ? CrashReporter::Answer::Send
-                     : clicked == always ? CrashReporter::Answer::AlwaysSend
-                                         : CrashReporter::Answer::DontSend);
-            });
+            QObject::connect(
+                box, &QMessageBox::finished, box, [box, send, always, decline, done](int) {
+                    QAbstractButton *clicked = box->clickedButton();
+                    done(clicked == send                ? CrashReporter::Answer::Send
+                         : clicked && clicked == always ? CrashReporter::Answer::AlwaysSend
+                         : clicked == decline           ? CrashReporter::Answer::DontSend
+                                                        : CrashReporter::Answer::Later);
+                });
             box->open();
         });
-        reporter.setSavePrompt([](const CrashReporter::Report &,
+        reporter.setSavePrompt([](const CrashReporter::Reports &,
                                   std::function<void(QString)> done) {
             auto *dialog = new QFileDialog(nullptr, tr("Save Crash Report"));
             dialog->setAttribute(Qt::WA_DeleteOnClose);
@@ -152,6 +205,8 @@ QString AppDelegate::statusTitle(State state)
         return statusStopped;
     case State::Retrying:
         return statusRetrying;
+    case State::BridgeMissing:
+        return statusBridgeMissing;
     case State::StartingUp:
     case State::Off:
         break;
@@ -165,17 +220,75 @@ void AppDelegate::setState(State state, std::optional<bool> turnsOn)
     if (turnsOn)
         m_onOffTurnsOn = *turnsOn;
     m_firstMenuItem->setText(statusTitle(m_state));
-    m_onOffMenuItem->setText(m_onOffTurnsOn ? commandTurnOn : commandTurnOff);
+    m_onOffMenuItem->setText(m_state == State::BridgeMissing ? commandInstallBridge
+                             : m_onOffTurnsOn                ? commandTurnOn
+                                                             : commandTurnOff);
+    updateStatusItem();
     reportToServiceManager();
+}
+
+int AppDelegate::offeredCount() const
+{
+    int offered = 0;
+    for (const auto &entry : m_services.settings().devices)
+        offered += entry.second.offeredToBridge() ? 1 : 0;
+    return offered;
+}
+
+TrayLook AppDelegate::trayLook() const
+{
+    switch (m_state) {
+    case State::Running:
+        return TrayLook::Running;
+    case State::StartingUp:
+    case State::Searching:
+    case State::Starting:
+        return TrayLook::Busy;
+    case State::Retrying:
+    case State::BridgeMissing:
+        return TrayLook::Problem;
+    case State::Stopped:
+        return m_gaveUp ? TrayLook::Problem : TrayLook::Idle;
+    case State::NoSpeakers:
+    case State::Off:
+        break;
+    }
+    return TrayLook::Idle;
+}
+
+QString AppDelegate::toolTip() const
+{
+    if (m_state != State::Running)
+        return statusTitle(m_state);
+    const int offered = offeredCount();
+    return offered == 1 ? tr("Corvel: Running — 1 speaker")
+                        : tr("Corvel: Running — %1 speakers").arg(offered);
+}
+
+void AppDelegate::updateStatusItem()
+{
+    if (!m_statusItem)
+        return;
+    // Icons are drawn once per look; the tray is told only of changes.
+    static std::map<TrayLook, QIcon> icons;
+    const TrayLook look = trayLook();
+    auto icon = icons.find(look);
+    if (icon == icons.end())
+        icon = icons.emplace(look, trayIcon(look)).first;
+    if (m_statusItem->property("look").toInt() != int(look) + 1) {
+        m_statusItem->setProperty("look", int(look) + 1);
+        m_statusItem->setIcon(icon->second);
+    }
+    const QString tip = toolTip();
+    if (m_statusItem->toolTip() != tip)
+        m_statusItem->setToolTip(tip);
 }
 
 void AppDelegate::reportToServiceManager()
 {
     QString status = statusTitle(m_state).mid(QStringLiteral("Corvel: ").size());
     if (m_state == State::Running) {
-        int offered = 0;
-        for (const auto &entry : m_services.settings().devices)
-            offered += entry.second.offeredToBridge() ? 1 : 0;
+        const int offered = offeredCount();
         status = QStringLiteral("Running: %1 speaker%2 offered")
                      .arg(offered)
                      .arg(offered == 1 ? QString() : QStringLiteral("s"));
@@ -210,30 +323,81 @@ void AppDelegate::setUpStatusItem()
     if (!m_withTray)
         return;
     m_statusItem = new QSystemTrayIcon(this);
-    QIcon icon(QStringLiteral(":/icons/statusIcon.svg"));
-    icon.setIsMask(true); // a monochrome mask, so light and dark panels both show it
-    m_statusItem->setIcon(icon);
     m_statusItem->setContextMenu(&m_statusMenu);
-    m_statusItem->setToolTip(QStringLiteral("Corvel"));
+    updateStatusItem();
+    // A left click (the tray's "Activate") opens Preferences; the menu is on the right button.
+    connect(m_statusItem, &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger)
+                    showWindow();
+            });
+    connect(m_statusItem, &QSystemTrayIcon::messageClicked, this, [this] {
+        if (const auto action = std::exchange(m_balloonAction, nullptr))
+            action();
+    });
     m_statusItem->show();
-    connect(&AirConnect::shared(), &AirConnect::bridgeNotFound, this,
-            &AppDelegate::showBridgeNotFound);
 }
 
-void AppDelegate::showBridgeNotFound(const QString &message)
-{
-    if (m_toldBridgeMissing || !m_statusItem)
-        return;
-    m_toldBridgeMissing = true;
-    m_statusItem->showMessage(tr("AirConnect bridge not found"), message, QSystemTrayIcon::Warning,
-                              30000);
-}
-
-void AppDelegate::showNotice(const QString &title, const QString &message)
+void AppDelegate::showNotice(const QString &title, const QString &message,
+                             const QString &actionLabel, std::function<void()> onAction)
 {
     logWarning(QStringLiteral("Notice: ") + title + QStringLiteral(" - ") + message);
-    if (m_statusItem)
-        m_statusItem->showMessage(title, message, QSystemTrayIcon::Warning, 30000);
+    if (!m_withTray)
+        return;
+    if (m_statusItem && !m_noTray && QSystemTrayIcon::isSystemTrayAvailable()) {
+        // A balloon has no buttons: a click on it is the action.
+        m_balloonAction = std::move(onAction);
+        m_statusItem->showMessage(title,
+                                  actionLabel.isEmpty() ? message
+                                                        : message + QLatin1Char(' ') +
+                                                              tr("Click here: %1").arg(actionLabel),
+                                  QSystemTrayIcon::Warning, 30000);
+        return;
+    }
+    m_desktopNotices.show(title, message, actionLabel, std::move(onAction));
+}
+
+void AppDelegate::onBridgeMissing(const Notification &notification)
+{
+    m_lookedIn = notification.userInfo.value(UserInfoKey::lookedIn).toStringList();
+    if (m_setupWindow)
+        m_setupWindow->setLookedIn(m_lookedIn);
+    setState(State::BridgeMissing);
+    if (std::exchange(m_toldBridgeMissing, true))
+        return;
+    showNotice(tr("AirConnect bridge needed"),
+               tr("Corvel needs the free AirConnect bridge to play to your speakers."),
+               tr("Set Up…"), [this] { showBridgeSetup(); });
+}
+
+void AppDelegate::showBridgeSetup()
+{
+    logInfo(QStringLiteral("showBridgeSetup"));
+    if (!m_withTray) {
+        logWarning(QStringLiteral("Install the AirConnect bridge as %1 in %2, or set "
+                                  "CORVEL_BRIDGE to its path; it is downloaded from %3")
+                       .arg(bridgeFileName(currentBridgeArchitecture()), userBridgeDirectory(),
+                            bridgeReleasesUrl));
+        return;
+    }
+    if (!m_setupWindow) {
+        m_setupWindow = new BridgeSetupWindow(currentBridgeArchitecture(), m_lookedIn);
+        m_setupWindow->setAttribute(Qt::WA_DeleteOnClose);
+        connect(m_setupWindow, &BridgeSetupWindow::installed, this, &AppDelegate::bridgeInstalled);
+    }
+    m_setupWindow->show();
+    m_setupWindow->raise();
+    m_setupWindow->activateWindow();
+}
+
+void AppDelegate::bridgeInstalled()
+{
+    // Carry on as after a start: search, then start the bridge with what was found.
+    m_toldBridgeMissing = false;
+    m_stoppedByUser = false;
+    setState(State::Searching, false);
+    m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
+    m_services.watch(true);
 }
 
 void AppDelegate::addObservers()
@@ -276,6 +440,8 @@ void AppDelegate::addObservers()
                                              hop(&AppDelegate::onServiceTerminated)));
     m_observers.push_back(center.addObserver(
         Notifications::deviceDeparted, [this](const Notification &n) { onDeviceDeparted(n); }));
+    m_observers.push_back(
+        center.addObserver(Notifications::bridgeMissing, hop(&AppDelegate::onBridgeMissing)));
 }
 
 void AppDelegate::updateDeviceMenuItems()
@@ -294,22 +460,38 @@ void AppDelegate::updateDeviceMenuItems()
             item = makeDeviceMenuItem(record);
             added.append({item, int(items.size())});
         } else {
-            if (item->text() != record.name)
-                item->setText(record.name);
+            const QString text = menuItemText(record.name);
+            if (item->text() != text)
+                item->setText(text);
             item->setChecked(record.enabled);
         }
         byLocation.insert(location.text, item);
         items.append(item);
     }
+    QMenu *const container = items.size() > maxInlineSpeakers ? &m_speakersMenu : &m_statusMenu;
     for (QAction *gone : std::as_const(m_menuItemByLocation)) {
         m_statusMenu.removeAction(gone);
+        m_speakersMenu.removeAction(gone);
         gone->deleteLater();
     }
     m_menuItemByLocation = std::move(byLocation);
+    QAction *const end = container == &m_statusMenu ? m_speakersEnd : nullptr;
+    if (m_speakersHeader->menu() != (container == &m_speakersMenu ? &m_speakersMenu : nullptr)) {
+        // Crossing the limit moves every item to the other menu.
+        QMenu *const other = container == &m_statusMenu ? &m_speakersMenu : &m_statusMenu;
+        for (QAction *item : std::as_const(items))
+            other->removeAction(item);
+        added.clear();
+        for (int i = 0; i < items.size(); ++i)
+            added.append({items[i], i});
+        m_speakersHeader->setMenu(container == &m_speakersMenu ? &m_speakersMenu : nullptr);
+        m_speakersHeader->setEnabled(container == &m_speakersMenu);
+    }
     // The kept items are in order already; each new one goes before its successor.
     for (auto it = added.crbegin(); it != added.crend(); ++it)
-        m_statusMenu.insertAction(items.value(it->second + 1, m_speakersEnd), it->first);
+        container->insertAction(items.value(it->second + 1, end), it->first);
     m_deviceMenuItems = std::move(items);
+    updateStatusItem();
 }
 
 void AppDelegate::scheduleMenuUpdate()
@@ -328,7 +510,7 @@ void AppDelegate::scheduleMenuUpdate()
 
 QAction *AppDelegate::makeDeviceMenuItem(const DeviceSettings &record)
 {
-    auto *item = new QAction(record.name, &m_statusMenu);
+    auto *item = new QAction(menuItemText(record.name), &m_statusMenu);
     item->setCheckable(true);
     item->setChecked(record.enabled);
     item->setEnabled(false);
@@ -359,6 +541,11 @@ void AppDelegate::showWindow()
 
 void AppDelegate::onOffClicked()
 {
+    if (m_state == State::BridgeMissing) {
+        showBridgeSetup();
+        return;
+    }
+    m_gaveUp = false;
     const bool turningOn = m_onOffTurnsOn;
     logInfo(turningOn ? QStringLiteral("onClicked") : QStringLiteral("offClicked"));
     m_stoppedByUser = !turningOn;
@@ -399,31 +586,84 @@ void AppDelegate::aboutClicked()
     showAbout();
 }
 
+QString AppDelegate::versionInfo()
+{
+    const QString session =
+        qEnvironmentVariable("XDG_CURRENT_DESKTOP", qEnvironmentVariable("DESKTOP_SESSION"));
+    return QStringLiteral("Corvel %1\nQt %2 (%3)\nDesktop: %4 (%5)")
+        .arg(Settings::currentVersion(), QString::fromLatin1(qVersion()),
+             QGuiApplication::platformName(),
+             session.isEmpty() ? QStringLiteral("unknown") : session,
+             qEnvironmentVariable("XDG_SESSION_TYPE", QStringLiteral("unknown session type")));
+}
+
 void AppDelegate::showAbout()
 {
     if (!m_withTray)
         return; // a headless run has no screen to show it on
-    auto *box =
-        new QMessageBox(QMessageBox::Information, tr("About Corvel"),
-                        QStringLiteral("Corvel ") + Settings::currentVersion(), QMessageBox::Ok);
-    box->setObjectName(QStringLiteral("aboutMessageBox"));
-    // QMessageBox sizes itself to its title, which would wrap every credit line.
-    box->setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 400px; }"));
-    box->setIconPixmap(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(64, 64));
-    box->setInformativeText(QStringLiteral("Website: %1\n%2\nCreated by %3 (%4)")
-                                .arg(QStringLiteral(CORVEL_WEBSITE), QStringLiteral(CORVEL_SOCIAL),
-                                     QStringLiteral(CORVEL_AUTHOR),
-                                     QStringLiteral(CORVEL_AUTHOR_URL)));
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->open();
+    if (!m_aboutWindow) {
+        auto *window = new QWidget;
+        window->setObjectName(QStringLiteral("aboutWindow"));
+        window->setAttribute(Qt::WA_DeleteOnClose);
+        window->setWindowTitle(tr("About Corvel"));
+        auto *layout = new QVBoxLayout(window);
+        auto *icon = new QLabel(window);
+        icon->setPixmap(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(64, 64));
+        icon->setAlignment(Qt::AlignHCenter);
+        layout->addWidget(icon);
+        auto *text = new QLabel(window);
+        text->setObjectName(QStringLiteral("aboutLabel"));
+        text->setTextFormat(Qt::RichText);
+        text->setOpenExternalLinks(true);
+        text->setTextInteractionFlags(Qt::TextBrowserInteraction);
+        text->setWordWrap(true);
+        text->setAlignment(Qt::AlignHCenter);
+        const auto link = [](const QString &url) {
+            return QStringLiteral("<a href=\"%1\">%1</a>").arg(url.toHtmlEscaped());
+        };
+        text->setText(tr("<h3>Corvel %1</h3><p>Plays this computer's sound on Sonos speakers "
+                         "through the AirConnect bridge.</p><p>%2<br>%3</p>"
+                         "<p>Created by %4 (%5)</p><p>Corvel is free software: you may "
+                         "redistribute and modify it under the GNU General Public License, "
+                         "version 3 or (at your option) any later version. It comes with no "
+                         "warranty. See %6.</p>")
+                          .arg(Settings::currentVersion(), link(QStringLiteral(CORVEL_WEBSITE)),
+                               link(QStringLiteral(CORVEL_SOCIAL)),
+                               QStringLiteral(CORVEL_AUTHOR).toHtmlEscaped(),
+                               link(QStringLiteral(CORVEL_AUTHOR_URL)),
+                               link(QStringLiteral("https://www.gnu.org/licenses/gpl-3.0.html"))));
+        layout->addWidget(text);
+        auto *info = new QLabel(versionInfo(), window);
+        info->setObjectName(QStringLiteral("versionInfoLabel"));
+        info->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        info->setAlignment(Qt::AlignHCenter);
+        layout->addWidget(info);
+        auto *buttons = new QDialogButtonBox(QDialogButtonBox::Close, window);
+        QPushButton *copy =
+            buttons->addButton(tr("&Copy Version Info"), QDialogButtonBox::ActionRole);
+        copy->setObjectName(QStringLiteral("copyVersionInfoPushButton"));
+        connect(copy, &QPushButton::clicked, window,
+                [] { QGuiApplication::clipboard()->setText(versionInfo()); });
+        connect(buttons, &QDialogButtonBox::rejected, window, &QWidget::close);
+        layout->addWidget(buttons);
+        window->setMinimumWidth(420);
+        m_aboutWindow = window;
+    }
+    m_aboutWindow->show();
+    m_aboutWindow->raise();
+    m_aboutWindow->activateWindow();
 }
 
 void AppDelegate::feedbackClicked()
 {
     logInfo(QStringLiteral("feedbackClicked"));
-    auto *window = new FeedbackWindow(QUrl(QStringLiteral(CORVEL_FEEDBACK_ENDPOINT)));
-    window->setAttribute(Qt::WA_DeleteOnClose);
-    window->show();
+    if (!m_feedbackWindow) {
+        m_feedbackWindow = new FeedbackWindow(QUrl(QStringLiteral(CORVEL_FEEDBACK_ENDPOINT)));
+        m_feedbackWindow->setAttribute(Qt::WA_DeleteOnClose);
+    }
+    m_feedbackWindow->show();
+    m_feedbackWindow->raise();
+    m_feedbackWindow->activateWindow();
 }
 
 void AppDelegate::quitClicked()
@@ -584,6 +824,7 @@ void AppDelegate::bridgeEndedUnasked()
         m_failures.clear();
         m_retries = 0;
         m_toldRetrying = false;
+        m_gaveUp = true;
         setState(State::Stopped, true);
         const QStringList output = m_services.bridgeOutput();
         showNotice(tr("Corvel stopped"),

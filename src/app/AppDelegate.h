@@ -4,11 +4,14 @@
 #pragma once
 
 #include "AppServices.h"
+#include "BridgeSetupWindow.h"
 #include "Controls.h"
 #include "CrashReporter.h"
+#include "DesktopNotices.h"
 #include "NotificationCenter.h"
 #include "Platform.h"
 #include "SystemSleep.h"
+#include "TrayIcon.h"
 
 #include <deque>
 #include <functional>
@@ -38,7 +41,8 @@ public:
         Running,
         Retrying, // the bridge ended by itself; it is started again after a delay
         Stopped,
-        Off
+        Off,
+        BridgeMissing // no bridge executable: the on/off item offers the bridge setup
     };
 
     // The lifecycle titles.
@@ -50,11 +54,16 @@ public:
     static inline const QString statusStopped = QStringLiteral("Corvel: Stopped");
     static inline const QString statusRetrying =
         QStringLiteral("Corvel: Bridge Stopped, Restarting...");
+    static inline const QString statusBridgeMissing =
+        QStringLiteral("Corvel: Bridge Not Installed");
     static inline const QString commandTurnOn = QStringLiteral("Turn Corvel On");
     static inline const QString commandTurnOff = QStringLiteral("Turn Corvel Off");
+    static inline const QString commandInstallBridge = QStringLiteral("Install Bridge…");
 
-    // Speaker items are inserted from this menu position on.
+    // Speaker items are inserted from this menu position on; past maxInlineSpeakers they go
+    // into a "Speakers" submenu, so the menu never splits into columns.
     static constexpr int firstDeviceMenuIndex = 4;
+    static constexpr int maxInlineSpeakers = 12;
 
     // Changes to the speakers reach the bridge once they have been quiet this long.
     static constexpr int applyDelayMs = 2000;
@@ -78,6 +87,9 @@ public:
     // Whether the on/off command turns the bridge on (its item reads "Turn Corvel On").
     bool onOffTurnsOn() const { return m_onOffTurnsOn; }
     static QString statusTitle(State state);
+    // The tray icon's look and tool tip for the current state.
+    TrayLook trayLook() const;
+    QString toolTip() const;
 
     // Brings the speaker items in line with the active speakers, in location order.
     void updateDeviceMenuItems();
@@ -88,6 +100,14 @@ public:
     void menuWillOpen();
     // Shows the preferences window, creating it once.
     void showWindow();
+    // Shows the bridge setup window, creating it once.
+    void showBridgeSetup();
+    // A bridge was installed: search, then start it.
+    void bridgeInstalled();
+    BridgeSetupWindow *bridgeSetupWindow() const { return m_setupWindow.data(); }
+    // Closing the preferences window quits Corvel (set when there is no tray).
+    void setNoTray(bool noTray) { m_noTray = noTray; }
+    bool noTray() const { return m_noTray; }
     // Asks a running launcher helper to quit.
     void stopLauncherApp();
 
@@ -95,8 +115,10 @@ public:
     void configureCrashReporting();
     QString applicationLogForCrashManager() override;
     void crashManagerWillShowSubmitCrashReportAlert() override;
-    // The About box: version and credits.
+    // The About window: version, licence and what a bug report needs; one at a time.
     void showAbout();
+    // The version, Qt version and desktop session, as copied for a bug report.
+    static QString versionInfo();
 
     void onOffClicked();
     void preferencesClicked();
@@ -109,6 +131,8 @@ public:
     bool searchRunning() const override { return m_services.searchRunning(); }
     bool bridgeRunning() const override { return m_services.bridgeRunning(); }
     bool stoppedByUser() const override { return m_stoppedByUser; }
+    bool bridgeMissing() const override { return m_state == State::BridgeMissing; }
+    void setUpBridge() override { showBridgeSetup(); }
     void startSearching() override;
     void stopBridge() override;
 
@@ -118,13 +142,16 @@ public:
     bool changesPending() const { return m_applyTimer.isActive(); }
     // The retry delays are in units of this many ms (1000; tests shorten it).
     void setRetryUnit(int ms) { m_retryUnitMs = ms; }
-    // A notice for the user (the tray's balloon); also logged.
-    void showNotice(const QString &title, const QString &message);
+    // A notice for the user (the tray's balloon, or the desktop's notifications without a
+    // tray); also logged. A click on it, or on actionLabel, runs onAction.
+    void showNotice(const QString &title, const QString &message, const QString &actionLabel = {},
+                    std::function<void()> onAction = {});
 
     QMenu *statusMenu() { return &m_statusMenu; }
     QAction *firstMenuItem() const { return m_firstMenuItem; }
     QAction *onOffMenuItem() const { return m_onOffMenuItem; }
     const QList<QAction *> &deviceMenuItems() const { return m_deviceMenuItems; }
+    QMenu *speakersMenu() { return &m_speakersMenu; }
     QSystemTrayIcon *statusItem() const { return m_statusItem; }
     SystemSleep &systemSleep() { return m_systemSleep; }
 
@@ -156,7 +183,9 @@ private:
     void onServiceStarted(const Notification &notification);
     void onServiceReady(const Notification &notification);
     void onServiceTerminated(const Notification &notification);
-    void showBridgeNotFound(const QString &message);
+    void onBridgeMissing(const Notification &notification);
+    void updateStatusItem();
+    int offeredCount() const;
 
     Services m_services;
     Platform m_platform;
@@ -166,6 +195,8 @@ private:
     bool m_onOffTurnsOn = true;
     bool m_stoppedByUser = false;
     QMenu m_statusMenu;
+    QMenu m_speakersMenu; // holds the speaker items past maxInlineSpeakers
+    QAction *m_speakersHeader = nullptr;
     QAction *m_firstMenuItem = nullptr;
     QAction *m_onOffMenuItem = nullptr;
     QSystemTrayIcon *m_statusItem = nullptr;
@@ -174,6 +205,14 @@ private:
     QAction *m_speakersEnd = nullptr; // the separator after the speaker items
     bool m_menuUpdatePending = false;
     QPointer<QWidget> m_preferencesWindow;
+    QPointer<BridgeSetupWindow> m_setupWindow;
+    QPointer<QWidget> m_aboutWindow;
+    QPointer<QWidget> m_feedbackWindow;
+    DesktopNotices m_desktopNotices;
+    std::function<void()> m_balloonAction; // what a click on the tray's balloon does
+    QStringList m_lookedIn;                // where the missing bridge was looked for
+    bool m_noTray = false;
+    bool m_gaveUp = false; // the bridge kept failing and Corvel stopped retrying
     std::function<QWidget *()> m_windowFactory;
     std::vector<NotificationCenter::Token> m_observers;
     bool m_toldBridgeMissing = false;

@@ -17,4 +17,7 @@ public:
     // Starts a search on the user's behalf (clears stoppedByUser).
     virtual void startSearching() = 0;
     virtual void stopBridge() = 0;
+    // No bridge executable was found; setUpBridge() shows the bridge setup.
+    virtual bool bridgeMissing() const = 0;
+    virtual void setUpBridge() = 0;
 };

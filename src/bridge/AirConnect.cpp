@@ -81,9 +81,9 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
     const BridgeLocation bridge = findBridgeExecutable();
     m_bridgeMissing = bridge.path.isEmpty();
     if (m_bridgeMissing) {
-        const QString message = bridgeNotFoundMessage(bridge, currentBridgeArchitecture());
-        logError(category, message);
-        emit bridgeNotFound(message);
+        logError(category, bridgeNotFoundMessage(bridge, currentBridgeArchitecture()));
+        NotificationCenter::defaultCenter().post(Notifications::bridgeMissing,
+                                                 {{UserInfoKey::lookedIn, bridge.lookedIn}});
         return;
     }
 

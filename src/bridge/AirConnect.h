@@ -70,10 +70,6 @@ public:
     void setConfigPath(const QString &path) { m_configPath = path; }
     void setWatchdogDelay(int ms) { m_startTimer.setInterval(ms); }
 
-signals:
-    // The last start found no bridge executable; message says where it looked and what to do.
-    void bridgeNotFound(const QString &message);
-
 private:
     void launch(const QString &bridgePath, const std::vector<DeviceSettings> &records);
     void post(const QString &name) const;

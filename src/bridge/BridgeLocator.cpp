@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "BridgeLocator.h"
 
+#include <algorithm>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <sys/utsname.h>
 
 namespace {
@@ -39,7 +41,8 @@ QString currentBridgeArchitecture()
 }
 
 BridgeLocation findBridgeExecutable(const QString &bridgeOverride, const QString &appDir,
-                                    const QString &pathVariable, const QString &arch)
+                                    const QString &pathVariable, const QString &arch,
+                                    const QString &userDir)
 {
     BridgeLocation location;
     const auto tryPath = [&location](const QString &path) {
@@ -59,8 +62,9 @@ BridgeLocation findBridgeExecutable(const QString &bridgeOverride, const QString
 
     const QString name = QStringLiteral("airupnp-linux-") + arch;
     const QStringList names = {name, name + QStringLiteral("-static")};
-    const QStringList bundled = {appDir,
-                                 QDir::cleanPath(appDir + QStringLiteral("/../libexec/corvel"))};
+    QStringList bundled = {appDir, QDir::cleanPath(appDir + QStringLiteral("/../libexec/corvel"))};
+    if (!userDir.isEmpty())
+        bundled << userDir;
     for (const QString &dir : bundled) {
         for (const QString &candidate : names) {
             if (tryPath(dir + QLatin1Char('/') + candidate))
@@ -79,9 +83,9 @@ BridgeLocation findBridgeExecutable(const QString &bridgeOverride, const QString
 
 BridgeLocation findBridgeExecutable()
 {
-    return findBridgeExecutable(qEnvironmentVariable("CORVEL_BRIDGE"),
-                                QCoreApplication::applicationDirPath(),
-                                qEnvironmentVariable("PATH"), currentBridgeArchitecture());
+    return findBridgeExecutable(
+        qEnvironmentVariable("CORVEL_BRIDGE"), QCoreApplication::applicationDirPath(),
+        qEnvironmentVariable("PATH"), currentBridgeArchitecture(), userBridgeDirectory());
 }
 
 QString bridgeNotFoundMessage(const BridgeLocation &location, const QString &arch)
@@ -92,4 +96,76 @@ QString bridgeNotFoundMessage(const BridgeLocation &location, const QString &arc
                           "executable and put it in /usr/local/bin or on your PATH, or set "
                           "CORVEL_BRIDGE to its absolute path.")
         .arg(location.lookedIn.join(QStringLiteral(", ")), arch);
+}
+
+QString userBridgeDirectory()
+{
+    return QDir::homePath() + QStringLiteral("/.local/lib/corvel");
+}
+
+QString bridgeFileName(const QString &arch)
+{
+    return QStringLiteral("airupnp-linux-") + arch;
+}
+
+bool isBridgeForArchitecture(const QString &path, const QString &arch, QString *error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("Cannot read %1: %2").arg(path, file.errorString());
+        return false;
+    }
+    // The ELF identification and header fields up to e_machine.
+    const QByteArray head = file.read(20);
+    if (head.size() < 20 || !head.startsWith("\x7f"
+                                             "ELF")) {
+        *error = QStringLiteral("%1 is not a Linux program.").arg(QFileInfo(path).fileName());
+        return false;
+    }
+    struct Expected
+    {
+        const char *arch;
+        char elfClass; // 1: 32-bit, 2: 64-bit
+        quint16 machine;
+    };
+    static constexpr Expected expected[] = {{"x86_64", 2, 62}, {"aarch64", 2, 183},
+                                            {"arm", 1, 40},    {"armv6", 1, 40},
+                                            {"x86", 1, 3},     {"riscv64", 2, 243}};
+    const auto mine =
+        std::find_if(std::begin(expected), std::end(expected),
+                     [&arch](const Expected &e) { return arch == QLatin1String(e.arch); });
+    const bool littleEndian = head[5] == 1;
+    const quint16 machine = littleEndian ? quint16(quint8(head[18]) | quint8(head[19]) << 8)
+                                         : quint16(quint8(head[18]) << 8 | quint8(head[19]));
+    if (mine != std::end(expected) && (head[4] != mine->elfClass || machine != mine->machine)) {
+        *error = QStringLiteral("%1 is built for another kind of computer; this one needs %2.")
+                     .arg(QFileInfo(path).fileName(), bridgeFileName(arch));
+        return false;
+    }
+    return true;
+}
+
+QString installBridge(const QString &source, const QString &dir, const QString &arch,
+                      QString *error)
+{
+    if (!isBridgeForArchitecture(source, arch, error))
+        return QString();
+    QFile in(source);
+    const QString target = dir + QLatin1Char('/') + bridgeFileName(arch);
+    QSaveFile out(target);
+    if (!QDir().mkpath(dir) || !in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly)) {
+        *error = QStringLiteral("Cannot copy the bridge to %1: %2")
+                     .arg(dir, in.isOpen() ? out.errorString() : in.errorString());
+        return QString();
+    }
+    // Bridges are a few MB: copied in one go.
+    if (out.write(in.readAll()) < 0 || !out.commit()) {
+        *error = QStringLiteral("Cannot copy the bridge to %1: %2").arg(dir, out.errorString());
+        return QString();
+    }
+    QFile::setPermissions(target, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                      QFileDevice::ExeOwner | QFileDevice::ReadGroup |
+                                      QFileDevice::ExeGroup | QFileDevice::ReadOther |
+                                      QFileDevice::ExeOther);
+    return target;
 }

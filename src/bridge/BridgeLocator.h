@@ -16,13 +16,30 @@ QString bridgeArchitecture(const QString &machine);
 // The machine type of this computer, mapped as above.
 QString currentBridgeArchitecture();
 
-// Looks, in order: at the CORVEL_BRIDGE value (an absolute path); in appDir and in
-// appDir/../libexec/corvel for airupnp-linux-<arch> and then its -static build; then on
-// the PATH value for those two names and plain "airupnp".
+// Looks, in order: at the CORVEL_BRIDGE value (an absolute path); in appDir,
+// appDir/../libexec/corvel and userDir for airupnp-linux-<arch> and then its -static build;
+// then on the PATH value for those two names and plain "airupnp".
 BridgeLocation findBridgeExecutable(const QString &bridgeOverride, const QString &appDir,
-                                    const QString &pathVariable, const QString &arch);
+                                    const QString &pathVariable, const QString &arch,
+                                    const QString &userDir = QString());
 // The same with this process's environment and executable folder.
 BridgeLocation findBridgeExecutable();
 
-// The user-facing text for a bridge that could not be found.
+// The user-facing text for a bridge that could not be found, with every place looked in.
 QString bridgeNotFoundMessage(const BridgeLocation &location, const QString &arch);
+
+// Where the bridge setup puts a bridge the user downloaded: ~/.local/lib/corvel.
+QString userBridgeDirectory();
+// The file name AirConnect publishes for this architecture: airupnp-linux-<arch>.
+QString bridgeFileName(const QString &arch);
+// AirConnect's releases page, where the bridge is downloaded from.
+inline const QString bridgeReleasesUrl =
+    QStringLiteral("https://github.com/philippe44/AirConnect/releases");
+
+// Checks that the file is a Linux program for arch (its ELF class and machine); the reason
+// in *error when it is not.
+bool isBridgeForArchitecture(const QString &path, const QString &arch, QString *error);
+// Checks the file, then copies it to dir as bridgeFileName(arch), executable by its owner.
+// Returns the installed path, or an empty string with *error.
+QString installBridge(const QString &source, const QString &dir, const QString &arch,
+                      QString *error);

@@ -28,6 +28,8 @@
 #include <unistd.h>
 
 namespace {
+// How long an autostarted Corvel waits for the panel's tray before opening its window.
+constexpr qint64 maxTrayWaitMs = 120000;
 int g_signalPipe[2] = {-1, -1};
 
 void onQuitSignal(int)
@@ -193,8 +195,6 @@ int main(int argc, char *argv[])
 
     const Platform platform = Platform::system();
     AppDelegate delegate(AppServices::real(), platform, !headless);
-    delegate.setPreferencesWindowFactory(
-        [&delegate, platform] { return new ViewController(delegate, platform); });
     // One Corvel per user: a second start brings the first one's preferences forward.
     SingleInstance instance(Settings::shared(), [&delegate, headless] {
         if (!headless)
@@ -215,25 +215,35 @@ int main(int argc, char *argv[])
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
                      &AppDelegate::applicationWillTerminate);
 
-    const auto launch = [&delegate, headless] {
-        const bool noTray = !headless && !QSystemTrayIcon::isSystemTrayAvailable();
-        if (noTray) {
+    auto noTray = std::make_shared<bool>(false);
+    delegate.setPreferencesWindowFactory([&delegate, platform, noTray] {
+        auto *window = new ViewController(delegate, platform);
+        // Without a tray the window is Corvel's only face: closing it quits.
+        window->setClosingQuits(*noTray);
+        QObject::connect(window, &ViewController::closedToQuit, &delegate,
+                         &AppDelegate::quitClicked);
+        return window;
+    });
+    const auto launch = [&delegate, headless, noTray] {
+        *noTray = !headless && !QSystemTrayIcon::isSystemTrayAvailable();
+        delegate.setNoTray(*noTray);
+        if (*noTray) {
             logWarning(QStringLiteral(
                 "No system tray was found, so Corvel opens its preferences window instead of a "
-                "tray "
-                "icon. On GNOME, install and enable the AppIndicator extension (Debian package "
-                "gnome-shell-extension-appindicator); other desktops need a panel with a system "
-                "tray."));
+                "tray icon; closing it quits Corvel. On GNOME, install and enable the "
+                "AppIndicator extension (Debian package gnome-shell-extension-appindicator); "
+                "other desktops need a panel with a system tray."));
         }
         delegate.applicationDidFinishLaunching();
-        if (noTray)
+        if (*noTray)
             delegate.showWindow();
     };
     std::function<void()> ask; // lives as long as the loop that calls it
     if (!headless && parser.isSet(autostartOption)) {
         // Qt decides once per process whether a tray exists, and desktops start their panel
-        // late at login: wait up to 30 seconds for the tray host before creating the icon,
-        // asking every half second without blocking the loop.
+        // late at login: wait until a tray host is registered (or an XEmbed tray runs) before
+        // creating the icon, asking every half second without blocking the loop. A session
+        // with no tray at all gets the window after two minutes.
         QElapsedTimer waited;
         waited.start();
         auto launched = std::make_shared<bool>(false);
@@ -241,7 +251,7 @@ int main(int argc, char *argv[])
             Platform::whenTrayHostRegistered([&app, &ask, waited, launch, launched](bool found) {
                 if (*launched)
                     return;
-                if (found || waited.hasExpired(30000)) {
+                if (found || waited.hasExpired(maxTrayWaitMs)) {
                     *launched = true;
                     launch();
                     return;

@@ -233,38 +233,41 @@ bool CrashReporter::alwaysSend() const
 
 void CrashReporter::processPendingReports()
 {
-    for (const QString &path : pendingReports())
-        offer(path);
-}
-
-void CrashReporter::offer(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        REPORTER_LOG(Warning, QStringLiteral("Cannot read the crash report %1").arg(path));
-        return;
+    Reports reports;
+    for (const QString &path : pendingReports()) {
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly)) {
+            REPORTER_LOG(Warning, QStringLiteral("Cannot read the crash report %1").arg(path));
+            continue;
+        }
+        reports.push_back({path, QString::fromUtf8(file.read(1024 * 1024)), QString()});
     }
-    Report report{path, QString::fromUtf8(file.read(1024 * 1024)), QString()};
-    file.close();
-    const bool send = alwaysSend();
+    if (reports.empty())
+        return;
+    const bool send = alwaysSend() && canSend();
     if (!send && !m_prompt) {
-        // Nobody to ask (a headless run): the report waits for a session that can ask.
-        REPORTER_LOG(Warning, QStringLiteral("A crash report is waiting in %1").arg(path));
+        // Nobody to ask (a headless run): the reports wait for a session that can ask.
+        for (const Report &report : reports)
+            REPORTER_LOG(Warning,
+                         QStringLiteral("A crash report is waiting in %1").arg(report.path));
         return;
     }
-    if (m_delegate)
-        m_delegate->crashManagerWillShowSubmitCrashReportAlert();
-    report.attachment = (m_delegate ? m_delegate->applicationLogForCrashManager() : QString()) +
-                        QStringLiteral("\n\n--- The log of the session that crashed ---\n") +
-                        lastLines(sessionLogOf(report.record), 100);
+    const QString log = m_delegate ? m_delegate->applicationLogForCrashManager() : QString();
+    for (Report &report : reports) {
+        if (m_delegate)
+            m_delegate->crashManagerWillShowSubmitCrashReportAlert();
+        report.attachment = log +
+                            QStringLiteral("\n\n--- The log of the session that crashed ---\n") +
+                            lastLines(sessionLogOf(report.record), 100);
+    }
     if (send) {
-        handleAnswer(report, Answer::Send);
+        handleAnswer(reports, Answer::Send);
         return;
     }
-    m_prompt(report, [this, report](Answer answer) { handleAnswer(report, answer); });
+    m_prompt(reports, [this, reports](Answer answer) { handleAnswer(reports, answer); });
 }
 
-void CrashReporter::handleAnswer(const Report &report, Answer answer)
+void CrashReporter::handleAnswer(const Reports &reports, Answer answer)
 {
     if (answer == Answer::AlwaysSend) {
         QFile marker(stateFolder() + QStringLiteral("/always-send"));
@@ -273,26 +276,32 @@ void CrashReporter::handleAnswer(const Report &report, Answer answer)
                 Warning,
                 QStringLiteral("Cannot remember \"Always Send\": %1").arg(marker.errorString()));
     }
-    if (answer == Answer::DontSend) {
-        finish(report, true);
+    if (answer == Answer::DontSend || answer == Answer::Later) {
+        if (answer == Answer::Later)
+            REPORTER_LOG(Info, QStringLiteral("Crash reports kept for the next start"));
+        for (const Report &report : reports)
+            finish(report, answer == Answer::DontSend);
         return;
     }
-    if (m_endpoint.isValid() && !m_endpoint.isEmpty()) {
-        send(report);
+    if (canSend()) {
+        for (const Report &report : reports)
+            send(report);
         return;
     }
     if (!m_savePrompt) {
-        REPORTER_LOG(
-            Warning,
-            QStringLiteral("No crash endpoint and nowhere to save %1; kept").arg(report.path));
-        finish(report, false);
+        REPORTER_LOG(Warning,
+                     QStringLiteral("No crash endpoint and nowhere to save the reports; kept"));
+        for (const Report &report : reports)
+            finish(report, false);
         return;
     }
-    m_savePrompt(report, [this, report](const QString &target) {
-        if (target.isEmpty())
-            finish(report, false);
-        else
-            save(report, target);
+    m_savePrompt(reports, [this, reports](const QString &target) {
+        if (target.isEmpty()) {
+            for (const Report &report : reports)
+                finish(report, false);
+        } else {
+            save(reports, target);
+        }
     });
 }
 
@@ -329,18 +338,19 @@ void CrashReporter::send(const Report &report)
     });
 }
 
-void CrashReporter::save(const Report &report, const QString &path)
+void CrashReporter::save(const Reports &reports, const QString &path)
 {
-    const QByteArray text =
-        (report.record + QStringLiteral("\n--- Log ---\n") + report.attachment).toUtf8();
+    QString text;
+    for (const Report &report : reports)
+        text += report.record + QStringLiteral("\n--- Log ---\n") + report.attachment +
+                QStringLiteral("\n\n");
     QString error;
-    if (!writeFileAtomically(path, text, &error)) {
+    const bool saved = writeFileAtomically(path, text.toUtf8(), &error);
+    if (!saved)
         REPORTER_LOG(Error,
                      QStringLiteral("Failed to save the crash report to %1: %2").arg(path, error));
-        finish(report, false);
-        return;
-    }
-    finish(report, true);
+    for (const Report &report : reports)
+        finish(report, saved);
 }
 
 void CrashReporter::finish(const Report &report, bool remove)

@@ -8,6 +8,7 @@
 #include <QNetworkAccessManager>
 #include <QObject>
 #include <QUrl>
+#include <vector>
 
 // The application's side of crash reporting.
 class CrashReporterDelegate
@@ -26,7 +27,8 @@ class CrashReporter : public QObject
 
 public:
     // What the user chose for a report.
-    enum class Answer { Send, DontSend, AlwaysSend };
+    // Later: the prompt was closed without a choice; the reports wait for the next start.
+    enum class Answer { Send, DontSend, AlwaysSend, Later };
 
     // A pending report, with the log that goes with it.
     struct Report
@@ -35,11 +37,14 @@ public:
         QString record;     // its text: signal, time, version, backtrace
         QString attachment; // this session's recent log, then the crashed session's
     };
-    // Shows a report and calls done with the user's answer (possibly later).
-    using Prompt = std::function<void(const Report &report, std::function<void(Answer)> done)>;
-    // Offers to save a report when there is nowhere to send it; calls done with the chosen
-    // path, or an empty one when the user cancels.
-    using SavePrompt = std::function<void(const Report &report, std::function<void(QString)> done)>;
+    using Reports = std::vector<Report>;
+    // Shows the waiting reports, all in one, and calls done with the user's answer for all of
+    // them (possibly later). Without canSend() the choices are to save or not.
+    using Prompt = std::function<void(const Reports &reports, std::function<void(Answer)> done)>;
+    // Offers to save the reports (in one file) when there is nowhere to send them; calls done
+    // with the chosen path, or an empty one when the user cancels.
+    using SavePrompt =
+        std::function<void(const Reports &reports, std::function<void(QString)> done)>;
 
     static CrashReporter &shared();
     explicit CrashReporter(QObject *parent = nullptr);
@@ -55,14 +60,16 @@ public:
     QString reportsFolder() const { return stateFolder() + QStringLiteral("/reports"); }
     // Where reports are posted; empty unless the build names one.
     void setEndpoint(const QUrl &endpoint) { m_endpoint = endpoint; }
+    // Whether this build has somewhere to send reports.
+    bool canSend() const { return m_endpoint.isValid() && !m_endpoint.isEmpty(); }
     void setPrompt(Prompt prompt) { m_prompt = std::move(prompt); }
     void setSavePrompt(SavePrompt prompt) { m_savePrompt = std::move(prompt); }
 
     // Reports left by earlier crashes, oldest first.
     QStringList pendingReports() const;
-    // Whether the user chose "Always Send".
+    // Whether the user chose "Always Send" (it only counts while there is somewhere to send).
     bool alwaysSend() const;
-    // Offers every pending report.
+    // Offers every pending report, in one prompt.
     void processPendingReports();
 
     // Writes a crash record for signal to the prepared path; async-signal-safe.
@@ -73,10 +80,9 @@ signals:
     void reportHandled(const QString &path, bool removed);
 
 private:
-    void offer(const QString &path);
-    void handleAnswer(const Report &report, Answer answer);
+    void handleAnswer(const Reports &reports, Answer answer);
     void send(const Report &report);
-    void save(const Report &report, const QString &path);
+    void save(const Reports &reports, const QString &path);
     void finish(const Report &report, bool remove);
 
     CrashReporterDelegate *m_delegate = nullptr;

@@ -13,6 +13,8 @@ inline const QString discoveryComplete = QStringLiteral("discoveryComplete");
 inline const QString serviceStarted = QStringLiteral("serviceStarted");
 inline const QString serviceReady = QStringLiteral("serviceReady");
 inline const QString serviceTerminated = QStringLiteral("serviceTerminated");
+// The bridge executable was not found; its payload lists the places looked in.
+inline const QString bridgeMissing = QStringLiteral("bridgeMissing");
 inline const QString appStopped = QStringLiteral("appStopped");
 inline const QString deviceSettingsChanged = QStringLiteral("deviceSettingsChanged");
 } // namespace Notifications
@@ -22,6 +24,7 @@ namespace UserInfoKey {
 inline const QString location = QStringLiteral("location"); // QUrl, of "deviceDeparted"
 // quint64, of "serviceStarted", "serviceReady" and "serviceTerminated": which launch it was.
 inline const QString launch = QStringLiteral("launch");
+inline const QString lookedIn = QStringLiteral("lookedIn"); // QStringList, of "bridgeMissing"
 inline const QString response = QStringLiteral("response");
 inline const QString deviceInfo = QStringLiteral("deviceInfo");
 inline const QString deviceTopology = QStringLiteral("deviceTopology");

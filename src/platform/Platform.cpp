@@ -7,6 +7,11 @@
 #include "PactlSoundOutputs.h"
 #include "XdgAutostart.h"
 
+#include <QDBusPendingReply>
+#include <QDBusVariant>
+#include <QGuiApplication>
+#include <xcb/xcb.h>
+
 Platform Platform::system()
 {
     return Platform{std::make_shared<LinuxIdleInhibitor>(QDBusConnection::sessionBus(),
@@ -15,8 +20,53 @@ Platform Platform::system()
                     std::make_shared<PactlSoundOutputs>()};
 }
 
+namespace {
+// An XEmbed tray owns the selection _NET_SYSTEM_TRAY_S<screen> on the X server.
+bool xembedTrayRuns()
+{
+    auto *x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+    if (!x11 || !x11->connection())
+        return false;
+    xcb_connection_t *connection = x11->connection();
+    const QByteArray name = "_NET_SYSTEM_TRAY_S0";
+    xcb_intern_atom_reply_t *atom = xcb_intern_atom_reply(
+        connection, xcb_intern_atom(connection, 1, quint16(name.size()), name.constData()),
+        nullptr);
+    if (!atom)
+        return false;
+    const xcb_atom_t selection = atom->atom;
+    free(atom);
+    if (selection == XCB_ATOM_NONE)
+        return false;
+    xcb_get_selection_owner_reply_t *owner = xcb_get_selection_owner_reply(
+        connection, xcb_get_selection_owner(connection, selection), nullptr);
+    const bool owned = owner && owner->owner != XCB_WINDOW_NONE;
+    free(owner);
+    return owned;
+}
+} // namespace
+
 void Platform::whenTrayHostRegistered(std::function<void(bool)> done)
 {
-    whenNameOwned(QDBusConnection::sessionBus(), QStringLiteral("org.kde.StatusNotifierWatcher"),
-                  std::move(done));
+    // The watcher alone is not a tray: a panel registers as its host, maybe later.
+    QDBusMessage message = QDBusMessage::createMethodCall(
+        QStringLiteral("org.kde.StatusNotifierWatcher"), QStringLiteral("/StatusNotifierWatcher"),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    message << QStringLiteral("org.kde.StatusNotifierWatcher")
+            << QStringLiteral("IsStatusNotifierHostRegistered");
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [done] { done(xembedTrayRuns()); }, Qt::QueuedConnection);
+        return;
+    }
+    auto *watcher =
+        new QDBusPendingCallWatcher(bus.asyncCall(message, 1000), QCoreApplication::instance());
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
+                     [watcher, done](QDBusPendingCallWatcher *) {
+                         const QDBusPendingReply<QDBusVariant> reply = *watcher;
+                         watcher->deleteLater();
+                         const bool host = !reply.isError() && reply.value().variant().toBool();
+                         done(host || xembedTrayRuns());
+                     });
 }

@@ -18,6 +18,7 @@ struct Platform
 
     // This system's backends (Linux: D-Bus, XDG autostart, pactl).
     static Platform system();
-    // Asks, without waiting, whether the desktop's tray host runs; done(registered) follows.
+    // Asks, without waiting, whether a tray runs: a StatusNotifier host registered with the
+    // watcher, or an XEmbed tray owning _NET_SYSTEM_TRAY_S0; done(found) follows.
     static void whenTrayHostRegistered(std::function<void(bool)> done);
 };

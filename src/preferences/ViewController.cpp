@@ -11,7 +11,9 @@
 #include "ui_ViewController.h"
 
 #include <algorithm>
+#include <QBoxLayout>
 #include <QCheckBox>
+#include <QCloseEvent>
 #include <QDateTime>
 #include <QDir>
 #include <QFileDialog>
@@ -52,6 +54,31 @@ ViewController::~ViewController()
 {
     for (const auto token : m_listeners)
         NotificationCenter::defaultCenter().removeObserver(token);
+}
+
+void ViewController::setClosingQuits(bool quits)
+{
+    m_closingQuits = quits;
+    if (quits && !m_noTrayLabel) {
+        m_noTrayLabel = new QLabel(
+            tr("No system tray was found, so closing this window quits Corvel. To keep Corvel "
+               "running in the background, add a system tray to your panel (on GNOME, the "
+               "AppIndicator extension: package gnome-shell-extension-appindicator)."),
+            this);
+        m_noTrayLabel->setObjectName(QStringLiteral("noTrayLabel"));
+        m_noTrayLabel->setWordWrap(true);
+        if (auto *box = qobject_cast<QBoxLayout *>(layout()))
+            box->insertWidget(0, m_noTrayLabel);
+    }
+    if (m_noTrayLabel)
+        m_noTrayLabel->setVisible(quits);
+}
+
+void ViewController::closeEvent(QCloseEvent *event)
+{
+    QWidget::closeEvent(event);
+    if (m_closingQuits && event->isAccepted())
+        emit closedToQuit();
 }
 
 void ViewController::showEvent(QShowEvent *event)
@@ -106,6 +133,7 @@ void ViewController::viewWillAppear()
     observe(Notifications::serviceReady, buttonAndSpinner);
     observe(Notifications::serviceTerminated, buttonAndSpinner);
     observe(Notifications::appStopped, buttonAndSpinner);
+    observe(Notifications::bridgeMissing, buttonAndSpinner);
 
     m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
     updateSoundOutputsCheckBox();
@@ -230,8 +258,10 @@ void ViewController::updateStartStopButton()
     const bool nothingFound =
         !stoppedByUser && std::none_of(devices.begin(), devices.end(),
                                        [](const auto &entry) { return isListed(entry.second); });
+    const bool missing = !stoppedByUser && !searching && m_controls.bridgeMissing();
     const QString title = m_canStop      ? QStringLiteral("Stop")
                           : searching    ? QStringLiteral("Searching...")
+                          : missing      ? QStringLiteral("Install Bridge…")
                           : nothingFound ? QStringLiteral("Search Again")
                                          : QStringLiteral("Start");
     const bool enabled = !searching;
@@ -248,6 +278,8 @@ void ViewController::startStopClicked()
 {
     if (m_canStop) {
         m_controls.stopBridge();
+    } else if (m_controls.bridgeMissing() && !m_controls.searchRunning()) {
+        m_controls.setUpBridge();
     } else {
         m_controls.startSearching();
     }

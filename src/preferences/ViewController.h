@@ -19,6 +19,7 @@ namespace Ui {
 class ViewController;
 }
 class PreferencesTableViewItem;
+class QLabel;
 
 class ViewController : public QWidget
 {
@@ -46,12 +47,20 @@ public:
     // Writes the log to path; a failure shows the "Error" alert.
     void saveLogTo(const QString &path);
 
+    // Without a tray, closing the window quits Corvel; the window says so and how to get one.
+    void setClosingQuits(bool quits);
+
     bool canStop() const { return m_canStop; }
     int observerCount() const { return int(m_listeners.size()); }
     PreferencesTableViewItem *row(int index) const;
     int rowCount() const;
 
+signals:
+    // The window was closed while closing quits Corvel.
+    void closedToQuit();
+
 protected:
+    void closeEvent(QCloseEvent *event) override;
     void showEvent(QShowEvent *event) override;
     void hideEvent(QHideEvent *event) override;
 
@@ -67,6 +76,8 @@ private:
     std::vector<NotificationCenter::Token> m_listeners;
     bool m_reloadPending = false;
     bool m_canStop = false;
+    bool m_closingQuits = false;
+    QLabel *m_noTrayLabel = nullptr;
     QNetworkAccessManager m_network;
     // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a
     // table reload never asks a speaker for the same icon twice.

@@ -245,6 +245,16 @@ void TestApp::lifecycle_data()
     QTest::newRow("a speaker appearing after an empty search starts the bridge")
         << L{"launch", "complete", "speaker", "apply"} << int(S::Starting)
         << AppDelegate::statusStarting << off << 1 << "Info - Speakers found, starting AirConnect";
+    QTest::newRow("no bridge: the on/off item offers its setup")
+        << L{"launch", "speaker", "complete", "missing", "search", "speaker", "complete", "missing"}
+        << int(S::BridgeMissing) << AppDelegate::statusBridgeMissing
+        << AppDelegate::commandInstallBridge << 2
+        << "Warning - Notice: AirConnect bridge needed - Corvel needs the free AirConnect "
+           "bridge to play to your speakers.";
+    QTest::newRow("a bridge installed: search, then start")
+        << L{"launch", "speaker", "complete", "missing", "installed", "speaker", "complete"}
+        << int(S::Starting) << AppDelegate::statusStarting << off << 2
+        << "Info - Discovery complete, starting AirConnect";
     QTest::newRow("changes wait while turned off")
         << L{"launch", "speaker", "complete", "onoff", "speaker", "apply"} << int(S::Stopped)
         << AppDelegate::statusStopped << on << 1 << "";
@@ -291,6 +301,11 @@ void TestApp::lifecycle()
             m_app->onOffClicked();
         else if (step == "failing")
             m_world->launchFails = true;
+        else if (step == "missing") {
+            m_world->running = false;
+            post(Notifications::bridgeMissing, {{UserInfoKey::lookedIn, QStringList{"/a"}}});
+        } else if (step == "installed")
+            m_app->bridgeInstalled();
         settle();
     }
     QCOMPARE(int(m_app->state()), state);
@@ -301,6 +316,7 @@ void TestApp::lifecycle()
     QCOMPARE(m_world->starts, starts);
     if (!line.isEmpty())
         QVERIFY2(capture.has(line), capture.dump());
+    QVERIFY(capture.count("Warning - Notice: AirConnect bridge needed") <= 1); // once per run
     if (starts > 0)
         QCOMPARE(m_world->configured.size(), 1u);
 }
@@ -334,10 +350,27 @@ void TestApp::speakerMenuItems()
     settle();
     QCOMPARE(m_world->configured.size(), 3u);
     QCOMPARE(m_app->deviceMenuItems().size(), 4);
+    // An "&" in a name is shown, not taken for a mnemonic.
+    QVERIFY(m_world->settings->renameDevice(speaker(1).location, "Kids & Guests"));
+    post(Notifications::deviceSettingsChanged);
+    settle();
+    QCOMPARE(m_app->deviceMenuItems()[0]->text(), QStringLiteral("Kids && Guests"));
+    // Past twelve speakers they move into the "Speakers" submenu; the menu keeps its length.
+    for (int n = 5; n <= AppDelegate::maxInlineSpeakers + 1; ++n)
+        discover(n);
+    settle();
+    QCOMPARE(m_app->statusMenu()->actions().size(), 10);
+    QCOMPARE(m_app->speakersMenu()->actions(), m_app->deviceMenuItems());
+    QCOMPARE(m_app->statusMenu()->actions().at(3)->menu(), m_app->speakersMenu());
     // A new search clears the items until its speakers are found again.
     post(Notifications::discoveryStarted);
     settle();
     QVERIFY(m_app->deviceMenuItems().isEmpty());
+    QVERIFY(m_app->speakersMenu()->actions().isEmpty());
+    QVERIFY(!m_app->statusMenu()->actions().at(3)->menu());
+    discover(1);
+    settle();
+    QCOMPARE(m_app->statusMenu()->actions().at(4), m_app->deviceMenuItems().at(0));
 }
 
 void TestApp::idleSleepFollowsTheBridge()
@@ -385,6 +418,8 @@ void TestApp::failingBridgeBacksOffThenGivesUp()
         settle();
     }
     QVERIFY(m_world->watching);
+    QCOMPARE(m_app->trayLook(), TrayLook::Running);
+    QCOMPARE(m_app->toolTip(), QStringLiteral("Corvel: Running — 1 speaker"));
     for (int failure = 1; failure <= AppDelegate::maxFailures; ++failure) {
         QCOMPARE(m_world->starts, failure);
         m_world->running = false;
@@ -394,6 +429,7 @@ void TestApp::failingBridgeBacksOffThenGivesUp()
             CORVEL_WAIT(m_world->starts == failure + 1);
     }
     QCOMPARE(titles(), QStringList({AppDelegate::statusStopped, AppDelegate::commandTurnOn}));
+    QCOMPARE(m_app->trayLook(), TrayLook::Problem); // given up: not a plain stop
     for (int delay : {2, 4, 8, 16})
         QCOMPARE(capture.count(
                      QStringLiteral("Warning - AirConnect ended by itself; restarting it in %1 s")

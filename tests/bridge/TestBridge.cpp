@@ -2,6 +2,8 @@
 // The configuration writer, the bridge locator and the supervisor, the last with the stand-in
 // bridge started for real under a file name only this run uses.
 #include "AirConnect.h"
+#include "AtomicFile.h"
+#include "BridgeLocator.h"
 #include "BuildConfig.h"
 #include "ConfigWriter.h"
 #include "NotificationCenter.h"
@@ -62,6 +64,8 @@ private slots:
     void bridgeFloodIsCutIntoBoundedEntries();
     void shutdownKillsABridgeDeafToTerm();
     void missingBridgeIsReported();
+    void bridgeSetupInstalls_data();
+    void bridgeSetupInstalls();
 
 private:
     void configure(AirConnect &bridge)
@@ -344,12 +348,53 @@ void TestBridge::missingBridgeIsReported()
     AirConnect bridge;
     configure(bridge);
     LogCapture capture;
-    QSignalSpy missing(&bridge, &AirConnect::bridgeNotFound);
+    EventRecorder missing({Notifications::bridgeMissing});
     bridge.start({record("uuid:A", "Den")});
     qputenv("PATH", path);
-    QCOMPARE(missing.size(), 1);
+    QCOMPARE(missing.names(), QStringList{Notifications::bridgeMissing});
+    QVERIFY(missing.notifications[0]
+                .userInfo.value(UserInfoKey::lookedIn)
+                .toStringList()
+                .contains("/nonexistent/airupnp-linux-x86_64"));
     QVERIFY(bridge.bridgeMissing() && !bridge.running() && !bridge.watchdogPending());
     QVERIFY(capture.dump().contains("/nonexistent/airupnp-linux-x86_64"));
+}
+
+void TestBridge::bridgeSetupInstalls_data()
+{
+    // The chosen file, the architecture it must be for, and the refusal (none: installed).
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("arch");
+    QTest::addColumn<QString>("refusal");
+    const QString self = QCoreApplication::applicationFilePath(); // a program for this machine
+    QTest::newRow("a program for this machine") << self << currentBridgeArchitecture() << "";
+    QTest::newRow("a program for another machine")
+        << self << (currentBridgeArchitecture() == "aarch64" ? "x86_64" : "aarch64")
+        << "is built for another kind of computer; this one needs airupnp-linux-";
+    QTest::newRow("a zip or page, not a program")
+        << "airupnp.xml" << currentBridgeArchitecture() << "is not a Linux program.";
+    QTest::newRow("nothing there") << "missing" << currentBridgeArchitecture() << "Cannot read ";
+}
+
+void TestBridge::bridgeSetupInstalls()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, arch);
+    QFETCH(QString, refusal);
+    writeFileAtomically(m_dir.filePath("airupnp.xml"), "<squeeze2upnp/>", nullptr);
+    const QString source = QDir::isAbsolutePath(file) ? file : m_dir.filePath(file);
+    const QString dir = m_dir.filePath(QStringLiteral("user/lib/corvel"));
+    QString error;
+    const QString installed = installBridge(source, dir, arch, &error);
+    QCOMPARE(installed.isEmpty(), !refusal.isEmpty());
+    QVERIFY2(error.contains(refusal), qPrintable(error));
+    if (!refusal.isEmpty())
+        return;
+    QCOMPARE(installed, dir + "/airupnp-linux-" + arch);
+    QVERIFY(QFileInfo(installed).isExecutable());
+    // The installed bridge is found where nothing else is.
+    QCOMPARE(findBridgeExecutable(QString(), m_dir.filePath("empty"), QString(), arch, dir).path,
+             installed);
 }
 
 QTEST_GUILESS_MAIN(TestBridge)

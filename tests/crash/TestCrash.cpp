@@ -105,8 +105,8 @@ void TestCrash::realCrashLeavesOneReport()
     FakeDelegate delegate;
     reporter.configure(QStringLiteral("org.corvel.Corvel"), &delegate);
     QString attachment;
-    reporter.setPrompt([&](const CrashReporter::Report &report, auto done) {
-        attachment = report.attachment;
+    reporter.setPrompt([&](const CrashReporter::Reports &reports, auto done) {
+        attachment = reports.at(0).attachment;
         done(CrashReporter::Answer::DontSend);
     });
     reporter.processPendingReports();
@@ -125,7 +125,10 @@ void TestCrash::answers_data()
     QTest::addColumn<bool>("remembered");
     QTest::newRow("always send, saved")
         << int(CrashReporter::Answer::AlwaysSend) << true << false << true;
+    QTest::newRow("save cancelled") << int(CrashReporter::Answer::Send) << false << true << false;
     QTest::newRow("don't send") << int(CrashReporter::Answer::DontSend) << false << false << false;
+    QTest::newRow("closed without an answer")
+        << int(CrashReporter::Answer::Later) << false << true << false;
 }
 
 void TestCrash::answers()
@@ -136,20 +139,28 @@ void TestCrash::answers()
     QFETCH(bool, remembered);
     QTemporaryDir state;
     writeReport(state.path(), QStringLiteral("crash-1-1.txt"));
+    writeReport(state.path(), QStringLiteral("crash-2-2.txt"));
     CrashReporter reporter;
     reporter.setStateFolder(state.path());
     FakeDelegate delegate;
     reporter.configure(QStringLiteral("id"), &delegate);
-    reporter.setPrompt([answer](const CrashReporter::Report &, auto done) {
+    QList<size_t> prompts; // the reports each prompt showed
+    reporter.setPrompt([&](const CrashReporter::Reports &reports, auto done) {
+        prompts << reports.size();
         done(CrashReporter::Answer(answer));
     });
     const QString target = state.filePath(QStringLiteral("saved.txt"));
     reporter.setSavePrompt(
-        [&](const CrashReporter::Report &, auto done) { done(saveChosen ? target : QString()); });
+        [&](const CrashReporter::Reports &, auto done) { done(saveChosen ? target : QString()); });
     reporter.processPendingReports();
-    QCOMPARE(reporter.pendingReports().size(), kept ? 1 : 0);
+    QCOMPARE(prompts, QList<size_t>{2}); // both waiting reports in one prompt
+    QCOMPARE(reporter.pendingReports().size(), kept ? 2 : 0);
     QCOMPARE(reporter.alwaysSend(), remembered);
-    QCOMPARE(readFile(target).contains("this session's log"), saveChosen);
+    QCOMPARE(readFile(target).count("this session's log"), saveChosen ? 2 : 0);
+    // Nowhere to send: "Always Send" remembered earlier does not skip the prompt.
+    writeReport(state.path(), QStringLiteral("crash-3-3.txt"));
+    reporter.processPendingReports();
+    QCOMPARE(prompts.size(), 2);
 }
 
 void TestCrash::failedSendKeepsTheReportAndLogs()
@@ -173,7 +184,7 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     reporter.setStateFolder(state.path());
     reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort())));
     reporter.setPrompt(
-        [](const CrashReporter::Report &, auto done) { done(CrashReporter::Answer::Send); });
+        [](const CrashReporter::Reports &, auto done) { done(CrashReporter::Answer::Send); });
     LogCapture capture;
     QSignalSpy handled(&reporter, &CrashReporter::reportHandled);
     reporter.processPendingReports();

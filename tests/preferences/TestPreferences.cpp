@@ -15,6 +15,7 @@
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -38,6 +39,10 @@ struct FakeControls : Controls
     bool searchRunning() const override { return searching; }
     bool bridgeRunning() const override { return bridge; }
     bool stoppedByUser() const override { return stopped; }
+    bool bridgeMissing() const override { return missing; }
+    void setUpBridge() override { ++setups; }
+    bool missing = false;
+    int setups = 0;
     void startSearching() override
     {
         stopped = false;
@@ -202,6 +207,23 @@ void TestPreferences::buttonFollowsBridgeEventsOnly()
     NotificationCenter::defaultCenter().post(Notifications::serviceTerminated);
     settle();
     QCOMPARE(startStop()->text(), QStringLiteral("Start"));
+    // No bridge: the button leads to its setup instead of a search that cannot start it.
+    m_controls->missing = true;
+    NotificationCenter::defaultCenter().post(Notifications::bridgeMissing);
+    settle();
+    QCOMPARE(startStop()->text(), QStringLiteral("Install Bridge…"));
+    startStop()->click();
+    QCOMPARE(m_controls->setups, 1);
+    QCOMPARE(m_controls->searches, 0);
+    // Without a tray, closing the window quits, and the window says so.
+    QSignalSpy quit(m_window.get(), &ViewController::closedToQuit);
+    m_window->close();
+    QCOMPARE(quit.size(), 0);
+    m_window->setClosingQuits(true);
+    m_window->show();
+    QVERIFY(m_window->findChild<QLabel *>("noTrayLabel")->isVisible());
+    m_window->close();
+    QCOMPARE(quit.size(), 1);
 }
 
 void TestPreferences::startStopAndObservers()
@@ -210,7 +232,7 @@ void TestPreferences::startStopAndObservers()
     m_controls->add(1);
     m_controls->bridge = true;
     m_window->show();
-    QCOMPARE(m_window->observerCount(), 7);
+    QCOMPARE(m_window->observerCount(), 8);
     startStop()->click();
     QCOMPARE(m_controls->bridgeStops, 1);
     QCOMPARE(startStop()->text(), QStringLiteral("Start"));
@@ -222,7 +244,7 @@ void TestPreferences::startStopAndObservers()
     m_window->hide();
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before);
     m_window->show();
-    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 7);
+    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 8);
 }
 
 void TestPreferences::editsGoToTheSpeakersRecord()
