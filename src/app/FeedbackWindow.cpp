@@ -33,9 +33,17 @@ FeedbackWindow::FeedbackWindow(const QUrl &endpoint, QWidget *parent)
     m_message->setObjectName(QStringLiteral("messagePlainTextEdit"));
     m_message->setPlaceholderText(
         tr("What works, what doesn't, what you would like Corvel to do…"));
+    m_message->setTabChangesFocus(true); // Tab leaves the message, as in every other field
     m_includeLog = new QCheckBox(tr("Include the log (the last 100 lines)"), this);
     m_includeLog->setObjectName(QStringLiteral("includeLogCheckBox"));
     m_includeLog->setChecked(true);
+    auto *logNote = new QLabel(
+        tr("The log records what Corvel did: your speakers' names and their addresses on your "
+           "network, and the bridge's messages. It holds nothing of what you play."),
+        this);
+    logNote->setObjectName(QStringLiteral("logNoteLabel"));
+    logNote->setWordWrap(true);
+    logNote->setEnabled(false); // shown dimmed, as a remark on the box above
     m_status = new QLabel(this);
     m_status->setObjectName(QStringLiteral("statusLabel"));
     m_status->setWordWrap(true);
@@ -58,6 +66,7 @@ FeedbackWindow::FeedbackWindow(const QUrl &endpoint, QWidget *parent)
     layout->addWidget(new QLabel(tr("Message:"), this));
     layout->addWidget(m_message, 1);
     layout->addWidget(m_includeLog);
+    layout->addWidget(logNote);
     layout->addWidget(m_status);
     layout->addWidget(buttons);
 }
