@@ -270,11 +270,10 @@ void AppDelegate::updateStatusItem()
     if (!m_statusItem)
         return;
     // Icons are drawn once per look; the tray is told only of changes.
-    static std::map<TrayLook, QIcon> icons;
     const TrayLook look = trayLook();
-    auto icon = icons.find(look);
-    if (icon == icons.end())
-        icon = icons.emplace(look, trayIcon(look)).first;
+    auto icon = m_trayIcons.find(look);
+    if (icon == m_trayIcons.end())
+        icon = m_trayIcons.emplace(look, trayIcon(look)).first;
     if (m_statusItem->property("look").toInt() != int(look) + 1) {
         m_statusItem->setProperty("look", int(look) + 1);
         m_statusItem->setIcon(icon->second);

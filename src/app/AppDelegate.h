@@ -15,6 +15,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <QAction>
 #include <QElapsedTimer>
 #include <QHash>
@@ -212,7 +213,8 @@ private:
     std::function<void()> m_balloonAction; // what a click on the tray's balloon does
     QStringList m_lookedIn;                // where the missing bridge was looked for
     bool m_noTray = false;
-    bool m_gaveUp = false; // the bridge kept failing and Corvel stopped retrying
+    bool m_gaveUp = false;                 // the bridge kept failing and Corvel stopped retrying
+    std::map<TrayLook, QIcon> m_trayIcons; // drawn on first use
     std::function<QWidget *()> m_windowFactory;
     std::vector<NotificationCenter::Token> m_observers;
     bool m_toldBridgeMissing = false;
