@@ -49,6 +49,14 @@ protected:
     }
 };
 
+// Shows a window and puts it in front: each of Corvel's windows exists once.
+void bringForward(QWidget *window)
+{
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
 // A speaker's name as a menu item shows it: a lone "&" would become a keyboard mnemonic.
 QString menuItemText(QString name)
 {
@@ -274,8 +282,8 @@ void AppDelegate::updateStatusItem()
     auto icon = m_trayIcons.find(look);
     if (icon == m_trayIcons.end())
         icon = m_trayIcons.emplace(look, trayIcon(look)).first;
-    if (m_statusItem->property("look").toInt() != int(look) + 1) {
-        m_statusItem->setProperty("look", int(look) + 1);
+    if (m_shownLook != look) {
+        m_shownLook = look;
         m_statusItem->setIcon(icon->second);
     }
     const QString tip = toolTip();
@@ -384,9 +392,7 @@ void AppDelegate::showBridgeSetup()
         m_setupWindow->setAttribute(Qt::WA_DeleteOnClose);
         connect(m_setupWindow, &BridgeSetupWindow::installed, this, &AppDelegate::bridgeInstalled);
     }
-    m_setupWindow->show();
-    m_setupWindow->raise();
-    m_setupWindow->activateWindow();
+    bringForward(m_setupWindow);
 }
 
 void AppDelegate::bridgeInstalled()
@@ -533,9 +539,7 @@ void AppDelegate::showWindow()
         if (!m_preferencesWindow)
             return;
     }
-    m_preferencesWindow->show();
-    m_preferencesWindow->raise();
-    m_preferencesWindow->activateWindow();
+    bringForward(m_preferencesWindow);
 }
 
 void AppDelegate::onOffClicked()
@@ -648,9 +652,7 @@ void AppDelegate::showAbout()
         window->setMinimumWidth(420);
         m_aboutWindow = window;
     }
-    m_aboutWindow->show();
-    m_aboutWindow->raise();
-    m_aboutWindow->activateWindow();
+    bringForward(m_aboutWindow);
 }
 
 void AppDelegate::feedbackClicked()
@@ -660,9 +662,7 @@ void AppDelegate::feedbackClicked()
         m_feedbackWindow = new FeedbackWindow(QUrl(QStringLiteral(CORVEL_FEEDBACK_ENDPOINT)));
         m_feedbackWindow->setAttribute(Qt::WA_DeleteOnClose);
     }
-    m_feedbackWindow->show();
-    m_feedbackWindow->raise();
-    m_feedbackWindow->activateWindow();
+    bringForward(m_feedbackWindow);
 }
 
 void AppDelegate::quitClicked()

@@ -16,6 +16,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <QAction>
 #include <QElapsedTimer>
 #include <QHash>
@@ -215,6 +216,7 @@ private:
     bool m_noTray = false;
     bool m_gaveUp = false;                 // the bridge kept failing and Corvel stopped retrying
     std::map<TrayLook, QIcon> m_trayIcons; // drawn on first use
+    std::optional<TrayLook> m_shownLook;   // the look the tray icon has
     std::function<QWidget *()> m_windowFactory;
     std::vector<NotificationCenter::Token> m_observers;
     bool m_toldBridgeMissing = false;

@@ -5,7 +5,8 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDBusReply>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 
 namespace {
 const QString service = QStringLiteral("org.freedesktop.Notifications");
@@ -19,7 +20,7 @@ DesktopNotices::DesktopNotices(QObject *parent) : QObject(parent)
                                           this, SLOT(handleActionInvoked(uint, QString)));
 }
 
-bool DesktopNotices::show(const QString &title, const QString &message, const QString &actionLabel,
+void DesktopNotices::show(const QString &title, const QString &message, const QString &actionLabel,
                           std::function<void()> onAction)
 {
     QDBusMessage call =
@@ -32,17 +33,24 @@ bool DesktopNotices::show(const QString &title, const QString &message, const QS
          << message << actions
          << QVariantMap{{QStringLiteral("desktop-entry"), QStringLiteral("org.corvel.Corvel")}}
          << int(-1);
-    const QDBusReply<uint> reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 2000);
-    if (!reply.isValid()) {
-        logWarning(QStringLiteral("No notification service: ") + reply.error().message());
-        return false;
-    }
-    if (onAction) {
-        if (m_actions.size() >= maxActionsKept)
-            m_actions.erase(m_actions.begin());
-        m_actions[reply.value()] = std::move(onAction);
-    }
-    return true;
+    // Asked without waiting: the notification service may be slow or absent.
+    auto *watcher =
+        new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call, 2000), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this,
+            [this, watcher, onAction = std::move(onAction)](QDBusPendingCallWatcher *) mutable {
+                watcher->deleteLater();
+                const QDBusPendingReply<uint> reply = *watcher;
+                if (reply.isError()) {
+                    logWarning(QStringLiteral("No notification service: ") +
+                               reply.error().message());
+                    return;
+                }
+                if (!onAction)
+                    return;
+                if (m_actions.size() >= maxActionsKept)
+                    m_actions.erase(m_actions.begin());
+                m_actions[reply.value()] = std::move(onAction);
+            });
 }
 
 void DesktopNotices::handleActionInvoked(uint id, const QString &)

@@ -15,8 +15,8 @@ class DesktopNotices : public QObject
 public:
     explicit DesktopNotices(QObject *parent = nullptr);
     // Shows the notice; onAction runs when the user picks actionLabel (or clicks the notice).
-    // False when no notification service answers.
-    bool show(const QString &title, const QString &message, const QString &actionLabel = {},
+    // Without a notification service it is only logged.
+    void show(const QString &title, const QString &message, const QString &actionLabel = {},
               std::function<void()> onAction = {});
 
 private slots:

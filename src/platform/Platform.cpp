@@ -54,19 +54,9 @@ void Platform::whenTrayHostRegistered(std::function<void(bool)> done)
         QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
     message << QStringLiteral("org.kde.StatusNotifierWatcher")
             << QStringLiteral("IsStatusNotifierHostRegistered");
-    const QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [done] { done(xembedTrayRuns()); }, Qt::QueuedConnection);
-        return;
-    }
-    auto *watcher =
-        new QDBusPendingCallWatcher(bus.asyncCall(message, 1000), QCoreApplication::instance());
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
-                     [watcher, done](QDBusPendingCallWatcher *) {
-                         const QDBusPendingReply<QDBusVariant> reply = *watcher;
-                         watcher->deleteLater();
-                         const bool host = !reply.isError() && reply.value().variant().toBool();
-                         done(host || xembedTrayRuns());
-                     });
+    callWithoutWaiting(QDBusConnection::sessionBus(), message, [done](const QDBusMessage &reply) {
+        const bool host = reply.type() == QDBusMessage::ReplyMessage &&
+                          reply.arguments().value(0).value<QDBusVariant>().variant().toBool();
+        done(host || xembedTrayRuns());
+    });
 }

@@ -258,12 +258,12 @@ void ViewController::updateStartStopButton()
     const bool nothingFound =
         !stoppedByUser && std::none_of(devices.begin(), devices.end(),
                                        [](const auto &entry) { return isListed(entry.second); });
-    const bool missing = !stoppedByUser && !searching && m_controls.bridgeMissing();
-    const QString title = m_canStop      ? QStringLiteral("Stop")
-                          : searching    ? QStringLiteral("Searching...")
-                          : missing      ? QStringLiteral("Install Bridge…")
-                          : nothingFound ? QStringLiteral("Search Again")
-                                         : QStringLiteral("Start");
+    m_offersSetup = !stoppedByUser && !m_canStop && !searching && m_controls.bridgeMissing();
+    const QString title = m_canStop       ? QStringLiteral("Stop")
+                          : searching     ? QStringLiteral("Searching...")
+                          : m_offersSetup ? QStringLiteral("Install Bridge…")
+                          : nothingFound  ? QStringLiteral("Search Again")
+                                          : QStringLiteral("Start");
     const bool enabled = !searching;
     m_ui->startStopButton->setText(title);
     m_ui->startStopButton->setEnabled(enabled);
@@ -278,7 +278,7 @@ void ViewController::startStopClicked()
 {
     if (m_canStop) {
         m_controls.stopBridge();
-    } else if (m_controls.bridgeMissing() && !m_controls.searchRunning()) {
+    } else if (m_offersSetup) {
         m_controls.setUpBridge();
     } else {
         m_controls.startSearching();

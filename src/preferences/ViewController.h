@@ -76,6 +76,7 @@ private:
     std::vector<NotificationCenter::Token> m_listeners;
     bool m_reloadPending = false;
     bool m_canStop = false;
+    bool m_offersSetup = false; // the button opens the bridge setup
     bool m_closingQuits = false;
     QLabel *m_noTrayLabel = nullptr;
     QNetworkAccessManager m_network;
