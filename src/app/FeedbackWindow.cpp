@@ -3,6 +3,7 @@
 
 #include "AtomicFile.h"
 #include "Log.h"
+#include "LogExport.h"
 
 #include <QCheckBox>
 #include <QDialogButtonBox>
@@ -13,7 +14,6 @@
 #include <QNetworkReply>
 #include <QPlainTextEdit>
 #include <QPushButton>
-#include <QStandardPaths>
 #include <QUrlQuery>
 #include <QVBoxLayout>
 
@@ -86,7 +86,7 @@ void FeedbackWindow::sendClicked()
         auto *dialog = new QFileDialog(this, tr("Save Feedback"));
         dialog->setAttribute(Qt::WA_DeleteOnClose);
         dialog->setAcceptMode(QFileDialog::AcceptSave);
-        dialog->setDirectory(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation));
+        dialog->setDirectory(LogExport::saveFolder());
         dialog->selectFile(QStringLiteral("corvel-feedback.txt"));
         connect(dialog, &QFileDialog::fileSelected, this, &FeedbackWindow::saveTo);
         dialog->open();

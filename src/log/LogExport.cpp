@@ -4,6 +4,15 @@
 #include "AtomicFile.h"
 #include "Log.h"
 
+#include <QDir>
+#include <QStandardPaths>
+
+QString LogExport::saveFolder()
+{
+    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    return !documents.isEmpty() && QDir(documents).exists() ? documents : QDir::homePath();
+}
+
 QString LogExport::suggestedFileName(const QDateTime &localTime)
 {
     // Qt's "hh" is the 24-hour clock unless AM/PM is shown, so the 12-hour hour is built here.

@@ -12,6 +12,9 @@ constexpr int exportedLines = 1000;
 // "corvel-log-" + yyyyMMdd-hhmmss (12-hour clock, no AM/PM) of the given local time + ".txt".
 QString suggestedFileName(const QDateTime &localTime);
 
+// Where save dialogs start: the Documents folder where there is one, else the home folder.
+QString saveFolder();
+
 // Writes text to path as UTF-8, atomically; on failure returns false and fills *error.
 bool writeText(const QString &path, const QString &text, QString *error);
 

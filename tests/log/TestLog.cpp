@@ -3,6 +3,7 @@
 #include "LogExport.h"
 #include "TestSupport.h"
 
+#include <QDir>
 #include <QTemporaryDir>
 #include <thread>
 
@@ -153,6 +154,15 @@ void TestLog::exportNameAndWrite()
     QVERIFY(exported.readAll().endsWith("[Info][default] exported"));
     QVERIFY(!LogExport::writeText(dir.filePath(QStringLiteral("missing/") + name), {}, &error));
     QVERIFY(!error.isEmpty());
+    // Save dialogs start in Documents, or at home where there is no such folder.
+    const QByteArray home = qgetenv("HOME");
+    qputenv("HOME", dir.path().toUtf8());
+    const QString withoutDocuments = LogExport::saveFolder();
+    QDir(dir.path()).mkdir(QStringLiteral("Documents"));
+    const QString withDocuments = LogExport::saveFolder();
+    qputenv("HOME", home);
+    QCOMPARE(withoutDocuments, dir.path());
+    QCOMPARE(withDocuments, dir.filePath(QStringLiteral("Documents")));
 }
 
 QTEST_GUILESS_MAIN(TestLog)
