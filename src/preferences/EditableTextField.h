@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// A line edit that claims the editing shortcuts (Ctrl+X, C, V, Z, A and Ctrl+Shift+Z) before
-// the window's own shortcuts and menus can take them, and performs them on itself.
+// A line edit for names edited in place. It claims the editing shortcuts (Ctrl+X, C, V, Z, A
+// and Ctrl+Shift+Z) before the window's own shortcuts and menus can take them, and performs
+// them on itself. An edit begins when the field takes focus: Return, Enter or leaving the
+// field commits it, Escape puts back the text it began with.
 #pragma once
 
 #include <QLineEdit>
@@ -12,12 +14,29 @@ class EditableTextField : public QLineEdit
 public:
     using QLineEdit::QLineEdit;
 
+    bool isEditing() const { return m_editing; }
+
+signals:
+    void editBegan();
+    // Return or Enter (byKey true), or focus moved elsewhere.
+    void editCommitted(bool byKey);
+    // Escape: the text is back to what it was when the edit began.
+    void editCancelled();
+
 protected:
     bool event(QEvent *event) override;
+    void focusInEvent(QFocusEvent *event) override;
+    void focusOutEvent(QFocusEvent *event) override;
 
 private:
     enum class Action { None, Cut, Copy, Paste, Undo, SelectAll, Redo };
     static Action actionFor(const QKeyEvent *event);
     // Performs the action if it can be performed now; returns whether it was.
     bool perform(Action action);
+    // Return, Enter and Escape without modifiers end an edit.
+    static bool endsEdit(const QKeyEvent *event);
+    void endEditByKey(const QKeyEvent *event);
+
+    bool m_editing = false;
+    QString m_textAtStart;
 };

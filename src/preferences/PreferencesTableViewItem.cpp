@@ -7,16 +7,17 @@
 #include "Notifications.h"
 #include "Settings.h"
 
-#include <QToolTip>
-
 #include <QCheckBox>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QPainter>
+#include <QTimer>
+#include <QToolTip>
 #include <QVBoxLayout>
 
 PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> settings,
-                                                   QWidget *parent)
-    : QWidget(parent), m_settings(std::move(settings))
+                                                   std::optional<QUrl> location, QWidget *parent)
+    : QWidget(parent), deviceLocation(std::move(location)), m_settings(std::move(settings))
 {
     setObjectName(QStringLiteral("speakerRowWidget"));
     m_noSpeakersFound = new QLabel(tr("No speakers found yet. Corvel searches the network when it "
@@ -27,8 +28,11 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
     m_noSpeakersFound->setAlignment(Qt::AlignCenter);
     m_noSpeakersFound->setEnabled(false);
 
+    // The list has the keyboard (Space toggles, F2 renames): the row's controls take no Tab
+    // stops, the name field only a click.
     m_checkbox = new QCheckBox(this);
     m_checkbox->setObjectName(QStringLiteral("enabledCheckBox"));
+    m_checkbox->setFocusPolicy(Qt::NoFocus);
     m_checkbox->setToolTip(tr("Offer this speaker as an AirPlay sound output"));
     m_icon = new QLabel(this);
     m_icon->setObjectName(QStringLiteral("iconLabel"));
@@ -36,15 +40,27 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
     m_icon->setScaledContents(true);
     m_titleField = new EditableTextField(this);
     m_titleField->setObjectName(QStringLiteral("titleLineEdit"));
+    m_titleField->setFocusPolicy(Qt::ClickFocus);
+    m_titleField->setAccessibleName(tr("Speaker name"));
     m_titleField->setToolTip(tr("The name this speaker is announced under"));
     m_titleField->setFrame(false);
     m_subtitleLabel = new QLabel(this);
     m_subtitleLabel->setObjectName(QStringLiteral("subtitleLabel"));
     m_subtitleLabel->setForegroundRole(QPalette::PlaceholderText);
+    m_lengthLabel = new QLabel(this);
+    m_lengthLabel->setObjectName(QStringLiteral("lengthLabel"));
+    m_lengthLabel->setForegroundRole(QPalette::PlaceholderText);
+    m_lengthLabel->setToolTip(tr("A name can be up to %1 bytes: most letters take one, accented "
+                                 "letters two, emoji four.")
+                                  .arg(maxSpeakerNameBytes));
+    m_lengthLabel->hide();
 
+    auto *name = new QHBoxLayout;
+    name->addWidget(m_titleField, 1);
+    name->addWidget(m_lengthLabel);
     auto *texts = new QVBoxLayout;
     texts->setSpacing(0);
-    texts->addWidget(m_titleField);
+    texts->addLayout(name);
     texts->addWidget(m_subtitleLabel);
     auto *row = new QHBoxLayout(this);
     row->setContentsMargins(8, 4, 8, 4);
@@ -53,10 +69,26 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
     row->addLayout(texts, 1);
     row->addWidget(m_noSpeakersFound, 1);
 
-    connect(m_titleField, &QLineEdit::editingFinished, this,
-            &PreferencesTableViewItem::titleEdited);
+    connect(m_titleField, &EditableTextField::editBegan, this, [this] {
+        updateLengthLabel();
+        m_lengthLabel->show();
+    });
+    connect(m_titleField, &QLineEdit::textEdited, this,
+            &PreferencesTableViewItem::updateLengthLabel);
+    connect(m_titleField, &EditableTextField::editCommitted, this, [this](bool byKey) {
+        m_lengthLabel->hide();
+        titleEdited();
+        if (byKey)
+            emit renameEndedByKey();
+        emit renameEnded();
+    });
+    connect(m_titleField, &EditableTextField::editCancelled, this, [this] {
+        m_lengthLabel->hide();
+        emit renameEndedByKey();
+        emit renameEnded();
+    });
     connect(m_checkbox, &QCheckBox::clicked, this, &PreferencesTableViewItem::checkboxClicked);
-    setNoSpeakersFound(true);
+    setNoSpeakersFound(!deviceLocation);
 }
 
 void PreferencesTableViewItem::setNoSpeakersFound(bool noSpeakers)
@@ -68,24 +100,90 @@ void PreferencesTableViewItem::setNoSpeakersFound(bool noSpeakers)
         control->setVisible(!noSpeakers);
 }
 
+void PreferencesTableViewItem::fill(const DeviceSettings &record)
+{
+    // A name being edited is the user's until the edit ends.
+    if (!isRenaming() && m_titleField->text() != record.name) {
+        m_titleField->setText(record.name);
+        m_titleField->setCursorPosition(0); // a long name shows its start
+    }
+    m_subtitleLabel->setText(record.info.friendlyName.value_or(record.info.location.host()));
+    // The row shows the record's choice, so the window and the tray's check marks agree.
+    m_checkbox->setChecked(record.enabled);
+    m_checkbox->setAccessibleName(tr("Offer %1").arg(record.name));
+    m_icon->setAccessibleName(tr("Icon of %1").arg(record.name));
+}
+
+void PreferencesTableViewItem::setCurrent(bool current)
+{
+    if (std::exchange(m_current, current) != current)
+        update();
+}
+
+void PreferencesTableViewItem::paintEvent(QPaintEvent *event)
+{
+    QWidget::paintEvent(event);
+    if (!m_current)
+        return;
+    // A tint and an outline in the highlight colour: the texts keep their own colours, so
+    // they stay readable on light and dark themes.
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QColor fill = palette().color(QPalette::Highlight);
+    painter.setPen(QPen(fill, 1.5));
+    fill.setAlpha(40);
+    painter.setBrush(fill);
+    painter.drawRoundedRect(QRectF(rect()).adjusted(1.5, 1.5, -1.5, -1.5), 4, 4);
+}
+
+void PreferencesTableViewItem::beginRename()
+{
+    if (!deviceLocation)
+        return;
+    m_titleField->setFocus(Qt::OtherFocusReason);
+    m_titleField->selectAll();
+}
+
+bool PreferencesTableViewItem::isRenaming() const
+{
+    return m_titleField->isEditing();
+}
+
+void PreferencesTableViewItem::updateLengthLabel()
+{
+    const int left = maxSpeakerNameBytes - int(m_titleField->text().toUtf8().size());
+    m_lengthLabel->setText(left >= 0 ? tr("%n left", nullptr, left)
+                                     : tr("%n too many", nullptr, -left));
+    m_lengthLabel->setForegroundRole(left >= 0 ? QPalette::PlaceholderText : QPalette::Link);
+}
+
+void PreferencesTableViewItem::refuseName(const QString &hint)
+{
+    const auto record = m_settings().devices.find(*deviceLocation);
+    if (record != m_settings().devices.end())
+        m_titleField->setText(record->second.name);
+    m_titleField->setCursorPosition(0);
+    m_titleField->setToolTip(hint);
+    // Shown once the field has its final place (a commit by focus loss may move the row).
+    QTimer::singleShot(0, m_titleField, [field = m_titleField, hint] {
+        QToolTip::showText(field->mapToGlobal(QPoint(0, field->height())), hint, field);
+    });
+}
+
 void PreferencesTableViewItem::titleEdited()
 {
     if (!deviceLocation)
         return;
     // Text is taken as typed, spaces included, up to the length the bridge can announce; an
     // unchanged name and a speaker that is gone are ignored by the settings.
-    if (const auto problem = speakerNameProblem(m_titleField->text())) {
+    const QString name = m_titleField->text();
+    if (const auto problem = speakerNameProblem(name)) {
         logWarning(QStringLiteral("preferences"), *problem);
-        const auto record = m_settings().devices.find(*deviceLocation);
-        if (record != m_settings().devices.end())
-            m_titleField->setText(record->second.name);
-        m_titleField->setToolTip(*problem);
-        QToolTip::showText(m_titleField->mapToGlobal(QPoint(0, m_titleField->height())), *problem,
-                           m_titleField);
+        refuseName(*speakerNameProblem(name, true));
         return;
     }
-    m_titleField->setToolTip(QString());
-    if (m_settings().renameDevice(*deviceLocation, m_titleField->text()))
+    m_titleField->setToolTip(tr("The name this speaker is announced under"));
+    if (m_settings().renameDevice(*deviceLocation, name))
         NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
 }
 

@@ -14,8 +14,8 @@
 #include <QBoxLayout>
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QCollator>
 #include <QDateTime>
-#include <QDir>
 #include <QFileDialog>
 #include <QHideEvent>
 #include <QLabel>
@@ -24,8 +24,11 @@
 #include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QPointer>
+#include <QResizeEvent>
+#include <QSet>
+#include <QShortcut>
 #include <QShowEvent>
-#include <QStandardPaths>
+#include <QTimer>
 
 namespace {
 const QString category = QStringLiteral("preferences");
@@ -46,6 +49,19 @@ ViewController::ViewController(Controls &controls, Platform platform, QWidget *p
     connect(m_ui->saveLogButton, &QPushButton::clicked, this, &ViewController::saveLogClicked);
     connect(m_ui->soundOutputsCheckBox, &QCheckBox::clicked, this,
             &ViewController::soundOutputsChecked);
+    QListWidget *table = m_ui->tableView;
+    table->installEventFilter(this);
+    table->viewport()->installEventFilter(this);
+    connect(table, &QListWidget::currentItemChanged, this, &ViewController::showCurrentRow);
+    // Ctrl+W closes, and Escape too unless closing quits Corvel (a name being edited takes
+    // Escape first).
+    auto *close = new QShortcut(QKeySequence::Close, this);
+    connect(close, &QShortcut::activated, this, &QWidget::close);
+    auto *escape = new QShortcut(Qt::Key_Escape, this);
+    connect(escape, &QShortcut::activated, this, [this] {
+        if (!m_closingQuits)
+            this->close();
+    });
     logInfo(category, QStringLiteral("viewDidLoad"));
     reloadData();
 }
@@ -127,8 +143,13 @@ void ViewController::viewWillAppear()
                 self->reloadData();
         });
     });
-    // After a search that found nothing, the button offers to search again at once.
-    observe(Notifications::discoveryComplete, buttonAndSpinner);
+    // After a search that found nothing, the button offers to search again at once; the
+    // speakers it did not find again lose their rows.
+    observe(Notifications::discoveryComplete, [](ViewController *v) {
+        v->reloadData();
+        v->updateStartStopButton();
+        v->updateSpinner();
+    });
     observe(Notifications::serviceStarted, buttonAndSpinner);
     observe(Notifications::serviceReady, buttonAndSpinner);
     observe(Notifications::serviceTerminated, buttonAndSpinner);
@@ -170,43 +191,124 @@ std::vector<DeviceSettings> ViewController::listedDevices() const
 
 void ViewController::reloadData()
 {
-    QListWidget *table = m_ui->tableView;
-    const std::vector<DeviceSettings> listed = listedDevices();
-    const int rows = std::max<int>(1, int(listed.size()));
-    while (table->count() > rows)
-        delete table->takeItem(table->count() - 1);
-    while (table->count() < rows) {
-        auto *item = new QListWidgetItem(table);
-        auto *rowView = new PreferencesTableViewItem(
-            [this]() -> Settings & { return m_controls.settings(); }, table);
-        item->setSizeHint(QSize(0, 52));
-        table->setItemWidget(item, rowView);
+    const DeviceMap &devices = m_controls.settings().devices;
+    for (auto item = m_items.cbegin(); item != m_items.cend(); ++item) {
+        const auto record = devices.find(item.key());
+        if (record != devices.end())
+            fillRow(item.value(), record->second);
     }
-    for (int i = 0; i < rows; ++i)
-        fillRow(row(i), i < int(listed.size()) ? &listed[size_t(i)] : nullptr);
+    layoutRows();
 }
 
-void ViewController::fillRow(PreferencesTableViewItem *rowView, const DeviceSettings *record)
+bool ViewController::isRenaming() const
 {
-    if (!record) {
-        rowView->setNoSpeakersFound(true);
+    const auto *field = qobject_cast<const EditableTextField *>(focusWidget());
+    return field && field->isEditing();
+}
+
+void ViewController::layoutRows()
+{
+    if (isRenaming() || m_pointerInList) {
+        m_layoutPending = true;
         return;
     }
-    rowView->setNoSpeakersFound(false);
+    m_layoutPending = false;
+    QListWidget *table = m_ui->tableView;
+    const DeviceMap &devices = m_controls.settings().devices;
+    const bool searching = m_controls.searchRunning();
+    std::vector<const DeviceMap::value_type *> shown;
+    for (const auto &entry : devices) {
+        if (isListed(entry.second) || (searching && m_items.contains(entry.first.url)))
+            shown.push_back(&entry);
+    }
+    // Qt compares plainly in the C locale, numbers included: natural order needs a language.
+    const QLocale locale;
+    QCollator collator(locale.language() == QLocale::C ? QLocale(QLocale::English) : locale);
+    collator.setNumericMode(true);
+    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    std::stable_sort(shown.begin(), shown.end(), [&collator](const auto *a, const auto *b) {
+        return collator.compare(a->second.name, b->second.name) < 0;
+    });
+
+    QSet<QUrl> keep;
+    for (const auto *entry : shown)
+        keep.insert(entry->first.url);
+    for (auto item = m_items.begin(); item != m_items.end();) {
+        if (keep.contains(item.key())) {
+            ++item;
+            continue;
+        }
+        delete table->takeItem(table->row(item.value()));
+        item = m_items.erase(item);
+    }
+    if (!shown.empty() && m_noSpeakersItem)
+        delete table->takeItem(table->row(std::exchange(m_noSpeakersItem, nullptr)));
+    for (int index = 0; index < int(shown.size()); ++index) {
+        const auto &[key, record] = *shown[size_t(index)];
+        const auto item = m_items.constFind(key.url);
+        if (item == m_items.cend()) {
+            addRow(index, key.url, record);
+            continue;
+        }
+        // Moved, not made again: the row keeps its widget, its focus and its icon.
+        const int from = table->row(*item);
+        if (from != index)
+            table->model()->moveRow(QModelIndex(), from, QModelIndex(),
+                                    from < index ? index + 1 : index);
+    }
+    if (shown.empty() && !m_noSpeakersItem) {
+        m_noSpeakersItem = new QListWidgetItem(table);
+        m_noSpeakersItem->setFlags(Qt::NoItemFlags);
+        m_noSpeakersItem->setSizeHint(table->viewport()->size());
+        table->setItemWidget(
+            m_noSpeakersItem,
+            new PreferencesTableViewItem([this]() -> Settings & { return m_controls.settings(); },
+                                         std::nullopt, table));
+    }
+    showCurrentRow();
+}
+
+QListWidgetItem *ViewController::addRow(int index, const QUrl &location,
+                                        const DeviceSettings &record)
+{
+    QListWidget *table = m_ui->tableView;
+    auto *item = new QListWidgetItem;
+    item->setSizeHint(QSize(0, 52));
+    table->insertItem(index, item);
+    auto *rowView = new PreferencesTableViewItem(
+        [this]() -> Settings & { return m_controls.settings(); }, location, table);
+    table->setItemWidget(item, rowView);
+    m_items.insert(location, item);
+    fillRow(item, record);
+    connect(rowView, &PreferencesTableViewItem::renameEnded, this, [this] {
+        // Once focus has settled: it may have gone into another row's name.
+        QTimer::singleShot(0, this, [this] {
+            if (m_layoutPending)
+                layoutRows();
+        });
+    });
+    connect(rowView, &PreferencesTableViewItem::renameEndedByKey, table,
+            qOverload<>(&QWidget::setFocus));
+    connect(rowView->titleField(), &EditableTextField::editBegan, this, [this, item] {
+        m_ui->tableView->setCurrentItem(item);
+        m_ui->tableView->scrollToItem(item);
+    });
+    return item;
+}
+
+void ViewController::fillRow(QListWidgetItem *item, const DeviceSettings &record)
+{
+    auto *rowView = qobject_cast<PreferencesTableViewItem *>(m_ui->tableView->itemWidget(item));
+    rowView->fill(record);
+    item->setData(Qt::AccessibleTextRole, record.name);
     // Corvel's own speaker stands in until (or unless) the speaker's icon arrives; it is
     // drawn once, not for every row of every reload.
     if (m_placeholder.isNull())
         m_placeholder = QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(32, 32);
-    rowView->icon()->setPixmap(m_placeholder);
-    if (!record->info.iconList.empty() && record->info.iconList.front()->url)
-        loadIcon(*record->info.iconList.front()->url, rowView);
-    if (!rowView->titleField()->hasFocus())
-        rowView->titleField()->setText(record->name);
-    rowView->subtitleLabel()->setText(
-        record->info.friendlyName.value_or(record->info.location.host()));
-    rowView->deviceLocation = record->info.location;
-    // The row shows the record's choice, so the window and the tray's check marks agree.
-    rowView->checkbox()->setChecked(record->enabled);
+    if (rowView->icon()->pixmap().isNull())
+        rowView->icon()->setPixmap(m_placeholder);
+    if (!record.info.iconList.empty() && record.info.iconList.front()->url)
+        loadIcon(*record.info.iconList.front()->url, rowView);
 }
 
 void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView)
@@ -237,6 +339,71 @@ void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView
     });
 }
 
+bool ViewController::eventFilter(QObject *watched, QEvent *event)
+{
+    QListWidget *table = m_ui->tableView;
+    if (watched == table) {
+        if (event->type() == QEvent::KeyPress)
+            return tableKeyPressed(static_cast<QKeyEvent *>(event));
+        if (event->type() == QEvent::FocusIn || event->type() == QEvent::FocusOut)
+            showCurrentRow();
+    } else if (watched == table->viewport()) {
+        switch (event->type()) {
+        case QEvent::Enter:
+            m_pointerInList = true;
+            break;
+        case QEvent::Leave:
+            m_pointerInList = false;
+            if (m_layoutPending)
+                layoutRows();
+            break;
+        case QEvent::Resize:
+            // The no-speakers text is centred in the whole list.
+            if (m_noSpeakersItem)
+                m_noSpeakersItem->setSizeHint(static_cast<QResizeEvent *>(event)->size());
+            break;
+        default:
+            break;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+bool ViewController::tableKeyPressed(const QKeyEvent *event)
+{
+    QListWidgetItem *item = m_ui->tableView->currentItem();
+    auto *rowView = item ? row(m_ui->tableView->row(item)) : nullptr;
+    if (!rowView || !rowView->deviceLocation || event->modifiers() != Qt::NoModifier)
+        return false;
+    switch (event->key()) {
+    case Qt::Key_Space:
+        rowView->checkbox()->click();
+        return true;
+    case Qt::Key_F2:
+    case Qt::Key_Return:
+    case Qt::Key_Enter:
+        m_ui->tableView->scrollToItem(item);
+        rowView->beginRename();
+        return true;
+    default:
+        return false;
+    }
+}
+
+void ViewController::showCurrentRow()
+{
+    QListWidget *table = m_ui->tableView;
+    QListWidgetItem *item = table->currentItem();
+    PreferencesTableViewItem *current = item && table->hasFocus() ? row(table->row(item)) : nullptr;
+    if (m_shownCurrent == current)
+        return;
+    if (m_shownCurrent)
+        m_shownCurrent->setCurrent(false);
+    m_shownCurrent = current;
+    if (current)
+        current->setCurrent(true);
+}
+
 PreferencesTableViewItem *ViewController::row(int index) const
 {
     return qobject_cast<PreferencesTableViewItem *>(
@@ -259,11 +426,11 @@ void ViewController::updateStartStopButton()
         !stoppedByUser && std::none_of(devices.begin(), devices.end(),
                                        [](const auto &entry) { return isListed(entry.second); });
     m_offersSetup = !stoppedByUser && !m_canStop && !searching && m_controls.bridgeMissing();
-    const QString title = m_canStop       ? QStringLiteral("Stop")
-                          : searching     ? QStringLiteral("Searching...")
-                          : m_offersSetup ? QStringLiteral("Install Bridge…")
-                          : nothingFound  ? QStringLiteral("Search Again")
-                                          : QStringLiteral("Start");
+    const QString title = m_canStop       ? tr("&Stop")
+                          : searching     ? tr("Searching...")
+                          : m_offersSetup ? tr("&Install Bridge…")
+                          : nothingFound  ? tr("Search &Again")
+                                          : tr("&Start");
     const bool enabled = !searching;
     m_ui->startStopButton->setText(title);
     m_ui->startStopButton->setEnabled(enabled);
@@ -347,9 +514,7 @@ void ViewController::saveLogClicked()
     dialog->setObjectName(QStringLiteral("saveLogFileDialog"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setAcceptMode(QFileDialog::AcceptSave);
-    // Documents where there is such a folder, else the home folder.
-    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
-    dialog->setDirectory(QDir(documents).exists() ? documents : QDir::homePath());
+    dialog->setDirectory(LogExport::saveFolder());
     dialog->selectFile(LogExport::suggestedFileName(QDateTime::currentDateTime()));
     connect(dialog, &QFileDialog::fileSelected, this, &ViewController::saveLogTo);
     dialog->open();
@@ -363,7 +528,7 @@ void ViewController::saveLogTo(const QString &path)
     auto *alert =
         new QMessageBox(QMessageBox::Warning, tr("Error"), tr("Error"), QMessageBox::Ok, this);
     alert->setObjectName(QStringLiteral("saveLogErrorMessageBox"));
-    alert->setInformativeText(QStringLiteral("Failed to save log file: ") + error);
+    alert->setInformativeText(tr("Failed to save log file: %1").arg(error));
     alert->setAttribute(Qt::WA_DeleteOnClose);
     alert->open();
 }

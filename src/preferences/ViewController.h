@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The preferences window: the speaker table, start/stop with its spinner, start at login and
 // saving the log. It keeps no model: it reads the shared state each time it draws and redraws
-// on the events that may change it while it is shown.
+// on the events that may change it while it is shown. The table has one row per speaker,
+// kept for as long as the speaker is listed and updated in place; rows are added, removed
+// and reordered only while the user is neither renaming nor pointing into the list.
 #pragma once
 
 #include "Controls.h"
@@ -13,13 +15,16 @@
 #include <QHash>
 #include <QNetworkAccessManager>
 #include <QPixmap>
+#include <QPointer>
 #include <QWidget>
 
 namespace Ui {
 class ViewController;
 }
 class PreferencesTableViewItem;
+class QKeyEvent;
 class QLabel;
+class QListWidgetItem;
 
 class ViewController : public QWidget
 {
@@ -32,7 +37,9 @@ public:
 
     // The speakers with a row: active group coordinators, in location order.
     std::vector<DeviceSettings> listedDevices() const;
-    // Rebuilds the rows (at least one).
+    // Brings the rows in line with the settings: each row's texts at once, the set of rows and
+    // their order (natural order of the names) as soon as that disturbs nobody. While a
+    // search runs, speakers listed before it keep their rows until it ends.
     void reloadData();
     void updateStartStopButton();
     void updateSpinner();
@@ -54,6 +61,8 @@ public:
     int observerCount() const { return int(m_listeners.size()); }
     PreferencesTableViewItem *row(int index) const;
     int rowCount() const;
+    // Whether rows wait to be added, removed or moved.
+    bool layoutPending() const { return m_layoutPending; }
 
 signals:
     // The window was closed while closing quits Corvel.
@@ -61,20 +70,34 @@ signals:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
     void showEvent(QShowEvent *event) override;
     void hideEvent(QHideEvent *event) override;
 
 private:
     void viewWillAppear();
     void viewDidDisappear();
-    void fillRow(PreferencesTableViewItem *row, const DeviceSettings *record);
+    void fillRow(QListWidgetItem *item, const DeviceSettings &record);
     void loadIcon(const QUrl &url, PreferencesTableViewItem *row);
+    // Adds, removes and orders the rows, unless the user is renaming or pointing into the list.
+    void layoutRows();
+    QListWidgetItem *addRow(int index, const QUrl &location, const DeviceSettings &record);
+    bool isRenaming() const;
+    // Space toggles the current row, F2, Return and Enter rename it.
+    bool tableKeyPressed(const QKeyEvent *event);
+    // Draws the current row as such while the list has the keyboard.
+    void showCurrentRow();
 
     Controls &m_controls;
     Platform m_platform;
     std::unique_ptr<Ui::ViewController> m_ui;
     std::vector<NotificationCenter::Token> m_listeners;
     bool m_reloadPending = false;
+    bool m_layoutPending = false;
+    bool m_pointerInList = false;
+    QHash<QUrl, QListWidgetItem *> m_items; // the speakers' rows by location
+    QListWidgetItem *m_noSpeakersItem = nullptr;
+    QPointer<PreferencesTableViewItem> m_shownCurrent;
     bool m_canStop = false;
     bool m_offersSetup = false; // the button opens the bridge setup
     bool m_closingQuits = false;

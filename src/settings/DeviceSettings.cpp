@@ -3,15 +3,23 @@
 
 #include "JsonReader.h"
 
-std::optional<QString> speakerNameProblem(const QString &name)
+#include <QCoreApplication>
+
+std::optional<QString> speakerNameProblem(const QString &name, bool translated)
 {
+    const auto text = [translated](const char *source) {
+        return translated ? QCoreApplication::translate("DeviceSettings", source)
+                          : QString::fromUtf8(source);
+    };
     if (name.trimmed().isEmpty())
-        return QStringLiteral("A speaker needs a name: the old one stays.");
+        return text(
+            QT_TRANSLATE_NOOP("DeviceSettings", "A speaker needs a name: the old one stays."));
     const qsizetype bytes = name.toUtf8().size();
     if (bytes <= maxSpeakerNameBytes)
         return std::nullopt;
-    return QStringLiteral("A speaker name can be at most %1 bytes long (about %1 letters, fewer "
-                          "with accents or emoji); \"%2\" has %3.")
+    return text(QT_TRANSLATE_NOOP("DeviceSettings",
+                                  "A speaker name can be at most %1 bytes long (about %1 letters, "
+                                  "fewer with accents or emoji); \"%2\" has %3."))
         .arg(maxSpeakerNameBytes)
         .arg(name)
         .arg(bytes);

@@ -27,7 +27,8 @@ struct DeviceSettings
 
 // The longest speaker name the bridge can announce, in bytes of UTF-8.
 constexpr int maxSpeakerNameBytes = 50;
-// Why name cannot be a speaker's name, for the user; nothing when it can.
-std::optional<QString> speakerNameProblem(const QString &name);
+// Why name cannot be a speaker's name, nothing when it can: in English for the log, or in the
+// user's language for a window or the command line.
+std::optional<QString> speakerNameProblem(const QString &name, bool translated = false);
 
 using DeviceMap = std::map<LocationKey, DeviceSettings>;

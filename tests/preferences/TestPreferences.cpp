@@ -1,17 +1,23 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The preferences window with the controller faked behind its Controls interface.
+#include "AppDelegate.h"
+#include "AppServices.h"
 #include "EditableTextField.h"
 #include "FakePlatform.h"
 #include "Notifications.h"
 #include "PreferencesTableViewItem.h"
 #include "Settings.h"
 #include "TestSupport.h"
+#include "Translations.h"
 #include "ViewController.h"
 
+#include <QAbstractButton>
+#include <QAccessible>
 #include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QLabel>
+#include <QListWidget>
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
@@ -19,6 +25,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <QXmlStreamReader>
 
 namespace {
 QUrl location(int n)
@@ -54,11 +61,11 @@ struct FakeControls : Controls
         bridge = false;
         ++bridgeStops;
     }
-    void add(int n, bool coordinator = true, bool active = true)
+    void add(int n, bool coordinator = true, bool active = true, const QString &room = {})
     {
         DeviceInfo info;
         info.location = location(n);
-        info.roomName = QStringLiteral("Room %1").arg(n);
+        info.roomName = room.isEmpty() ? QStringLiteral("Room %1").arg(n) : room;
         info.displayName = QStringLiteral("One");
         document->mergeDiscoveredSpeaker(info, DeviceTopology{coordinator, QStringLiteral("G")});
         document->devices.at(location(n)).active = active;
@@ -68,7 +75,18 @@ struct FakeControls : Controls
 void settle()
 {
     for (int i = 0; i < 5; ++i)
-        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+}
+
+void post(const QString &name)
+{
+    NotificationCenter::defaultCenter().post(name);
+    settle();
+}
+
+QString nameOf(FakeControls &controls, int n)
+{
+    return controls.settings().devices.at(location(n)).name;
 }
 } // namespace
 
@@ -81,17 +99,38 @@ private slots:
     void cleanup();
     void rows_data();
     void rows();
+    void rowsStayPutDuringASearch();
+    void renameStaysWithItsSpeaker_data();
+    void renameStaysWithItsSpeaker();
+    void names_data();
+    void names();
+    void keyboard();
+    void everyControlHasAnAccessibleName();
     void iconsAreFetchedOnce();
     void button_data();
     void button();
     void buttonFollowsBridgeEventsOnly();
     void startStopAndObservers();
-    void editsGoToTheSpeakersRecord();
     void startAtLoginAndSoundOutputs();
     void nameFieldEditsWithItsOwnKeys();
+    void germanTranslation();
 
 private:
     QPushButton *startStop() const { return m_window->findChild<QPushButton *>("startStopButton"); }
+    QListWidget *table() const { return m_window->findChild<QListWidget *>("tableView"); }
+    QStringList shownNames() const
+    {
+        QStringList names;
+        for (int i = 0; i < m_window->rowCount(); ++i)
+            names << m_window->row(i)->titleField()->text();
+        return names;
+    }
+    void showActive()
+    {
+        m_window->show();
+        QApplication::setActiveWindow(m_window.get());
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+    }
     std::unique_ptr<FakeControls> m_controls;
     std::unique_ptr<FakePlatform> m_platform;
     std::unique_ptr<ViewController> m_window;
@@ -99,6 +138,7 @@ private:
 
 void TestPreferences::init()
 {
+    initCorvelResources();
     m_controls = std::make_unique<FakeControls>();
     m_platform = std::make_unique<FakePlatform>();
     m_window = std::make_unique<ViewController>(*m_controls, m_platform->platform());
@@ -112,31 +152,228 @@ void TestPreferences::cleanup()
 
 void TestPreferences::rows_data()
 {
-    QTest::addColumn<int>("speakers");
-    QTest::addColumn<int>("rows");
-    QTest::newRow("none: the no-speakers row") << 0 << 1;
-    QTest::newRow("three") << 3 << 3;
+    QTest::addColumn<QList<int>>("speakers");
+    QTest::addColumn<QStringList>("names");
+    QTest::newRow("none: the no-speakers row") << QList<int>() << QStringList{QString()};
+    QTest::newRow("natural order of names, not of addresses")
+        << QList<int>{10, 2, 1} << QStringList{"Room 1 - One", "Room 2 - One", "Room 10 - One"};
 }
 
 void TestPreferences::rows()
 {
-    QFETCH(int, speakers);
-    QFETCH(int, rows);
-    for (int n = 1; n <= speakers; ++n)
+    QFETCH(QList<int>, speakers);
+    QFETCH(QStringList, names);
+    for (int n : speakers)
         m_controls->add(n);
     m_controls->add(20, false);       // a group member: no row
     m_controls->add(21, true, false); // not found in this run: no row
-    m_controls->settings().setDeviceEnabled(location(speakers), false);
-    m_window->reloadData();
-    QCOMPARE(m_window->rowCount(), rows);
-    QCOMPARE(m_window->row(0)->noSpeakersFound()->isVisibleTo(m_window.get()), speakers == 0);
-    for (int i = 0; i < speakers; ++i) {
-        PreferencesTableViewItem *row = m_window->row(i);
-        QCOMPARE(row->titleField()->text(), QStringLiteral("Room %1 - One").arg(i + 1));
-        QCOMPARE(*row->deviceLocation, location(i + 1));
-        QCOMPARE(row->subtitleLabel()->text(), QStringLiteral("127.0.1.%1").arg(i + 1));
-        QCOMPARE(row->checkbox()->isChecked(), i + 1 != speakers);
+    if (!speakers.empty())
+        m_controls->settings().setDeviceEnabled(location(2), false);
+    m_window->resize(420, 320);
+    m_window->show();
+    QCOMPARE(shownNames(), names);
+    PreferencesTableViewItem *first = m_window->row(0);
+    QCOMPARE(first->noSpeakersFound()->isVisibleTo(m_window.get()), speakers.empty());
+    if (speakers.empty()) {
+        // The message is centred in the whole list, not in a row at its top.
+        QCOMPARE(first->height(), table()->viewport()->height());
+        return;
     }
+    for (int i = 0; i < m_window->rowCount(); ++i) {
+        PreferencesTableViewItem *row = m_window->row(i);
+        QCOMPARE(row->subtitleLabel()->text(), row->deviceLocation->host());
+        QCOMPARE(row->checkbox()->isChecked(), row->deviceLocation != location(2));
+    }
+    // A long name shows its start.
+    m_controls->settings().renameDevice(location(1), QString(40, 'L') + QString(20, 'E'));
+    m_window->reloadData();
+    QCOMPARE(m_window->row(2)->titleField()->cursorPosition(), 0);
+}
+
+void TestPreferences::rowsStayPutDuringASearch()
+{
+    m_controls->add(1);
+    m_controls->add(2);
+    m_window->show();
+    const QPointer<PreferencesTableViewItem> second = m_window->row(1);
+    // Start: every speaker waits to be found again, and keeps its row meanwhile.
+    m_controls->settings().markAllDevicesNotActive();
+    m_controls->searching = true;
+    post(Notifications::discoveryStarted);
+    QCOMPARE(m_window->rowCount(), 2);
+    m_controls->settings().devices.at(location(2)).active = true;
+    m_controls->add(3);
+    post(Notifications::deviceDiscovered);
+    QCOMPARE(shownNames(), QStringList({"Room 1 - One", "Room 2 - One", "Room 3 - One"}));
+    // Rows do not move under the pointer: the newcomer waits until it leaves the list.
+    QEvent enter(QEvent::Enter), leave(QEvent::Leave);
+    QCoreApplication::sendEvent(table()->viewport(), &enter);
+    m_controls->add(0, true, true, QStringLiteral("Attic"));
+    post(Notifications::deviceDiscovered);
+    QCOMPARE(m_window->rowCount(), 3);
+    QVERIFY(m_window->layoutPending());
+    QCoreApplication::sendEvent(table()->viewport(), &leave);
+    QCOMPARE(m_window->row(0)->titleField()->text(), QStringLiteral("Attic - One"));
+    // The search is over: the speaker it did not find again goes; the others keep their row.
+    m_controls->searching = false;
+    post(Notifications::discoveryComplete);
+    QCOMPARE(shownNames(), QStringList({"Attic - One", "Room 2 - One", "Room 3 - One"}));
+    QCOMPARE(m_window->row(1), second.data());
+}
+
+void TestPreferences::renameStaysWithItsSpeaker_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::newRow("typed, then Return") << "Study";
+    QTest::newRow("clicked, then focus elsewhere") << "";
+}
+
+void TestPreferences::renameStaysWithItsSpeaker()
+{
+    QFETCH(QString, typed);
+    m_controls->add(2);
+    m_controls->add(3);
+    showActive();
+    PreferencesTableViewItem *row = m_window->row(1);
+    QTest::mouseClick(row->titleField(), Qt::LeftButton);
+    QVERIFY(row->isRenaming());
+    int changes = 0;
+    const auto token = NotificationCenter::defaultCenter().addObserver(
+        Notifications::deviceSettingsChanged, [&changes](const Notification &) { ++changes; });
+    // Speakers that sort before and after it arrive while the name is edited.
+    m_controls->add(1);
+    m_controls->add(4);
+    post(Notifications::deviceDiscovered);
+    QCOMPARE(m_window->rowCount(), 2);
+    QCOMPARE(m_window->row(1), row);
+    QCOMPARE(*row->deviceLocation, location(3));
+    if (typed.isEmpty()) {
+        table()->setFocus(Qt::MouseFocusReason);
+    } else {
+        row->titleField()->selectAll();
+        QTest::keyClicks(row->titleField(), typed);
+        QTest::keyClick(row->titleField(), Qt::Key_Return);
+    }
+    settle();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    QCOMPARE(changes, typed.isEmpty() ? 0 : 1);
+    const QString third = typed.isEmpty() ? QStringLiteral("Room 3 - One") : typed;
+    QCOMPARE(QStringList({nameOf(*m_controls, 1), nameOf(*m_controls, 2), nameOf(*m_controls, 3),
+                          nameOf(*m_controls, 4)}),
+             QStringList({"Room 1 - One", "Room 2 - One", third, "Room 4 - One"}));
+    // Now the newcomers are in, and the renamed speaker has its place in the order.
+    QStringList expected{"Room 1 - One", "Room 2 - One", third, "Room 4 - One"};
+    expected.sort();
+    QCOMPARE(shownNames(), expected);
+}
+
+void TestPreferences::names_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::addColumn<int>("endKey"); // 0: focus moves elsewhere
+    QTest::addColumn<QString>("lengthShown");
+    QTest::addColumn<QString>("stored");
+    QTest::addColumn<QString>("hint");
+    const QString old = QStringLiteral("Room 1 - One");
+    QTest::newRow("spaces kept") << " Den " << int(Qt::Key_Return) << "45 left"
+                                 << " Den "
+                                 << "";
+    QTest::newRow("focus leaving commits") << "Den" << 0 << "47 left"
+                                           << "Den"
+                                           << "";
+    QTest::newRow("Escape puts it back") << "Den" << int(Qt::Key_Escape) << "47 left" << old << "";
+    QTest::newRow("empty refused")
+        << "" << int(Qt::Key_Enter) << "50 left" << old << "A speaker needs a name";
+    QTest::newRow("too long refused") << QString(52, 'x') << int(Qt::Key_Return) << "2 too many"
+                                      << old << "A speaker name can be at most";
+}
+
+void TestPreferences::names()
+{
+    QFETCH(QString, typed);
+    QFETCH(int, endKey);
+    QFETCH(QString, lengthShown);
+    QFETCH(QString, stored);
+    QFETCH(QString, hint);
+    m_controls->add(1);
+    showActive();
+    table()->setFocus();
+    PreferencesTableViewItem *row = m_window->row(0);
+    QTest::keyClick(table(), Qt::Key_F2);
+    QVERIFY(row->titleField()->hasFocus());
+    QCOMPARE(row->titleField()->selectedText(), QStringLiteral("Room 1 - One"));
+    QTest::keyClick(row->titleField(), Qt::Key_Backspace);
+    QTest::keyClicks(row->titleField(), typed);
+    QVERIFY(row->lengthLabel()->isVisible());
+    QCOMPARE(row->lengthLabel()->text(), lengthShown);
+    if (endKey)
+        QTest::keyClick(row->titleField(), Qt::Key(endKey));
+    else
+        startStop()->setFocus();
+    QCOMPARE(nameOf(*m_controls, 1), stored);
+    QCOMPARE(row->titleField()->text(), stored);
+    QVERIFY(!row->lengthLabel()->isVisible());
+    QVERIFY(m_window->isVisible()); // Escape ended the edit, it did not close the window
+    if (!hint.isEmpty())
+        QVERIFY2(row->titleField()->toolTip().startsWith(hint),
+                 qPrintable(row->titleField()->toolTip()));
+    // An edit ended by a key hands the keyboard back to the list.
+    QCOMPARE(table()->hasFocus(), endKey != 0);
+}
+
+void TestPreferences::keyboard()
+{
+    m_controls->add(1);
+    m_controls->add(2);
+    showActive();
+    // One Tab stop for the whole list, not two per row.
+    startStop()->setFocus();
+    QTest::keyClick(startStop(), Qt::Key_Backtab);
+    QVERIFY(table()->hasFocus());
+    QTest::keyClick(table(), Qt::Key_Tab);
+    QVERIFY(startStop()->hasFocus());
+    table()->setFocus();
+    table()->setCurrentRow(0);
+    QTest::keyClick(table(), Qt::Key_Down);
+    QCOMPARE(table()->currentRow(), 1);
+    QTest::keyClick(table(), Qt::Key_Space);
+    QVERIFY(!m_controls->settings().devices.at(location(2)).enabled);
+    QVERIFY(!m_window->row(1)->checkbox()->isChecked());
+    QTest::keyClick(table(), Qt::Key_Return);
+    QVERIFY(m_window->row(1)->isRenaming());
+    QTest::keyClick(m_window->row(1)->titleField(), Qt::Key_Escape);
+    QVERIFY(m_window->isVisible());
+    // Escape and Ctrl+W close the window; without a tray Escape leaves it be.
+    QTest::keyClick(table(), Qt::Key_Escape);
+    QVERIFY(!m_window->isVisible());
+    showActive();
+    QTest::keyClick(table(), Qt::Key_W, Qt::ControlModifier);
+    QVERIFY(!m_window->isVisible());
+    m_window->setClosingQuits(true);
+    showActive();
+    QTest::keyClick(table(), Qt::Key_Escape);
+    QVERIFY(m_window->isVisible());
+}
+
+void TestPreferences::everyControlHasAnAccessibleName()
+{
+    m_controls->add(1);
+    m_controls->add(2);
+    m_window->show();
+    int checked = 0;
+    for (QWidget *widget : m_window->findChildren<QWidget *>()) {
+        const auto *label = qobject_cast<QLabel *>(widget);
+        const bool image = label && !label->pixmap().isNull();
+        if (!widget->isVisibleTo(m_window.get()) ||
+            (widget->focusPolicy() == Qt::NoFocus && !qobject_cast<QAbstractButton *>(widget) &&
+             !image))
+            continue;
+        QString name = QAccessible::queryAccessibleInterface(widget)->text(QAccessible::Name);
+        QVERIFY2(!name.remove(QLatin1Char('&')).trimmed().isEmpty(),
+                 qPrintable(widget->objectName()));
+        ++checked;
+    }
+    QCOMPARE(checked, 11); // the list, 3 controls per row, 2 buttons, 2 checkboxes
 }
 
 void TestPreferences::iconsAreFetchedOnce()
@@ -170,10 +407,10 @@ void TestPreferences::button_data()
     QTest::addColumn<bool>("searching");
     QTest::addColumn<QString>("title");
     QTest::addColumn<bool>("spinner");
-    QTest::newRow("turned off by the user") << true << true << true << "Start" << false;
-    QTest::newRow("bridge present") << false << true << true << "Stop" << true;
+    QTest::newRow("turned off by the user") << true << true << true << "&Start" << false;
+    QTest::newRow("bridge present") << false << true << true << "&Stop" << true;
     QTest::newRow("search running") << false << false << true << "Searching..." << true;
-    QTest::newRow("idle, nothing found") << false << false << false << "Search Again" << false;
+    QTest::newRow("idle, nothing found") << false << false << false << "Search &Again" << false;
 }
 
 void TestPreferences::button()
@@ -189,7 +426,7 @@ void TestPreferences::button()
     m_window->show();
     QCOMPARE(startStop()->text(), title);
     QCOMPARE(startStop()->isEnabled(), title != QLatin1String("Searching..."));
-    QCOMPARE(m_window->canStop(), title == QLatin1String("Stop"));
+    QCOMPARE(m_window->canStop(), title == QLatin1String("&Stop"));
     QCOMPARE(m_window->findChild<QProgressBar *>("spinner")->isVisible(), spinner);
 }
 
@@ -201,17 +438,17 @@ void TestPreferences::buttonFollowsBridgeEventsOnly()
     NotificationCenter::defaultCenter().post(Notifications::discoveryComplete);
     settle();
     QVERIFY(!m_window->findChild<QProgressBar *>("spinner")->isVisible());
-    QCOMPARE(startStop()->text(), QStringLiteral("Search Again")); // nothing found: try again
+    QCOMPARE(startStop()->text(), QStringLiteral("Search &Again")); // nothing found: try again
     QVERIFY(startStop()->isEnabled());
     m_controls->add(1);
     NotificationCenter::defaultCenter().post(Notifications::serviceTerminated);
     settle();
-    QCOMPARE(startStop()->text(), QStringLiteral("Start"));
+    QCOMPARE(startStop()->text(), QStringLiteral("&Start"));
     // No bridge: the button leads to its setup instead of a search that cannot start it.
     m_controls->missing = true;
     NotificationCenter::defaultCenter().post(Notifications::bridgeMissing);
     settle();
-    QCOMPARE(startStop()->text(), QStringLiteral("Install Bridge…"));
+    QCOMPARE(startStop()->text(), QStringLiteral("&Install Bridge…"));
     startStop()->click();
     QCOMPARE(m_controls->setups, 1);
     QCOMPARE(m_controls->searches, 0);
@@ -235,7 +472,7 @@ void TestPreferences::startStopAndObservers()
     QCOMPARE(m_window->observerCount(), 8);
     startStop()->click();
     QCOMPARE(m_controls->bridgeStops, 1);
-    QCOMPARE(startStop()->text(), QStringLiteral("Start"));
+    QCOMPARE(startStop()->text(), QStringLiteral("&Start"));
     m_controls->stopped = true;
     startStop()->click();
     QVERIFY(!m_controls->stopped);
@@ -245,36 +482,6 @@ void TestPreferences::startStopAndObservers()
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before);
     m_window->show();
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 8);
-}
-
-void TestPreferences::editsGoToTheSpeakersRecord()
-{
-    m_controls->add(1);
-    m_window->show();
-    PreferencesTableViewItem *row = m_window->row(0);
-    int changes = 0;
-    const auto token = NotificationCenter::defaultCenter().addObserver(
-        Notifications::deviceSettingsChanged, [&changes](const Notification &) { ++changes; });
-    LogCapture capture;
-    row->titleEdited();                           // Return without a change
-    row->titleField()->setText(QString(51, 'x')); // longer than the bridge can announce
-    row->titleEdited();
-    QCOMPARE(row->titleField()->text(), QStringLiteral("Room 1 - One"));
-    QVERIFY(row->titleField()->toolTip().startsWith(QStringLiteral("A speaker name can be")));
-    row->titleField()->setText(QStringLiteral(" Terrace "));
-    row->titleEdited();
-    row->checkbox()->click();
-    const DeviceSettings &record = m_controls->settings().devices.at(location(1));
-    QCOMPARE(record.name, QStringLiteral(" Terrace "));
-    QVERIFY(record.nameChanged && !record.enabled);
-    QCOMPARE(changes, 2);
-    m_controls->settings().devices.clear(); // the speaker vanished: edits do nothing
-    row->titleField()->setText(QStringLiteral("Gone"));
-    row->titleEdited();
-    row->checkboxClicked();
-    NotificationCenter::defaultCenter().removeObserver(token);
-    QCOMPARE(changes, 2);
-    QCOMPARE(capture.lines().size(), 3);
 }
 
 void TestPreferences::startAtLoginAndSoundOutputs()
@@ -326,6 +533,51 @@ void TestPreferences::nameFieldEditsWithItsOwnKeys()
     field.setReadOnly(false);
     QTest::keySequence(&field, QKeySequence::Undo);
     QCOMPARE(field.text(), QStringLiteral("Den"));
+}
+
+void TestPreferences::germanTranslation()
+{
+    // Every translated text keeps its source's placeholders and mnemonic.
+    QFile ts(QStringLiteral(CORVEL_TRANSLATIONS) + "/corvel_de.ts");
+    QVERIFY(ts.open(QIODevice::ReadOnly));
+    QXmlStreamReader xml(&ts);
+    const QRegularExpression marks(QStringLiteral("%[1-9n]|&[^& ]"));
+    const auto marksOf = [&marks](const QString &text) {
+        QStringList found;
+        for (const auto &match : marks.globalMatch(text))
+            found << (match.captured().startsWith('&') ? QStringLiteral("&") : match.captured());
+        found.sort();
+        return found;
+    };
+    QString source;
+    bool numerus = false;
+    int messages = 0;
+    while (!xml.atEnd()) {
+        if (xml.readNext() != QXmlStreamReader::StartElement)
+            continue;
+        if (xml.name() == QLatin1String("message"))
+            numerus = xml.attributes().value("numerus") == QLatin1String("yes");
+        else if (xml.name() == QLatin1String("source"))
+            source = xml.readElementText();
+        else if (xml.name() == QLatin1String(numerus ? "numerusform" : "translation")) {
+            const QString translation = xml.readElementText();
+            QVERIFY2(marksOf(source) == marksOf(translation),
+                     qPrintable(source + " → " + translation));
+            ++messages;
+        }
+    }
+    QVERIFY(messages > 100);
+
+    QVERIFY(Translations::install(QLocale(QLocale::German, QLocale::Germany)) >= 1);
+    ViewController window(*m_controls, m_platform->platform());
+    window.show();
+    QCOMPARE(window.findChild<QPushButton *>("startStopButton")->text(),
+             QStringLiteral("&Erneut suchen"));
+    QCOMPARE(AppDelegate::statusTitle(AppDelegate::State::Running),
+             QStringLiteral("Corvel: Läuft"));
+    QCOMPARE(Translations::install(QLocale(QLocale::English, QLocale::UnitedKingdom)), 0);
+    QCOMPARE(AppDelegate::statusTitle(AppDelegate::State::Running),
+             QStringLiteral("Corvel: Running"));
 }
 
 QTEST_MAIN(TestPreferences)
