@@ -8,6 +8,7 @@
 #include "DeviceDiscovery.h"
 #include "FeedbackWindow.h"
 #include "Log.h"
+#include "LogExport.h"
 #include "MainQueue.h"
 #include "Notifications.h"
 #include "ServiceManager.h"
@@ -27,7 +28,6 @@
 #include <QLibraryInfo>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QVBoxLayout>
 #include <QWidget>
@@ -70,19 +70,19 @@ AppDelegate::AppDelegate(Services services, Platform platform, bool withTray, QO
 {
     initCorvelResources();
     // The fixed entries: four ahead of the speakers, the commands after them.
-    m_firstMenuItem = m_statusMenu.addAction(statusOff);
+    m_firstMenuItem = m_statusMenu.addAction(tr(statusOff));
     m_firstMenuItem->setEnabled(false);
-    m_onOffMenuItem = m_statusMenu.addAction(commandTurnOn, this, &AppDelegate::onOffClicked);
+    m_onOffMenuItem = m_statusMenu.addAction(tr(commandTurnOn), this, &AppDelegate::onOffClicked);
     m_statusMenu.addSeparator();
     m_speakersHeader = m_statusMenu.addAction(tr("Speakers"));
     m_speakersHeader->setEnabled(false);
     m_speakersMenu.setTitle(tr("Speakers"));
     m_speakersEnd = m_statusMenu.addSeparator();
-    m_statusMenu.addAction(tr("Preferences…"), this, &AppDelegate::preferencesClicked);
-    m_statusMenu.addAction(tr("About Corvel"), this, &AppDelegate::aboutClicked);
-    m_statusMenu.addAction(tr("Send Feedback…"), this, &AppDelegate::feedbackClicked);
+    m_statusMenu.addAction(tr("&Preferences…"), this, &AppDelegate::preferencesClicked);
+    m_statusMenu.addAction(tr("&About Corvel"), this, &AppDelegate::aboutClicked);
+    m_statusMenu.addAction(tr("Send &Feedback…"), this, &AppDelegate::feedbackClicked);
     m_statusMenu.addSeparator();
-    m_statusMenu.addAction(tr("Quit Corvel"), this, &AppDelegate::quitClicked);
+    m_statusMenu.addAction(tr("&Quit Corvel"), this, &AppDelegate::quitClicked);
     connect(&m_statusMenu, &QMenu::aboutToShow, this, &AppDelegate::menuWillOpen);
     m_applyTimer.setSingleShot(true);
     m_applyTimer.setInterval(applyDelayMs);
@@ -119,8 +119,8 @@ void AppDelegate::configureCrashReporting()
             box->setWindowTitle(tr("Corvel quit unexpectedly"));
             box->setText(reports.size() == 1
                              ? tr("Corvel quit unexpectedly the last time it ran.")
-                             : tr("Corvel quit unexpectedly %1 times since it last asked.")
-                                   .arg(reports.size()));
+                             : tr("Corvel quit unexpectedly %n times since it last asked.", nullptr,
+                                  int(reports.size())));
             box->setObjectName(QStringLiteral("crashReportMessageBox"));
             const bool canSend = reporter.canSend();
             box->setInformativeText(
@@ -158,8 +158,7 @@ void AppDelegate::configureCrashReporting()
             auto *dialog = new QFileDialog(nullptr, tr("Save Crash Report"));
             dialog->setAttribute(Qt::WA_DeleteOnClose);
             dialog->setAcceptMode(QFileDialog::AcceptSave);
-            dialog->setDirectory(
-                QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation));
+            dialog->setDirectory(LogExport::saveFolder());
             dialog->selectFile(QStringLiteral("corvel-crash-report.txt"));
             QObject::connect(dialog, &QFileDialog::fileSelected, dialog,
                              [done](const QString &path) { done(path); });
@@ -198,7 +197,7 @@ void AppDelegate::startSearching()
     m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
 }
 
-QString AppDelegate::statusTitle(State state)
+const char *AppDelegate::statusSource(State state)
 {
     switch (state) {
     case State::Searching:
@@ -222,15 +221,20 @@ QString AppDelegate::statusTitle(State state)
     return statusOff;
 }
 
+QString AppDelegate::statusTitle(State state)
+{
+    return tr(statusSource(state));
+}
+
 void AppDelegate::setState(State state, std::optional<bool> turnsOn)
 {
     m_state = state;
     if (turnsOn)
         m_onOffTurnsOn = *turnsOn;
     m_firstMenuItem->setText(statusTitle(m_state));
-    m_onOffMenuItem->setText(m_state == State::BridgeMissing ? commandInstallBridge
-                             : m_onOffTurnsOn                ? commandTurnOn
-                                                             : commandTurnOff);
+    m_onOffMenuItem->setText(tr(m_state == State::BridgeMissing ? commandInstallBridge
+                                : m_onOffTurnsOn                ? commandTurnOn
+                                                                : commandTurnOff));
     updateStatusItem();
     reportToServiceManager();
 }
@@ -293,7 +297,8 @@ void AppDelegate::updateStatusItem()
 
 void AppDelegate::reportToServiceManager()
 {
-    QString status = statusTitle(m_state).mid(QStringLiteral("Corvel: ").size());
+    QString status =
+        QString::fromUtf8(statusSource(m_state)).mid(QStringLiteral("Corvel: ").size());
     if (m_state == State::Running) {
         const int offered = offeredCount();
         status = QStringLiteral("Running: %1 speaker%2 offered")

@@ -47,20 +47,19 @@ public:
         BridgeMissing // no bridge executable: the on/off item offers the bridge setup
     };
 
-    // The lifecycle titles.
-    static inline const QString statusOff = QStringLiteral("Corvel: Off");
-    static inline const QString statusSearching = QStringLiteral("Corvel: Looking For Speakers...");
-    static inline const QString statusNoSpeakers = QStringLiteral("Corvel: No Speakers Found");
-    static inline const QString statusStarting = QStringLiteral("Corvel: Starting...");
-    static inline const QString statusRunning = QStringLiteral("Corvel: Running");
-    static inline const QString statusStopped = QStringLiteral("Corvel: Stopped");
-    static inline const QString statusRetrying =
-        QStringLiteral("Corvel: Bridge Stopped, Restarting...");
-    static inline const QString statusBridgeMissing =
-        QStringLiteral("Corvel: Bridge Not Installed");
-    static inline const QString commandTurnOn = QStringLiteral("Turn Corvel On");
-    static inline const QString commandTurnOff = QStringLiteral("Turn Corvel Off");
-    static inline const QString commandInstallBridge = QStringLiteral("Install Bridge…");
+    // The lifecycle titles and the on/off commands, in English; shown through tr().
+    static constexpr const char *statusOff = QT_TR_NOOP("Corvel: Off");
+    static constexpr const char *statusSearching = QT_TR_NOOP("Corvel: Looking For Speakers...");
+    static constexpr const char *statusNoSpeakers = QT_TR_NOOP("Corvel: No Speakers Found");
+    static constexpr const char *statusStarting = QT_TR_NOOP("Corvel: Starting...");
+    static constexpr const char *statusRunning = QT_TR_NOOP("Corvel: Running");
+    static constexpr const char *statusStopped = QT_TR_NOOP("Corvel: Stopped");
+    static constexpr const char *statusRetrying =
+        QT_TR_NOOP("Corvel: Bridge Stopped, Restarting...");
+    static constexpr const char *statusBridgeMissing = QT_TR_NOOP("Corvel: Bridge Not Installed");
+    static constexpr const char *commandTurnOn = QT_TR_NOOP("Turn Corvel &On");
+    static constexpr const char *commandTurnOff = QT_TR_NOOP("Turn Corvel O&ff");
+    static constexpr const char *commandInstallBridge = QT_TR_NOOP("&Install Bridge…");
 
     // Speaker items are inserted from this menu position on; past maxInlineSpeakers they go
     // into a "Speakers" submenu, so the menu never splits into columns.
@@ -88,7 +87,10 @@ public:
     State state() const { return m_state; }
     // Whether the on/off command turns the bridge on (its item reads "Turn Corvel On").
     bool onOffTurnsOn() const { return m_onOffTurnsOn; }
+    // The state's title in the user's language.
     static QString statusTitle(State state);
+    // The same in English, for the service manager.
+    static const char *statusSource(State state);
     // The tray icon's look and tool tip for the current state.
     TrayLook trayLook() const;
     QString toolTip() const;

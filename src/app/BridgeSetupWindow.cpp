@@ -99,11 +99,11 @@ void BridgeSetupWindow::chooseFile()
 
 void BridgeSetupWindow::installFrom(const QString &path)
 {
-    QString error;
+    UserText error;
     const QString installedPath = installBridge(path, m_installDir, m_arch, &error);
     if (installedPath.isEmpty()) {
-        logWarning(QStringLiteral("Bridge setup: ") + error);
-        m_status->setText(error);
+        logWarning(QStringLiteral("Bridge setup: ") + error.english);
+        m_status->setText(error.shown);
         return;
     }
     logInfo(QStringLiteral("Bridge setup: installed ") + installedPath);

@@ -6,6 +6,8 @@
 #include "Notifications.h"
 #include "Settings.h"
 
+#include <QCoreApplication>
+
 QString SpeakerCommands::formatList(const Settings &settings)
 {
     if (settings.devices.empty())
@@ -37,17 +39,19 @@ std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
         if (record.name != locationOrName)
             continue;
         if (found) {
-            *error =
-                QStringLiteral("More than one speaker is named \"%1\"; give its location instead.")
-                    .arg(locationOrName);
+            *error = QCoreApplication::translate(
+                         "SpeakerCommands",
+                         "More than one speaker is named \"%1\"; give its location instead.")
+                         .arg(locationOrName);
             return std::nullopt;
         }
         found = location;
     }
     if (!found)
-        *error =
-            QStringLiteral("No known speaker has the location or name \"%1\" (see corvel --list).")
-                .arg(locationOrName);
+        *error = QCoreApplication::translate(
+                     "SpeakerCommands",
+                     "No known speaker has the location or name \"%1\" (see corvel --list).")
+                     .arg(locationOrName);
     return found;
 }
 
@@ -68,7 +72,7 @@ int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
     const auto location = findSpeaker(settings, locationOrName, error);
     if (!location)
         return 1;
-    if (const auto problem = speakerNameProblem(newName)) {
+    if (const auto problem = speakerNameProblem(newName, true)) {
         *error = *problem;
         return 2;
     }

@@ -108,18 +108,22 @@ QString bridgeFileName(const QString &arch)
     return QStringLiteral("airupnp-linux-") + arch;
 }
 
-bool isBridgeForArchitecture(const QString &path, const QString &arch, QString *error)
+bool isBridgeForArchitecture(const QString &path, const QString &arch, UserText *error)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("Cannot read %1: %2").arg(path, file.errorString());
+        *error = UserText::make("BridgeLocator",
+                                QT_TRANSLATE_NOOP("BridgeLocator", "Cannot read %1: %2"), path,
+                                file.errorString());
         return false;
     }
     // The ELF identification and header fields up to e_machine.
     const QByteArray head = file.read(20);
     if (head.size() < 20 || !head.startsWith("\x7f"
                                              "ELF")) {
-        *error = QStringLiteral("%1 is not a Linux program.").arg(QFileInfo(path).fileName());
+        *error = UserText::make("BridgeLocator",
+                                QT_TRANSLATE_NOOP("BridgeLocator", "%1 is not a Linux program."),
+                                QFileInfo(path).fileName());
         return false;
     }
     struct Expected
@@ -138,29 +142,34 @@ bool isBridgeForArchitecture(const QString &path, const QString &arch, QString *
     const quint16 machine = littleEndian ? quint16(quint8(head[18]) | quint8(head[19]) << 8)
                                          : quint16(quint8(head[18]) << 8 | quint8(head[19]));
     if (mine != std::end(expected) && (head[4] != mine->elfClass || machine != mine->machine)) {
-        *error = QStringLiteral("%1 is built for another kind of computer; this one needs %2.")
-                     .arg(QFileInfo(path).fileName(), bridgeFileName(arch));
+        *error = UserText::make(
+            "BridgeLocator",
+            QT_TRANSLATE_NOOP("BridgeLocator",
+                              "%1 is built for another kind of computer; this one needs %2."),
+            QFileInfo(path).fileName(), bridgeFileName(arch));
         return false;
     }
     return true;
 }
 
 QString installBridge(const QString &source, const QString &dir, const QString &arch,
-                      QString *error)
+                      UserText *error)
 {
+    static const char *const cannotCopy =
+        QT_TRANSLATE_NOOP("BridgeLocator", "Cannot copy the bridge to %1: %2");
     if (!isBridgeForArchitecture(source, arch, error))
         return QString();
     QFile in(source);
     const QString target = dir + QLatin1Char('/') + bridgeFileName(arch);
     QSaveFile out(target);
     if (!QDir().mkpath(dir) || !in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly)) {
-        *error = QStringLiteral("Cannot copy the bridge to %1: %2")
-                     .arg(dir, in.isOpen() ? out.errorString() : in.errorString());
+        *error = UserText::make("BridgeLocator", cannotCopy, dir,
+                                in.isOpen() ? out.errorString() : in.errorString());
         return QString();
     }
     // Bridges are a few MB: copied in one go.
     if (out.write(in.readAll()) < 0 || !out.commit()) {
-        *error = QStringLiteral("Cannot copy the bridge to %1: %2").arg(dir, out.errorString());
+        *error = UserText::make("BridgeLocator", cannotCopy, dir, out.errorString());
         return QString();
     }
     QFile::setPermissions(target, QFileDevice::ReadOwner | QFileDevice::WriteOwner |

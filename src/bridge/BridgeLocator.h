@@ -2,6 +2,8 @@
 // Finds the AirConnect bridge executable on this machine.
 #pragma once
 
+#include "UserText.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -38,8 +40,8 @@ inline const QString bridgeReleasesUrl =
 
 // Checks that the file is a Linux program for arch (its ELF class and machine); the reason
 // in *error when it is not.
-bool isBridgeForArchitecture(const QString &path, const QString &arch, QString *error);
+bool isBridgeForArchitecture(const QString &path, const QString &arch, UserText *error);
 // Checks the file, then copies it to dir as bridgeFileName(arch), executable by its owner.
 // Returns the installed path, or an empty string with *error.
 QString installBridge(const QString &source, const QString &dir, const QString &arch,
-                      QString *error);
+                      UserText *error);

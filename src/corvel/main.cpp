@@ -13,6 +13,7 @@
 #include "Settings.h"
 #include "SingleInstance.h"
 #include "SpeakerCommands.h"
+#include "Translations.h"
 #include "ViewController.h"
 
 #include <csignal>
@@ -115,6 +116,7 @@ int main(int argc, char *argv[])
     QApplication::setDesktopFileName(QStringLiteral(CORVEL_APP_ID));
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
+    Translations::install();
 
     // The long-lived services, destroyed in reverse order before the application object.
     DeviceDiscovery discovery;
@@ -122,34 +124,38 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(
-        QStringLiteral("Plays this computer's audio on Sonos speakers."));
+        QCoreApplication::translate("main", "Plays this computer's audio on Sonos speakers."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption headlessOption(
         QStringLiteral("headless"),
-        QStringLiteral("Run without a tray icon or windows (for servers)."));
+        QCoreApplication::translate("main", "Run without a tray icon or windows (for servers)."));
     const QCommandLineOption autostartOption(
         QStringLiteral("autostart"),
-        QStringLiteral("Started at login: wait for the desktop's tray."));
+        QCoreApplication::translate("main", "Started at login: wait for the desktop's tray."));
     const QCommandLineOption listOption(
         QStringLiteral("list"),
-        QStringLiteral("Search for speakers, then list the known ones and exit."));
+        QCoreApplication::translate("main",
+                                    "Search for speakers, then list the known ones and exit."));
     const QCommandLineOption enableOption(
-        QStringLiteral("enable"), QStringLiteral("Offer the speaker (location or name) and exit."),
-        QStringLiteral("speaker"));
+        QStringLiteral("enable"),
+        QCoreApplication::translate("main", "Offer the speaker (location or name) and exit."),
+        QCoreApplication::translate("main", "speaker"));
     const QCommandLineOption disableOption(
         QStringLiteral("disable"),
-        QStringLiteral("Stop offering the speaker (location or name) and exit."),
-        QStringLiteral("speaker"));
+        QCoreApplication::translate("main",
+                                    "Stop offering the speaker (location or name) and exit."),
+        QCoreApplication::translate("main", "speaker"));
     const QCommandLineOption renameOption(
         QStringLiteral("rename"),
-        QStringLiteral("Rename the speaker (location or name) to the next argument and exit."),
-        QStringLiteral("speaker"));
+        QCoreApplication::translate(
+            "main", "Rename the speaker (location or name) to the next argument and exit."),
+        QCoreApplication::translate("main", "speaker"));
     parser.addOptions(
         {headlessOption, autostartOption, listOption, enableOption, disableOption, renameOption});
-    parser.addPositionalArgument(QStringLiteral("name"),
-                                 QStringLiteral("The new name, with --rename."),
-                                 QStringLiteral("[name]"));
+    parser.addPositionalArgument(
+        QStringLiteral("name"), QCoreApplication::translate("main", "The new name, with --rename."),
+        QCoreApplication::translate("main", "[name]"));
     parser.process(app);
 
     // The speaker commands go to the running Corvel, so that they apply at once; with none
@@ -159,7 +165,9 @@ int main(int argc, char *argv[])
         Logging::setDefaultLevel(parser.isSet(listOption) ? LogLevel::Warning : LogLevel::Info);
         Logging::attach(&Log::shared());
         if (parser.isSet(renameOption) && parser.positionalArguments().size() != 1) {
-            std::fputs("--rename needs the new name after the speaker\n", stderr);
+            std::fprintf(stderr, "%s\n",
+                         qPrintable(QCoreApplication::translate(
+                             "main", "--rename needs the new name after the speaker")));
             return 2;
         }
         const QString newName = parser.positionalArguments().value(0);
@@ -201,7 +209,8 @@ int main(int argc, char *argv[])
             delegate.showWindow();
     });
     if (instance.claim() == SingleInstance::Claim::OtherRunning) {
-        std::fputs("Corvel is already running.\n", stderr);
+        std::fprintf(stderr, "%s\n",
+                     qPrintable(QCoreApplication::translate("main", "Corvel is already running.")));
         SingleInstance::ask(QStringLiteral("ShowPreferences"));
         return 0;
     }

@@ -384,10 +384,10 @@ void TestBridge::bridgeSetupInstalls()
     writeFileAtomically(m_dir.filePath("airupnp.xml"), "<squeeze2upnp/>", nullptr);
     const QString source = QDir::isAbsolutePath(file) ? file : m_dir.filePath(file);
     const QString dir = m_dir.filePath(QStringLiteral("user/lib/corvel"));
-    QString error;
+    UserText error;
     const QString installed = installBridge(source, dir, arch, &error);
     QCOMPARE(installed.isEmpty(), !refusal.isEmpty());
-    QVERIFY2(error.contains(refusal), qPrintable(error));
+    QVERIFY2(error.english.contains(refusal), qPrintable(error.english));
     if (!refusal.isEmpty())
         return;
     QCOMPARE(installed, dir + "/airupnp-linux-" + arch);

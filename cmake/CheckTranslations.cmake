@@ -1,0 +1,21 @@
+# Fails when a text of the program has no translation: lupdate merges the sources into a copy
+# of each translations/*.ts, and no message may be left unfinished.
+file(GLOB ts_files ${SOURCE_DIR}/translations/*.ts)
+set(untranslated "")
+foreach(ts IN LISTS ts_files)
+    get_filename_component(name ${ts} NAME)
+    configure_file(${ts} ${WORK_DIR}/${name} COPYONLY)
+    execute_process(COMMAND ${LUPDATE} -silent -no-obsolete -locations none ${SOURCE_DIR}/src
+                            -ts ${WORK_DIR}/${name} RESULT_VARIABLE result)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR "lupdate failed on ${name}")
+    endif()
+    file(STRINGS ${WORK_DIR}/${name} unfinished REGEX "type=\"unfinished\"")
+    list(LENGTH unfinished count)
+    if(count GREATER 0)
+        list(APPEND untranslated "${name}: ${count}")
+    endif()
+endforeach()
+if(untranslated)
+    message(FATAL_ERROR "Texts without a translation (run lupdate, then translate):\n  ${untranslated}")
+endif()

@@ -1,0 +1,634 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="de_DE">
+<context>
+    <name>AppDelegate</name>
+    <message>
+        <location filename="../src/app/AppDelegate.cpp" line="+77"/>
+        <location line="+2"/>
+        <source>Speakers</source>
+        <translation>Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>&amp;Preferences…</source>
+        <translation>&amp;Einstellungen…</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>&amp;About Corvel</source>
+        <translation>&amp;Über Corvel</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Send &amp;Feedback…</source>
+        <translation>&amp;Feedback senden…</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>&amp;Quit Corvel</source>
+        <translation>Corvel &amp;beenden</translation>
+    </message>
+    <message>
+        <location line="+34"/>
+        <source>Corvel quit unexpectedly</source>
+        <translation>Corvel wurde unerwartet beendet</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Corvel quit unexpectedly the last time it ran.</source>
+        <translation>Corvel wurde beim letzten Mal unerwartet beendet.</translation>
+    </message>
+    <message numerus="yes">
+        <location line="+1"/>
+        <source>Corvel quit unexpectedly %n times since it last asked.</source>
+        <translation>
+            <numerusform>Corvel wurde seit der letzten Nachfrage %n-mal unerwartet beendet.</numerusform>
+            <numerusform>Corvel wurde seit der letzten Nachfrage %n-mal unerwartet beendet.</numerusform>
+        </translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Would you like to send a report? It holds where Corvel crashed and its recent log, which names your speakers and their addresses on your network.</source>
+        <translation>Möchten Sie einen Bericht senden? Er enthält, wo Corvel abgestürzt ist, und das jüngste Protokoll, in dem Ihre Lautsprecher und ihre Adressen in Ihrem Netzwerk stehen.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>You can save a report to attach to a bug report. It holds where Corvel crashed and its recent log, which names your speakers and their addresses on your network.</source>
+        <translation>Sie können einen Bericht speichern, um ihn einer Fehlermeldung beizufügen. Er enthält, wo Corvel abgestürzt ist, und das jüngste Protokoll, in dem Ihre Lautsprecher und ihre Adressen in Ihrem Netzwerk stehen.</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>Send</source>
+        <translation>Senden</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>Save Report…</source>
+        <translation>Bericht speichern…</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Always Send</source>
+        <translation>Immer senden</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Don&apos;t Send</source>
+        <translation>Nicht senden</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>Don&apos;t Save</source>
+        <translation>Nicht speichern</translation>
+    </message>
+    <message>
+        <location line="+16"/>
+        <source>Save Crash Report</source>
+        <translation>Absturzbericht speichern</translation>
+    </message>
+    <message>
+        <location line="+118"/>
+        <source>Corvel: Running — 1 speaker</source>
+        <translation>Corvel: Läuft — 1 Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Running — %1 speakers</source>
+        <translation>Corvel: Läuft — %1 Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+87"/>
+        <source>Click here: %1</source>
+        <translation>Hier klicken: %1</translation>
+    </message>
+    <message>
+        <location line="+15"/>
+        <source>AirConnect bridge needed</source>
+        <translation>AirConnect-Bridge benötigt</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel needs the free AirConnect bridge to play to your speakers.</source>
+        <translation>Corvel braucht die freie AirConnect-Bridge, um auf Ihren Lautsprechern zu spielen.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Set Up…</source>
+        <translation>Einrichten…</translation>
+    </message>
+    <message>
+        <location line="+234"/>
+        <source>About Corvel</source>
+        <translation>Über Corvel</translation>
+    </message>
+    <message>
+        <location line="+16"/>
+        <source>&lt;h3&gt;Corvel %1&lt;/h3&gt;&lt;p&gt;Plays this computer&apos;s sound on Sonos speakers through the AirConnect bridge.&lt;/p&gt;&lt;p&gt;%2&lt;br&gt;%3&lt;/p&gt;&lt;p&gt;Created by %4 (%5)&lt;/p&gt;&lt;p&gt;Corvel is free software: you may redistribute and modify it under the GNU General Public License, version 3 or (at your option) any later version. It comes with no warranty. See %6.&lt;/p&gt;</source>
+        <translation>&lt;h3&gt;Corvel %1&lt;/h3&gt;&lt;p&gt;Spielt den Ton dieses Computers über die AirConnect-Bridge auf Sonos-Lautsprechern ab.&lt;/p&gt;&lt;p&gt;%2&lt;br&gt;%3&lt;/p&gt;&lt;p&gt;Erstellt von %4 (%5)&lt;/p&gt;&lt;p&gt;Corvel ist freie Software: Sie dürfen es unter den Bedingungen der GNU General Public License, Version 3 oder (nach Ihrer Wahl) jeder späteren Version, weitergeben und verändern. Es wird ohne jede Gewährleistung geliefert. Siehe %6.&lt;/p&gt;</translation>
+    </message>
+    <message>
+        <location line="+19"/>
+        <source>&amp;Copy Version Info</source>
+        <translation>Versionsangaben &amp;kopieren</translation>
+    </message>
+    <message>
+        <location line="+183"/>
+        <source>Corvel stopped</source>
+        <translation>Corvel angehalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The AirConnect bridge keeps stopping, so Corvel has stopped restarting it. Its last words:
+%1</source>
+        <translation>Die AirConnect-Bridge bricht immer wieder ab, deshalb startet Corvel sie nicht mehr neu. Ihre letzten Ausgaben:
+%1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>(nothing)</source>
+        <translation>(nichts)</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>AirConnect bridge stopped</source>
+        <translation>AirConnect-Bridge angehalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The bridge stopped unexpectedly; Corvel is restarting it.</source>
+        <translation>Die Bridge wurde unerwartet beendet; Corvel startet sie neu.</translation>
+    </message>
+    <message>
+        <location filename="../src/app/AppDelegate.h" line="+51"/>
+        <source>Corvel: Off</source>
+        <translation>Corvel: Aus</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Looking For Speakers...</source>
+        <translation>Corvel: Sucht Lautsprecher …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: No Speakers Found</source>
+        <translation>Corvel: Keine Lautsprecher gefunden</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Starting...</source>
+        <translation>Corvel: Startet …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Running</source>
+        <translation>Corvel: Läuft</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Stopped</source>
+        <translation>Corvel: Angehalten</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Corvel: Bridge Stopped, Restarting...</source>
+        <translation>Corvel: Bridge angehalten, Neustart …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Bridge Not Installed</source>
+        <translation>Corvel: Bridge nicht installiert</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Turn Corvel &amp;On</source>
+        <translation>Corvel ein&amp;schalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Turn Corvel O&amp;ff</source>
+        <translation>Corvel aus&amp;schalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>&amp;Install Bridge…</source>
+        <translation>Bridge &amp;installieren…</translation>
+    </message>
+</context>
+<context>
+    <name>BridgeLocator</name>
+    <message>
+        <location filename="../src/bridge/BridgeLocator.cpp" line="+115"/>
+        <source>Cannot read %1: %2</source>
+        <translation>%1 kann nicht gelesen werden: %2</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>%1 is not a Linux program.</source>
+        <translation>%1 ist kein Linux-Programm.</translation>
+    </message>
+    <message>
+        <location line="+22"/>
+        <source>%1 is built for another kind of computer; this one needs %2.</source>
+        <translation>%1 ist für eine andere Art von Computer gebaut; dieser braucht %2.</translation>
+    </message>
+    <message>
+        <location line="+12"/>
+        <source>Cannot copy the bridge to %1: %2</source>
+        <translation>Die Bridge kann nicht nach %1 kopiert werden: %2</translation>
+    </message>
+</context>
+<context>
+    <name>BridgeSetupWindow</name>
+    <message>
+        <location filename="../src/app/BridgeSetupWindow.cpp" line="+21"/>
+        <source>Set Up the AirConnect Bridge</source>
+        <translation>AirConnect-Bridge einrichten</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>&lt;p&gt;Corvel plays to your speakers through AirConnect, a free program that makes Sonos speakers appear as AirPlay speakers. It is not installed on this computer yet.&lt;/p&gt;&lt;p&gt;Download &lt;b&gt;%1&lt;/b&gt; from &lt;a href=&quot;%2&quot;&gt;AirConnect&apos;s releases page&lt;/a&gt; (it is inside the zip file of the latest release), then choose the downloaded file here.&lt;/p&gt;</source>
+        <translation>&lt;p&gt;Corvel spielt über AirConnect auf Ihren Lautsprechern, ein freies Programm, das Sonos-Lautsprecher als AirPlay-Lautsprecher erscheinen lässt. Es ist auf diesem Computer noch nicht installiert.&lt;/p&gt;&lt;p&gt;Laden Sie &lt;b&gt;%1&lt;/b&gt; von der &lt;a href=&quot;%2&quot;&gt;Release-Seite von AirConnect&lt;/a&gt; herunter (die Datei liegt im ZIP-Archiv der neuesten Version) und wählen Sie dann hier die heruntergeladene Datei.&lt;/p&gt;</translation>
+    </message>
+    <message>
+        <location line="+22"/>
+        <source>Places Corvel looked in</source>
+        <translation>Orte, an denen Corvel gesucht hat</translation>
+    </message>
+    <message>
+        <location line="+19"/>
+        <source>&amp;Choose Downloaded File…</source>
+        <translation>Heruntergeladene Datei &amp;wählen…</translation>
+    </message>
+    <message>
+        <location line="+13"/>
+        <source>Corvel looks for %1 in its own folder, in %2 and on the PATH; the environment variable CORVEL_BRIDGE may name the file instead. It looked in:
+%3</source>
+        <translation>Corvel sucht %1 im eigenen Ordner, in %2 und im PATH; stattdessen kann die Umgebungsvariable CORVEL_BRIDGE die Datei nennen. Gesucht wurde in:
+%3</translation>
+    </message>
+    <message>
+        <location line="+12"/>
+        <source>Choose the AirConnect Bridge</source>
+        <translation>AirConnect-Bridge wählen</translation>
+    </message>
+    <message>
+        <location line="+18"/>
+        <source>Installed. Corvel is looking for your speakers.</source>
+        <translation>Installiert. Corvel sucht jetzt Ihre Lautsprecher.</translation>
+    </message>
+</context>
+<context>
+    <name>DeviceSettings</name>
+    <message>
+        <location filename="../src/settings/DeviceSettings.cpp" line="+15"/>
+        <source>A speaker needs a name: the old one stays.</source>
+        <translation>Ein Lautsprecher braucht einen Namen: Der bisherige bleibt.</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>A speaker name can be at most %1 bytes long (about %1 letters, fewer with accents or emoji); &quot;%2&quot; has %3.</source>
+        <translation>Ein Lautsprechername darf höchstens %1 Bytes lang sein (etwa %1 Buchstaben, weniger mit Umlauten, Akzenten oder Emoji); „%2“ hat %3.</translation>
+    </message>
+</context>
+<context>
+    <name>FeedbackWindow</name>
+    <message>
+        <location filename="../src/app/FeedbackWindow.cpp" line="+23"/>
+        <source>Send Feedback</source>
+        <translation>Feedback senden</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Optional</source>
+        <translation>Freiwillig</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Optional, if you would like an answer</source>
+        <translation>Freiwillig, falls Sie eine Antwort möchten</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>What works, what doesn&apos;t, what you would like Corvel to do…</source>
+        <translation>Was funktioniert, was nicht, was Corvel können sollte …</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Include the log (the last 100 lines)</source>
+        <translation>Protokoll beifügen (die letzten 100 Zeilen)</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>The log records what Corvel did: your speakers&apos; names and their addresses on your network, and the bridge&apos;s messages. It holds nothing of what you play.</source>
+        <translation>Das Protokoll hält fest, was Corvel getan hat: die Namen Ihrer Lautsprecher, ihre Adressen in Ihrem Netzwerk und die Meldungen der Bridge. Nichts von dem, was Sie abspielen, steht darin.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Name:</source>
+        <translation>Name:</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Email:</source>
+        <translation>E-Mail:</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Save…</source>
+        <translation>Speichern…</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>Send</source>
+        <translation>Senden</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Message:</source>
+        <translation>Nachricht:</translation>
+    </message>
+    <message>
+        <location line="+20"/>
+        <source>Save Feedback</source>
+        <translation>Feedback speichern</translation>
+    </message>
+    <message>
+        <location line="+10"/>
+        <source>Sending…</source>
+        <translation>Wird gesendet …</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Thank you, your feedback was sent.</source>
+        <translation>Danke, Ihr Feedback wurde gesendet.</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Sending failed: %1</source>
+        <translation>Senden fehlgeschlagen: %1</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>Saved to %1.</source>
+        <translation>Gespeichert unter %1.</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Saving failed: %1</source>
+        <translation>Speichern fehlgeschlagen: %1</translation>
+    </message>
+</context>
+<context>
+    <name>PreferencesTableViewItem</name>
+    <message>
+        <location filename="../src/preferences/PreferencesTableViewItem.cpp" line="+23"/>
+        <source>No speakers found yet. Corvel searches the network when it starts and when you press Start.</source>
+        <translation>Noch keine Lautsprecher gefunden. Corvel durchsucht das Netzwerk beim Start und wenn Sie auf „Starten“ klicken.</translation>
+    </message>
+    <message>
+        <location line="+13"/>
+        <source>Offer this speaker as an AirPlay sound output</source>
+        <translation>Diesen Lautsprecher als AirPlay-Tonausgang anbieten</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>Speaker name</source>
+        <translation>Name des Lautsprechers</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <location line="+140"/>
+        <source>The name this speaker is announced under</source>
+        <translation>Der Name, unter dem dieser Lautsprecher angeboten wird</translation>
+    </message>
+    <message>
+        <location line="-132"/>
+        <source>A name can be up to %1 bytes: most letters take one, accented letters two, emoji four.</source>
+        <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
+    </message>
+    <message>
+        <location line="+60"/>
+        <source>Offer %1</source>
+        <translation>%1 anbieten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Icon of %1</source>
+        <translation>Symbol von %1</translation>
+    </message>
+    <message numerus="yes">
+        <location line="+41"/>
+        <source>%n left</source>
+        <translation>
+            <numerusform>noch %n</numerusform>
+            <numerusform>noch %n</numerusform>
+        </translation>
+    </message>
+    <message numerus="yes">
+        <location line="+1"/>
+        <source>%n too many</source>
+        <translation>
+            <numerusform>%n zu viel</numerusform>
+            <numerusform>%n zu viel</numerusform>
+        </translation>
+    </message>
+</context>
+<context>
+    <name>SpeakerCommands</name>
+    <message>
+        <location filename="../src/app/SpeakerCommands.cpp" line="+42"/>
+        <source>More than one speaker is named &quot;%1&quot;; give its location instead.</source>
+        <translation>Mehrere Lautsprecher heißen „%1“; geben Sie stattdessen seine Adresse (Location) an.</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>No known speaker has the location or name &quot;%1&quot; (see corvel --list).</source>
+        <translation>Kein bekannter Lautsprecher hat die Adresse oder den Namen „%1“ (siehe corvel --list).</translation>
+    </message>
+</context>
+<context>
+    <name>ViewController</name>
+    <message>
+        <location filename="../src/preferences/ViewController.ui" line="+7"/>
+        <source>Corvel Preferences</source>
+        <translation>Corvel – Einstellungen</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>&lt;b&gt;Speakers&lt;/b&gt;</source>
+        <translation>&lt;b&gt;Lautsprecher&lt;/b&gt;</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Checked speakers are offered as AirPlay sound outputs. Click a name, or press F2, to rename it. Only the coordinator of each speaker group is listed.</source>
+        <translation>Angehakte Lautsprecher werden als AirPlay-Tonausgänge angeboten. Klicken Sie auf einen Namen oder drücken Sie F2, um ihn umzubenennen. Von jeder Lautsprechergruppe steht nur der Koordinator in der Liste.</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>Speakers</source>
+        <translation>Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Arrow keys choose a speaker, Space offers it or not, F2 renames it</source>
+        <translation>Die Pfeiltasten wählen einen Lautsprecher, die Leertaste bietet ihn an oder nicht, F2 benennt ihn um</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <location filename="../src/preferences/ViewController.cpp" line="+429"/>
+        <source>&amp;Start</source>
+        <translation>&amp;Starten</translation>
+    </message>
+    <message>
+        <location line="+18"/>
+        <source>Save &amp;Log…</source>
+        <translation>&amp;Protokoll speichern…</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Start Corvel when I log &amp;in</source>
+        <translation>Corvel bei der &amp;Anmeldung starten</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Show speakers as sound &amp;outputs on this computer</source>
+        <translation>Lautsprecher als &amp;Tonausgänge dieses Computers zeigen</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Turns on AirPlay (RAOP) discovery in PipeWire or PulseAudio, now and at every login, so the speakers appear in your sound settings</source>
+        <translation>Schaltet die AirPlay-Erkennung (RAOP) in PipeWire oder PulseAudio ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
+    </message>
+    <message>
+        <location filename="../src/preferences/ViewController.cpp" line="-349"/>
+        <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
+        <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
+    </message>
+    <message>
+        <location line="+345"/>
+        <source>&amp;Stop</source>
+        <translation>&amp;Stoppen</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Searching...</source>
+        <translation>Suche läuft …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>&amp;Install Bridge…</source>
+        <translation>Bridge &amp;installieren…</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Search &amp;Again</source>
+        <translation>&amp;Erneut suchen</translation>
+    </message>
+    <message>
+        <location line="+43"/>
+        <source>Turns on AirPlay (RAOP) discovery in your sound server, now and at every login, so the speakers appear in your sound settings</source>
+        <translation>Schaltet die AirPlay-Erkennung (RAOP) in Ihrem Soundserver ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>No sound server answered: Corvel needs PipeWire (with pipewire-pulse) or PulseAudio</source>
+        <translation>Kein Soundserver hat geantwortet: Corvel braucht PipeWire (mit pipewire-pulse) oder PulseAudio</translation>
+    </message>
+    <message>
+        <location line="+23"/>
+        <source>Sound outputs</source>
+        <translation>Tonausgänge</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The speakers could not be made sound outputs.</source>
+        <translation>Die Lautsprecher konnten nicht zu Tonausgängen gemacht werden.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The speakers could not be removed from the sound outputs.</source>
+        <translation>Die Lautsprecher konnten nicht aus den Tonausgängen entfernt werden.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Save Log</source>
+        <translation>Protokoll speichern</translation>
+    </message>
+    <message>
+        <location line="+16"/>
+        <source>Error</source>
+        <translation>Fehler</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Failed to save log file: %1</source>
+        <translation>Die Protokolldatei konnte nicht gespeichert werden: %1</translation>
+    </message>
+</context>
+<context>
+    <name>main</name>
+    <message>
+        <location filename="../src/corvel/main.cpp" line="+127"/>
+        <source>Plays this computer&apos;s audio on Sonos speakers.</source>
+        <translation>Spielt den Ton dieses Computers auf Sonos-Lautsprechern ab.</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Run without a tray icon or windows (for servers).</source>
+        <translation>Ohne Symbol im Systemabschnitt und ohne Fenster laufen (für Server).</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Started at login: wait for the desktop&apos;s tray.</source>
+        <translation>Bei der Anmeldung gestartet: auf den Systemabschnitt der Arbeitsumgebung warten.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Search for speakers, then list the known ones and exit.</source>
+        <translation>Nach Lautsprechern suchen, dann die bekannten auflisten und beenden.</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Offer the speaker (location or name) and exit.</source>
+        <translation>Den Lautsprecher (Adresse oder Name) anbieten und beenden.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <location line="+4"/>
+        <location line="+4"/>
+        <source>speaker</source>
+        <translation>lautsprecher</translation>
+    </message>
+    <message>
+        <location line="-5"/>
+        <source>Stop offering the speaker (location or name) and exit.</source>
+        <translation>Den Lautsprecher (Adresse oder Name) nicht mehr anbieten und beenden.</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>Rename the speaker (location or name) to the next argument and exit.</source>
+        <translation>Den Lautsprecher (Adresse oder Name) in das folgende Argument umbenennen und beenden.</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>The new name, with --rename.</source>
+        <translation>Der neue Name, mit --rename.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>[name]</source>
+        <translation>[name]</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>--rename needs the new name after the speaker</source>
+        <translation>--rename braucht den neuen Namen nach dem Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+44"/>
+        <source>Corvel is already running.</source>
+        <translation>Corvel läuft bereits.</translation>
+    </message>
+</context>
+</TS>
