@@ -7,6 +7,7 @@
 #include "Notifications.h"
 #include "Settings.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -69,20 +70,31 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
     row->addLayout(texts, 1);
     row->addWidget(m_noSpeakersFound, 1);
 
-    connect(m_titleField, &EditableTextField::editBegan, this, [this] {
+    // The name reads as a label until it is edited, then as a field.
+    const auto showAsField = [field = m_titleField](bool editing) {
+        QPalette palette = field->palette();
+        palette.setBrush(QPalette::Base,
+                         editing ? QApplication::palette().base() : Qt::transparent);
+        field->setPalette(palette);
+    };
+    showAsField(false);
+    connect(m_titleField, &EditableTextField::editBegan, this, [this, showAsField] {
+        showAsField(true);
         updateLengthLabel();
         m_lengthLabel->show();
     });
     connect(m_titleField, &QLineEdit::textEdited, this,
             &PreferencesTableViewItem::updateLengthLabel);
-    connect(m_titleField, &EditableTextField::editCommitted, this, [this](bool byKey) {
+    connect(m_titleField, &EditableTextField::editCommitted, this, [this, showAsField](bool byKey) {
+        showAsField(false);
         m_lengthLabel->hide();
         titleEdited();
         if (byKey)
             emit renameEndedByKey();
         emit renameEnded();
     });
-    connect(m_titleField, &EditableTextField::editCancelled, this, [this] {
+    connect(m_titleField, &EditableTextField::editCancelled, this, [this, showAsField] {
+        showAsField(false);
         m_lengthLabel->hide();
         emit renameEndedByKey();
         emit renameEnded();
