@@ -166,7 +166,7 @@ void PreferencesTableViewItem::updateLengthLabel()
     const int left = maxSpeakerNameBytes - int(m_titleField->text().toUtf8().size());
     m_lengthLabel->setText(left >= 0 ? tr("%n left", nullptr, left)
                                      : tr("%n too many", nullptr, -left));
-    m_lengthLabel->setForegroundRole(left >= 0 ? QPalette::PlaceholderText : QPalette::Link);
+    m_lengthLabel->setForegroundRole(left >= 0 ? QPalette::PlaceholderText : QPalette::WindowText);
 }
 
 void PreferencesTableViewItem::refuseName(const QString &hint)
