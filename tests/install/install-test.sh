@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs into a temporary prefix and checks what a desktop and a package manager read:
-# the desktop entry, the AppStream metadata, the icon, the user unit, and the program itself.
+# the desktop entry, the AppStream metadata, the icon, the user unit, the translations, and the
+# program itself.
 set -eu
 build="$1"
 prefix="$(mktemp -d)"
@@ -8,7 +9,8 @@ trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for file in bin/corvel share/applications/org.corvel.Corvel.desktop \
     share/icons/hicolor/scalable/apps/org.corvel.Corvel.svg \
-    share/metainfo/org.corvel.Corvel.metainfo.xml share/systemd/user/corvel.service; do
+    share/metainfo/org.corvel.Corvel.metainfo.xml share/systemd/user/corvel.service \
+    share/corvel/translations/corvel_de.qm; do
     [ -f "$prefix/$file" ] || { echo "missing: $file"; exit 1; }
 done
 [ -d "$prefix/libexec/corvel" ] || { echo "missing: libexec/corvel/"; exit 1; }
