@@ -4,6 +4,7 @@
 // its event, and this process's peak memory. Run it through scripts/netns (scripts/bench).
 //   corvel-bench-discovery PLAYERS
 #include "BenchFigures.h"
+#include "BenchSimulator.h"
 #include "DeviceDiscovery.h"
 #include "Log.h"
 #include "NotificationCenter.h"
@@ -28,28 +29,12 @@ int main(int argc, char *argv[])
     const int players = argc > 1 ? std::max(1, atoi(argv[1])) : 32;
 
     QProcess simulator;
-    simulator.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    simulator.start(QStringLiteral(SPEAKER_SIM),
-                    {"--players", QString::number(players), "--groups",
-                     QString::number(std::max(1, players / 4)), "--report-answers"});
-    std::map<int, QUrl> locationOf;
+    const auto started = startSimulator(simulator, players, 10000);
+    if (!started)
+        return 1;
     std::map<QUrl, int> indexOf;
-    for (bool ready = false; !ready;) {
-        if (!simulator.waitForReadyRead(10000)) {
-            std::fprintf(stderr, "The simulator did not start\n");
-            return 1;
-        }
-        while (simulator.canReadLine()) {
-            const QList<QByteArray> parts = simulator.readLine().trimmed().split(' ');
-            if (parts.value(0) == "ready")
-                ready = true;
-            else if (parts.value(0) == "player") {
-                const QUrl location(QString::fromUtf8(parts.value(2)));
-                locationOf[parts.value(1).toInt()] = location;
-                indexOf[location] = parts.value(1).toInt();
-            }
-        }
-    }
+    for (const auto &[index, location] : *started)
+        indexOf[location] = index;
 
     if (qEnvironmentVariableIsSet("CORVEL_BENCH_LOG")) {
         Logging::setDefaultLevel(LogLevel::Info);

@@ -8,6 +8,7 @@
 //   corvel-bench-growth PLAYERS [RUNS]
 #include "AppDelegate.h"
 #include "BenchFigures.h"
+#include "BenchSimulator.h"
 #include "DeviceDiscovery.h"
 #include "Notifications.h"
 #include "Settings.h"
@@ -95,25 +96,13 @@ int main(int argc, char *argv[])
     const int runs = argc > 2 ? std::max(1, atoi(argv[2])) : 7;
 
     QProcess simulator;
-    simulator.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    simulator.start(QStringLiteral(SPEAKER_SIM),
-                    {"--players", QString::number(players), "--groups",
-                     QString::number(std::max(1, players / 4)), "--report-answers"});
+    const auto locations = startSimulator(simulator, players, 20000);
+    if (!locations)
+        return 1;
     std::vector<QUrl> fetches;
-    for (bool ready = false; !ready;) {
-        if (!simulator.waitForReadyRead(20000)) {
-            std::fprintf(stderr, "The simulator did not start\n");
-            return 1;
-        }
-        while (simulator.canReadLine()) {
-            const QList<QByteArray> parts = simulator.readLine().trimmed().split(' ');
-            ready = ready || parts.value(0) == "ready";
-            if (parts.value(0) == "player") {
-                const QUrl location(QString::fromUtf8(parts.value(2)));
-                fetches.push_back(location);
-                fetches.push_back(location.resolved(QUrl(QStringLiteral("/status/topology"))));
-            }
-        }
+    for (const auto &[index, location] : *locations) {
+        fetches.push_back(location);
+        fetches.push_back(location.resolved(QUrl(QStringLiteral("/status/topology"))));
     }
     // The last answer to the search's first M-SEARCH (the players answer its repeat, a
     // second later, too, which starts no new work).

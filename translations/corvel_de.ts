@@ -98,7 +98,7 @@
         <translation>Corvel: Läuft — %1 Lautsprecher</translation>
     </message>
     <message>
-        <location line="+87"/>
+        <location line="+88"/>
         <source>Click here: %1</source>
         <translation>Hier klicken: %1</translation>
     </message>
@@ -218,7 +218,7 @@
 <context>
     <name>BridgeLocator</name>
     <message>
-        <location filename="../src/bridge/BridgeLocator.cpp" line="+115"/>
+        <location filename="../src/bridge/BridgeLocator.cpp" line="+116"/>
         <source>Cannot read %1: %2</source>
         <translation>%1 kann nicht gelesen werden: %2</translation>
     </message>
@@ -281,12 +281,12 @@
 <context>
     <name>DeviceSettings</name>
     <message>
-        <location filename="../src/settings/DeviceSettings.cpp" line="+15"/>
+        <location filename="../src/settings/DeviceSettings.cpp" line="+11"/>
         <source>A speaker needs a name: the old one stays.</source>
         <translation>Ein Lautsprecher braucht einen Namen: Der bisherige bleibt.</translation>
     </message>
     <message>
-        <location line="+4"/>
+        <location line="+5"/>
         <source>A speaker name can be at most %1 bytes long (about %1 letters, fewer with accents or emoji); &quot;%2&quot; has %3.</source>
         <translation>Ein Lautsprechername darf höchstens %1 Bytes lang sein (etwa %1 Buchstaben, weniger mit Umlauten, Akzenten oder Emoji); „%2“ hat %3.</translation>
     </message>
@@ -382,7 +382,7 @@
 <context>
     <name>PreferencesTableViewItem</name>
     <message>
-        <location filename="../src/preferences/PreferencesTableViewItem.cpp" line="+23"/>
+        <location filename="../src/preferences/PreferencesTableViewItem.cpp" line="+24"/>
         <source>No speakers found yet. Corvel searches the network when it starts and when you press Start.</source>
         <translation>Noch keine Lautsprecher gefunden. Corvel durchsucht das Netzwerk beim Start und wenn Sie auf „Starten“ klicken.</translation>
     </message>
@@ -397,18 +397,17 @@
         <translation>Name des Lautsprechers</translation>
     </message>
     <message>
-        <location line="+1"/>
-        <location line="+140"/>
+        <location line="+86"/>
         <source>The name this speaker is announced under</source>
         <translation>Der Name, unter dem dieser Lautsprecher angeboten wird</translation>
     </message>
     <message>
-        <location line="-132"/>
+        <location line="-77"/>
         <source>A name can be up to %1 bytes: most letters take one, accented letters two, emoji four.</source>
         <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
     </message>
     <message>
-        <location line="+60"/>
+        <location line="+70"/>
         <source>Offer %1</source>
         <translation>%1 anbieten</translation>
     </message>
@@ -418,7 +417,7 @@
         <translation>Symbol von %1</translation>
     </message>
     <message numerus="yes">
-        <location line="+41"/>
+        <location line="+47"/>
         <source>%n left</source>
         <translation>
             <numerusform>noch %n</numerusform>
@@ -589,29 +588,29 @@
         <translation>Nach Lautsprechern suchen, dann die bekannten auflisten und beenden.</translation>
     </message>
     <message>
-        <location line="+2"/>
+        <location line="+4"/>
         <source>Offer the speaker (location or name) and exit.</source>
         <translation>Den Lautsprecher (Adresse oder Name) anbieten und beenden.</translation>
     </message>
     <message>
         <location line="+1"/>
-        <location line="+4"/>
-        <location line="+4"/>
+        <location line="+5"/>
+        <location line="+5"/>
         <source>speaker</source>
         <translation>lautsprecher</translation>
     </message>
     <message>
-        <location line="-5"/>
+        <location line="-7"/>
         <source>Stop offering the speaker (location or name) and exit.</source>
         <translation>Den Lautsprecher (Adresse oder Name) nicht mehr anbieten und beenden.</translation>
     </message>
     <message>
-        <location line="+4"/>
+        <location line="+5"/>
         <source>Rename the speaker (location or name) to the next argument and exit.</source>
         <translation>Den Lautsprecher (Adresse oder Name) in das folgende Argument umbenennen und beenden.</translation>
     </message>
     <message>
-        <location line="+5"/>
+        <location line="+6"/>
         <source>The new name, with --rename.</source>
         <translation>Der neue Name, mit --rename.</translation>
     </message>

@@ -72,8 +72,8 @@ int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
     const auto location = findSpeaker(settings, locationOrName, error);
     if (!location)
         return 1;
-    if (const auto problem = speakerNameProblem(newName, true)) {
-        *error = *problem;
+    if (const auto problem = speakerNameProblem(newName)) {
+        *error = problem->shown;
         return 2;
     }
     if (settings.renameDevice(*location, newName))

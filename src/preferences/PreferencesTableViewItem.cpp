@@ -43,7 +43,7 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
     m_titleField->setObjectName(QStringLiteral("titleLineEdit"));
     m_titleField->setFocusPolicy(Qt::ClickFocus);
     m_titleField->setAccessibleName(tr("Speaker name"));
-    m_titleField->setToolTip(tr("The name this speaker is announced under"));
+    m_titleField->setToolTip(nameToolTip());
     m_titleField->setFrame(false);
     m_subtitleLabel = new QLabel(this);
     m_subtitleLabel->setObjectName(QStringLiteral("subtitleLabel"));
@@ -85,20 +85,17 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
     });
     connect(m_titleField, &QLineEdit::textEdited, this,
             &PreferencesTableViewItem::updateLengthLabel);
-    connect(m_titleField, &EditableTextField::editCommitted, this, [this, showAsField](bool byKey) {
+    const auto endRename = [this, showAsField](bool committed, bool byKey) {
         showAsField(false);
         m_lengthLabel->hide();
-        titleEdited();
-        if (byKey)
-            emit renameEndedByKey();
-        emit renameEnded();
-    });
-    connect(m_titleField, &EditableTextField::editCancelled, this, [this, showAsField] {
-        showAsField(false);
-        m_lengthLabel->hide();
-        emit renameEndedByKey();
-        emit renameEnded();
-    });
+        if (committed)
+            titleEdited();
+        emit renameEnded(byKey);
+    };
+    connect(m_titleField, &EditableTextField::editCommitted, this,
+            [endRename](bool byKey) { endRename(true, byKey); });
+    connect(m_titleField, &EditableTextField::editCancelled, this,
+            [endRename] { endRename(false, true); });
     connect(m_checkbox, &QCheckBox::clicked, this, &PreferencesTableViewItem::checkboxClicked);
     setNoSpeakersFound(!deviceLocation);
 }
@@ -122,8 +119,16 @@ void PreferencesTableViewItem::fill(const DeviceSettings &record)
     m_subtitleLabel->setText(record.info.friendlyName.value_or(record.info.location.host()));
     // The row shows the record's choice, so the window and the tray's check marks agree.
     m_checkbox->setChecked(record.enabled);
-    m_checkbox->setAccessibleName(tr("Offer %1").arg(record.name));
-    m_icon->setAccessibleName(tr("Icon of %1").arg(record.name));
+    // Told to assistive technology only when the name changes, not on every reload.
+    if (std::exchange(m_accessibleFor, record.name) != record.name) {
+        m_checkbox->setAccessibleName(tr("Offer %1").arg(record.name));
+        m_icon->setAccessibleName(tr("Icon of %1").arg(record.name));
+    }
+}
+
+QString PreferencesTableViewItem::nameToolTip()
+{
+    return tr("The name this speaker is announced under");
 }
 
 void PreferencesTableViewItem::setCurrent(bool current)
@@ -190,11 +195,11 @@ void PreferencesTableViewItem::titleEdited()
     // unchanged name and a speaker that is gone are ignored by the settings.
     const QString name = m_titleField->text();
     if (const auto problem = speakerNameProblem(name)) {
-        logWarning(QStringLiteral("preferences"), *problem);
-        refuseName(*speakerNameProblem(name, true));
+        logWarning(QStringLiteral("preferences"), problem->english);
+        refuseName(problem->shown);
         return;
     }
-    m_titleField->setToolTip(tr("The name this speaker is announced under"));
+    m_titleField->setToolTip(nameToolTip());
     if (m_settings().renameDevice(*deviceLocation, name))
         NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
 }

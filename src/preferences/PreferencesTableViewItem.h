@@ -52,15 +52,14 @@ public:
     const std::optional<QUrl> deviceLocation;
 
 signals:
-    // Renaming ended by Return, Enter or Escape: the list takes the keyboard back.
-    void renameEndedByKey();
-    // Renaming ended in any way.
-    void renameEnded();
+    // Renaming ended; by Return, Enter or Escape (byKey), the list takes the keyboard back.
+    void renameEnded(bool byKey);
 
 protected:
     void paintEvent(QPaintEvent *event) override;
 
 private:
+    static QString nameToolTip();
     void updateLengthLabel();
     // Puts the record's current name back, with the reason as a hint at the field.
     void refuseName(const QString &hint);
@@ -73,4 +72,5 @@ private:
     QLabel *m_lengthLabel;
     QCheckBox *m_checkbox;
     bool m_current = false;
+    QString m_accessibleFor; // the name the accessible names were made for
 };

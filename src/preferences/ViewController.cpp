@@ -179,14 +179,10 @@ bool isListed(const DeviceSettings &record)
 }
 } // namespace
 
-std::vector<DeviceSettings> ViewController::listedDevices() const
+PreferencesTableViewItem *ViewController::makeRowView(std::optional<QUrl> location)
 {
-    std::vector<DeviceSettings> listed;
-    for (const auto &entry : m_controls.settings().devices) {
-        if (isListed(entry.second))
-            listed.push_back(entry.second);
-    }
-    return listed;
+    return new PreferencesTableViewItem([this]() -> Settings & { return m_controls.settings(); },
+                                        std::move(location), m_ui->tableView);
 }
 
 void ViewController::reloadData()
@@ -264,10 +260,7 @@ void ViewController::layoutRows()
         m_noSpeakersItem = new QListWidgetItem(table);
         m_noSpeakersItem->setFlags(Qt::NoItemFlags);
         m_noSpeakersItem->setSizeHint(table->viewport()->size());
-        table->setItemWidget(
-            m_noSpeakersItem,
-            new PreferencesTableViewItem([this]() -> Settings & { return m_controls.settings(); },
-                                         std::nullopt, table));
+        table->setItemWidget(m_noSpeakersItem, makeRowView(std::nullopt));
     }
     showCurrentRow();
 }
@@ -279,20 +272,19 @@ QListWidgetItem *ViewController::addRow(int index, const QUrl &location,
     auto *item = new QListWidgetItem;
     item->setSizeHint(QSize(0, 52));
     table->insertItem(index, item);
-    auto *rowView = new PreferencesTableViewItem(
-        [this]() -> Settings & { return m_controls.settings(); }, location, table);
+    auto *rowView = makeRowView(location);
     table->setItemWidget(item, rowView);
     m_items.insert(location, item);
     fillRow(item, record);
-    connect(rowView, &PreferencesTableViewItem::renameEnded, this, [this] {
+    connect(rowView, &PreferencesTableViewItem::renameEnded, this, [this](bool byKey) {
+        if (byKey)
+            m_ui->tableView->setFocus();
         // Once focus has settled: it may have gone into another row's name.
         QTimer::singleShot(0, this, [this] {
             if (m_layoutPending)
                 layoutRows();
         });
     });
-    connect(rowView, &PreferencesTableViewItem::renameEndedByKey, table,
-            qOverload<>(&QWidget::setFocus));
     connect(rowView->titleField(), &EditableTextField::editBegan, this, [this, item] {
         m_ui->tableView->setCurrentItem(item);
         m_ui->tableView->scrollToItem(item);

@@ -35,8 +35,6 @@ public:
     ViewController(Controls &controls, Platform platform, QWidget *parent = nullptr);
     ~ViewController() override;
 
-    // The speakers with a row: active group coordinators, in location order.
-    std::vector<DeviceSettings> listedDevices() const;
     // Brings the rows in line with the settings: each row's texts at once, the set of rows and
     // their order (natural order of the names) as soon as that disturbs nobody. While a
     // search runs, speakers listed before it keep their rows until it ends.
@@ -81,6 +79,7 @@ private:
     void loadIcon(const QUrl &url, PreferencesTableViewItem *row);
     // Adds, removes and orders the rows, unless the user is renaming or pointing into the list.
     void layoutRows();
+    PreferencesTableViewItem *makeRowView(std::optional<QUrl> location);
     QListWidgetItem *addRow(int index, const QUrl &location, const DeviceSettings &record);
     bool isRenaming() const;
     // Space toggles the current row, F2, Return and Enter rename it.

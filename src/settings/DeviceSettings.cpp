@@ -3,26 +3,21 @@
 
 #include "JsonReader.h"
 
-#include <QCoreApplication>
-
-std::optional<QString> speakerNameProblem(const QString &name, bool translated)
+std::optional<UserText> speakerNameProblem(const QString &name)
 {
-    const auto text = [translated](const char *source) {
-        return translated ? QCoreApplication::translate("DeviceSettings", source)
-                          : QString::fromUtf8(source);
-    };
     if (name.trimmed().isEmpty())
-        return text(
+        return UserText::make(
+            "DeviceSettings",
             QT_TRANSLATE_NOOP("DeviceSettings", "A speaker needs a name: the old one stays."));
     const qsizetype bytes = name.toUtf8().size();
     if (bytes <= maxSpeakerNameBytes)
         return std::nullopt;
-    return text(QT_TRANSLATE_NOOP("DeviceSettings",
-                                  "A speaker name can be at most %1 bytes long (about %1 letters, "
-                                  "fewer with accents or emoji); \"%2\" has %3."))
-        .arg(maxSpeakerNameBytes)
-        .arg(name)
-        .arg(bytes);
+    return UserText::make("DeviceSettings",
+                          QT_TRANSLATE_NOOP("DeviceSettings",
+                                            "A speaker name can be at most %1 bytes long (about "
+                                            "%1 letters, fewer with accents or emoji); \"%2\" "
+                                            "has %3."),
+                          QString::number(maxSpeakerNameBytes), name, QString::number(bytes));
 }
 
 bool DeviceSettings::offeredToBridge() const

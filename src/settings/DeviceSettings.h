@@ -3,6 +3,7 @@
 #pragma once
 
 #include "DeviceInfo.h"
+#include "UserText.h"
 
 #include <map>
 
@@ -27,8 +28,7 @@ struct DeviceSettings
 
 // The longest speaker name the bridge can announce, in bytes of UTF-8.
 constexpr int maxSpeakerNameBytes = 50;
-// Why name cannot be a speaker's name, nothing when it can: in English for the log, or in the
-// user's language for a window or the command line.
-std::optional<QString> speakerNameProblem(const QString &name, bool translated = false);
+// Why name cannot be a speaker's name (for the log and for the user), nothing when it can.
+std::optional<UserText> speakerNameProblem(const QString &name);
 
 using DeviceMap = std::map<LocationKey, DeviceSettings>;
