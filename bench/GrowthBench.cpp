@@ -6,13 +6,13 @@
 // client doing the same 2N fetches (description and topology), 32 at once, parsing nothing.
 // Medians of several runs. Run it through scripts/netns (scripts/bench).
 //   corvel-bench-growth PLAYERS [RUNS]
-#include "AppDelegate.h"
 #include "BenchFigures.h"
 #include "BenchSimulator.h"
+#include "Controller.h"
 #include "DeviceDiscovery.h"
 #include "Notifications.h"
+#include "PreferencesWindow.h"
 #include "Settings.h"
-#include "ViewController.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
@@ -131,10 +131,10 @@ int main(int argc, char *argv[])
             services.watch = [](bool) {
             };
             const Platform platform = Platform::system();
-            AppDelegate delegate(services, platform, false);
-            std::unique_ptr<ViewController> preferences;
+            Controller controller(services, platform, false);
+            std::unique_ptr<PreferencesWindow> preferences;
             if (withWindow) {
-                preferences = std::make_unique<ViewController>(delegate, platform);
+                preferences = std::make_unique<PreferencesWindow>(controller, platform);
                 preferences->show();
             }
             qint64 listedAt = 0;
@@ -151,13 +151,13 @@ int main(int argc, char *argv[])
                 });
             QTimer::singleShot(30000, &app, &QCoreApplication::quit);
             const double cpuBefore = cpuMs();
-            delegate.applicationDidFinishLaunching();
+            controller.start();
             app.exec();
             const double cpu = cpuMs() - cpuBefore;
             NotificationCenter::defaultCenter().removeObserver(token);
             discovery.stopSearching();
             const qint64 answered = lastAnswer();
-            if (described < players || delegate.deviceMenuItems().size() != players) {
+            if (described < players || controller.tray().speakerItems().size() != players) {
                 std::fprintf(stderr, "Only %d of %d players described\n", described, players);
                 return 1;
             }

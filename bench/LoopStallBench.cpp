@@ -5,13 +5,13 @@
 // It searches, so run it through scripts/netns (scripts/bench).
 //   corvel-bench-loopstall
 #include "AirConnect.h"
-#include "AppDelegate.h"
+#include "Controller.h"
 #include "DeviceDiscovery.h"
 #include "Log.h"
 #include "Notifications.h"
 #include "Settings.h"
 #include "SpeakerSimulator.h"
-#include "ViewController.h"
+#include "WindowFactory.h"
 
 #include <cstdio>
 #include <QApplication>
@@ -63,9 +63,8 @@ int main(int argc, char *argv[])
     DeviceDiscovery discovery;
     AirConnect supervisor;
     const Platform platform = Platform::system();
-    AppDelegate delegate(AppServices::real(), platform, false);
-    delegate.setPreferencesWindowFactory(
-        [&delegate, platform] { return new ViewController(delegate, platform); });
+    Controller controller(AppServices::real(), platform, false);
+    WindowFactory windows(controller, platform);
     auto &center = NotificationCenter::defaultCenter();
     center.addObserver(Notifications::discoveryStarted,
                        [&](const Notification &) { phase = QStringLiteral("search of 32"); });
@@ -75,18 +74,19 @@ int main(int argc, char *argv[])
     center.addObserver(Notifications::serviceReady, [&](const Notification &) {
         QTimer::singleShot(0, &app, [&] {
             phase = QStringLiteral("opening Preferences");
-            delegate.showWindow();
+            windows.show(Windows::Kind::Preferences);
             QTimer::singleShot(500, &app, &QCoreApplication::quit);
         });
     });
     QTimer::singleShot(0, &app, [&] {
-        delegate.applicationWillFinishLaunching();
+        Logging::attach(&Log::shared());
+        controller.startCrashReporting();
         Logging::setDefaultLevel(LogLevel::Warning);
     });
-    QTimer::singleShot(100, &app, [&] { delegate.applicationDidFinishLaunching(); });
+    QTimer::singleShot(100, &app, [&] { controller.start(); });
     QTimer::singleShot(30000, &app, &QCoreApplication::quit);
     app.exec();
-    delegate.applicationWillTerminate();
+    controller.shutdown();
     qint64 longest = 0;
     for (const auto &[name, stall] : worst) {
         std::printf("| loop stall, %s | longest %.1f ms | |\n", qPrintable(name),

@@ -2,123 +2,9 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="de_DE">
 <context>
-    <name>AppDelegate</name>
+    <name>AboutWindow</name>
     <message>
-        <location filename="../src/app/AppDelegate.cpp" line="+77"/>
-        <location line="+2"/>
-        <source>Speakers</source>
-        <translation>Lautsprecher</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>&amp;Preferences…</source>
-        <translation>&amp;Einstellungen…</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>&amp;About Corvel</source>
-        <translation>&amp;Über Corvel</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Send &amp;Feedback…</source>
-        <translation>&amp;Feedback senden…</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>&amp;Quit Corvel</source>
-        <translation>Corvel &amp;beenden</translation>
-    </message>
-    <message>
-        <location line="+34"/>
-        <source>Corvel quit unexpectedly</source>
-        <translation>Corvel wurde unerwartet beendet</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>Corvel quit unexpectedly the last time it ran.</source>
-        <translation>Corvel wurde beim letzten Mal unerwartet beendet.</translation>
-    </message>
-    <message numerus="yes">
-        <location line="+1"/>
-        <source>Corvel quit unexpectedly %n times since it last asked.</source>
-        <translation>
-            <numerusform>Corvel wurde seit der letzten Nachfrage %n-mal unerwartet beendet.</numerusform>
-            <numerusform>Corvel wurde seit der letzten Nachfrage %n-mal unerwartet beendet.</numerusform>
-        </translation>
-    </message>
-    <message>
-        <location line="+5"/>
-        <source>Would you like to send a report? It holds where Corvel crashed and its recent log, which names your speakers and their addresses on your network.</source>
-        <translation>Möchten Sie einen Bericht senden? Er enthält, wo Corvel abgestürzt ist, und das jüngste Protokoll, in dem Ihre Lautsprecher und ihre Adressen in Ihrem Netzwerk stehen.</translation>
-    </message>
-    <message>
-        <location line="+3"/>
-        <source>You can save a report to attach to a bug report. It holds where Corvel crashed and its recent log, which names your speakers and their addresses on your network.</source>
-        <translation>Sie können einen Bericht speichern, um ihn einer Fehlermeldung beizufügen. Er enthält, wo Corvel abgestürzt ist, und das jüngste Protokoll, in dem Ihre Lautsprecher und ihre Adressen in Ihrem Netzwerk stehen.</translation>
-    </message>
-    <message>
-        <location line="+9"/>
-        <source>Send</source>
-        <translation>Senden</translation>
-    </message>
-    <message>
-        <location line="+0"/>
-        <source>Save Report…</source>
-        <translation>Bericht speichern…</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>Always Send</source>
-        <translation>Immer senden</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Don&apos;t Send</source>
-        <translation>Nicht senden</translation>
-    </message>
-    <message>
-        <location line="+0"/>
-        <source>Don&apos;t Save</source>
-        <translation>Nicht speichern</translation>
-    </message>
-    <message>
-        <location line="+16"/>
-        <source>Save Crash Report</source>
-        <translation>Absturzbericht speichern</translation>
-    </message>
-    <message>
-        <location line="+118"/>
-        <source>Corvel: Running — 1 speaker</source>
-        <translation>Corvel: Läuft — 1 Lautsprecher</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: Running — %1 speakers</source>
-        <translation>Corvel: Läuft — %1 Lautsprecher</translation>
-    </message>
-    <message>
-        <location line="+88"/>
-        <source>Click here: %1</source>
-        <translation>Hier klicken: %1</translation>
-    </message>
-    <message>
-        <location line="+15"/>
-        <source>AirConnect bridge needed</source>
-        <translation>AirConnect-Bridge benötigt</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel needs the free AirConnect bridge to play to your speakers.</source>
-        <translation>Corvel braucht die freie AirConnect-Bridge, um auf Ihren Lautsprechern zu spielen.</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Set Up…</source>
-        <translation>Einrichten…</translation>
-    </message>
-    <message>
-        <location line="+234"/>
+        <location filename="../src/windows/AboutWindow.cpp" line="+18"/>
         <source>About Corvel</source>
         <translation>Über Corvel</translation>
     </message>
@@ -128,91 +14,9 @@
         <translation>&lt;h3&gt;Corvel %1&lt;/h3&gt;&lt;p&gt;Spielt den Ton dieses Computers über die AirConnect-Bridge auf Sonos-Lautsprechern ab.&lt;/p&gt;&lt;p&gt;%2&lt;br&gt;%3&lt;/p&gt;&lt;p&gt;Erstellt von %4 (%5)&lt;/p&gt;&lt;p&gt;Corvel ist freie Software: Sie dürfen es unter den Bedingungen der GNU General Public License, Version 3 oder (nach Ihrer Wahl) jeder späteren Version, weitergeben und verändern. Es wird ohne jede Gewährleistung geliefert. Siehe %6.&lt;/p&gt;</translation>
     </message>
     <message>
-        <location line="+19"/>
+        <location line="+18"/>
         <source>&amp;Copy Version Info</source>
         <translation>Versionsangaben &amp;kopieren</translation>
-    </message>
-    <message>
-        <location line="+183"/>
-        <source>Corvel stopped</source>
-        <translation>Corvel angehalten</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>The AirConnect bridge keeps stopping, so Corvel has stopped restarting it. Its last words:
-%1</source>
-        <translation>Die AirConnect-Bridge bricht immer wieder ab, deshalb startet Corvel sie nicht mehr neu. Ihre letzten Ausgaben:
-%1</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>(nothing)</source>
-        <translation>(nichts)</translation>
-    </message>
-    <message>
-        <location line="+8"/>
-        <source>AirConnect bridge stopped</source>
-        <translation>AirConnect-Bridge angehalten</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>The bridge stopped unexpectedly; Corvel is restarting it.</source>
-        <translation>Die Bridge wurde unerwartet beendet; Corvel startet sie neu.</translation>
-    </message>
-    <message>
-        <location filename="../src/app/AppDelegate.h" line="+51"/>
-        <source>Corvel: Off</source>
-        <translation>Corvel: Aus</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: Looking For Speakers...</source>
-        <translation>Corvel: Sucht Lautsprecher …</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: No Speakers Found</source>
-        <translation>Corvel: Keine Lautsprecher gefunden</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: Starting...</source>
-        <translation>Corvel: Startet …</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: Running</source>
-        <translation>Corvel: Läuft</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: Stopped</source>
-        <translation>Corvel: Angehalten</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>Corvel: Bridge Stopped, Restarting...</source>
-        <translation>Corvel: Bridge angehalten, Neustart …</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Corvel: Bridge Not Installed</source>
-        <translation>Corvel: Bridge nicht installiert</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Turn Corvel &amp;On</source>
-        <translation>Corvel ein&amp;schalten</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Turn Corvel O&amp;ff</source>
-        <translation>Corvel aus&amp;schalten</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>&amp;Install Bridge…</source>
-        <translation>Bridge &amp;installieren…</translation>
     </message>
 </context>
 <context>
@@ -241,7 +45,7 @@
 <context>
     <name>BridgeSetupWindow</name>
     <message>
-        <location filename="../src/app/BridgeSetupWindow.cpp" line="+21"/>
+        <location filename="../src/windows/BridgeSetupWindow.cpp" line="+21"/>
         <source>Set Up the AirConnect Bridge</source>
         <translation>AirConnect-Bridge einrichten</translation>
     </message>
@@ -279,6 +83,112 @@
     </message>
 </context>
 <context>
+    <name>Controller</name>
+    <message>
+        <location filename="../src/app/Controller.cpp" line="+161"/>
+        <source>AirConnect bridge needed</source>
+        <translation>AirConnect-Bridge benötigt</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel needs the free AirConnect bridge to play to your speakers.</source>
+        <translation>Corvel braucht die freie AirConnect-Bridge, um auf Ihren Lautsprechern zu spielen.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Set Up…</source>
+        <translation>Einrichten…</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>AirConnect bridge stopped</source>
+        <translation>AirConnect-Bridge angehalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The bridge stopped unexpectedly; Corvel is restarting it.</source>
+        <translation>Die Bridge wurde unerwartet beendet; Corvel startet sie neu.</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>Corvel stopped</source>
+        <translation>Corvel angehalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The AirConnect bridge keeps stopping, so Corvel has stopped restarting it. Its last words:
+%1</source>
+        <translation>Die AirConnect-Bridge bricht immer wieder ab, deshalb startet Corvel sie nicht mehr neu. Ihre letzten Ausgaben:
+%1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>(nothing)</source>
+        <translation>(nichts)</translation>
+    </message>
+</context>
+<context>
+    <name>CrashPrompt</name>
+    <message>
+        <location filename="../src/windows/CrashPrompt.cpp" line="+41"/>
+        <source>Corvel quit unexpectedly</source>
+        <translation>Corvel wurde unerwartet beendet</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Corvel quit unexpectedly the last time it ran.</source>
+        <translation>Corvel wurde beim letzten Mal unerwartet beendet.</translation>
+    </message>
+    <message numerus="yes">
+        <location line="+1"/>
+        <source>Corvel quit unexpectedly %n times since it last asked.</source>
+        <translation>
+            <numerusform>Corvel wurde seit der letzten Nachfrage %n-mal unerwartet beendet.</numerusform>
+            <numerusform>Corvel wurde seit der letzten Nachfrage %n-mal unerwartet beendet.</numerusform>
+        </translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Would you like to send a report? It holds where Corvel crashed and its recent log, which names your speakers and their addresses on your network.</source>
+        <translation>Möchten Sie einen Bericht senden? Er enthält, wo Corvel abgestürzt ist, und das jüngste Protokoll, in dem Ihre Lautsprecher und ihre Adressen in Ihrem Netzwerk stehen.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>You can save a report to attach to a bug report. It holds where Corvel crashed and its recent log, which names your speakers and their addresses on your network.</source>
+        <translation>Sie können einen Bericht speichern, um ihn einer Fehlermeldung beizufügen. Er enthält, wo Corvel abgestürzt ist, und das jüngste Protokoll, in dem Ihre Lautsprecher und ihre Adressen in Ihrem Netzwerk stehen.</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>Send</source>
+        <translation>Senden</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>Save Report…</source>
+        <translation>Bericht speichern…</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Always Send</source>
+        <translation>Immer senden</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Don&apos;t Send</source>
+        <translation>Nicht senden</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>Don&apos;t Save</source>
+        <translation>Nicht speichern</translation>
+    </message>
+    <message>
+        <location line="+21"/>
+        <source>Save Crash Report</source>
+        <translation>Absturzbericht speichern</translation>
+    </message>
+</context>
+<context>
     <name>DeviceSettings</name>
     <message>
         <location filename="../src/settings/DeviceSettings.cpp" line="+11"/>
@@ -294,7 +204,7 @@
 <context>
     <name>FeedbackWindow</name>
     <message>
-        <location filename="../src/app/FeedbackWindow.cpp" line="+23"/>
+        <location filename="../src/windows/FeedbackWindow.cpp" line="+23"/>
         <source>Send Feedback</source>
         <translation>Feedback senden</translation>
     </message>
@@ -380,76 +290,17 @@
     </message>
 </context>
 <context>
-    <name>PreferencesTableViewItem</name>
+    <name>Notices</name>
     <message>
-        <location filename="../src/preferences/PreferencesTableViewItem.cpp" line="+24"/>
-        <source>No speakers found yet. Corvel searches the network when it starts and when you press Start.</source>
-        <translation>Noch keine Lautsprecher gefunden. Corvel durchsucht das Netzwerk beim Start und wenn Sie auf „Starten“ klicken.</translation>
-    </message>
-    <message>
-        <location line="+13"/>
-        <source>Offer this speaker as an AirPlay sound output</source>
-        <translation>Diesen Lautsprecher als AirPlay-Tonausgang anbieten</translation>
-    </message>
-    <message>
-        <location line="+8"/>
-        <source>Speaker name</source>
-        <translation>Name des Lautsprechers</translation>
-    </message>
-    <message>
-        <location line="+86"/>
-        <source>The name this speaker is announced under</source>
-        <translation>Der Name, unter dem dieser Lautsprecher angeboten wird</translation>
-    </message>
-    <message>
-        <location line="-77"/>
-        <source>A name can be up to %1 bytes: most letters take one, accented letters two, emoji four.</source>
-        <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
-    </message>
-    <message>
-        <location line="+70"/>
-        <source>Offer %1</source>
-        <translation>%1 anbieten</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>Icon of %1</source>
-        <translation>Symbol von %1</translation>
-    </message>
-    <message numerus="yes">
-        <location line="+47"/>
-        <source>%n left</source>
-        <translation>
-            <numerusform>noch %n</numerusform>
-            <numerusform>noch %n</numerusform>
-        </translation>
-    </message>
-    <message numerus="yes">
-        <location line="+1"/>
-        <source>%n too many</source>
-        <translation>
-            <numerusform>%n zu viel</numerusform>
-            <numerusform>%n zu viel</numerusform>
-        </translation>
+        <location filename="../src/tray/Notices.cpp" line="+31"/>
+        <source>Click here: %1</source>
+        <translation>Hier klicken: %1</translation>
     </message>
 </context>
 <context>
-    <name>SpeakerCommands</name>
+    <name>PreferencesWindow</name>
     <message>
-        <location filename="../src/app/SpeakerCommands.cpp" line="+42"/>
-        <source>More than one speaker is named &quot;%1&quot;; give its location instead.</source>
-        <translation>Mehrere Lautsprecher heißen „%1“; geben Sie stattdessen seine Adresse (Location) an.</translation>
-    </message>
-    <message>
-        <location line="+9"/>
-        <source>No known speaker has the location or name &quot;%1&quot; (see corvel --list).</source>
-        <translation>Kein bekannter Lautsprecher hat die Adresse oder den Namen „%1“ (siehe corvel --list).</translation>
-    </message>
-</context>
-<context>
-    <name>ViewController</name>
-    <message>
-        <location filename="../src/preferences/ViewController.ui" line="+7"/>
+        <location filename="../src/windows/PreferencesWindow.ui" line="+7"/>
         <source>Corvel Preferences</source>
         <translation>Corvel – Einstellungen</translation>
     </message>
@@ -475,7 +326,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/preferences/ViewController.cpp" line="+429"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+429"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -500,7 +351,7 @@
         <translation>Schaltet die AirPlay-Erkennung (RAOP) in PipeWire oder PulseAudio ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
     </message>
     <message>
-        <location filename="../src/preferences/ViewController.cpp" line="-349"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-349"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
@@ -566,9 +417,170 @@
     </message>
 </context>
 <context>
+    <name>SpeakerCommands</name>
+    <message>
+        <location filename="../src/app/SpeakerCommands.cpp" line="+42"/>
+        <source>More than one speaker is named &quot;%1&quot;; give its location instead.</source>
+        <translation>Mehrere Lautsprecher heißen „%1“; geben Sie stattdessen seine Adresse (Location) an.</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>No known speaker has the location or name &quot;%1&quot; (see corvel --list).</source>
+        <translation>Kein bekannter Lautsprecher hat die Adresse oder den Namen „%1“ (siehe corvel --list).</translation>
+    </message>
+</context>
+<context>
+    <name>SpeakerRow</name>
+    <message>
+        <location filename="../src/windows/SpeakerRow.cpp" line="+24"/>
+        <source>No speakers found yet. Corvel searches the network when it starts and when you press Start.</source>
+        <translation>Noch keine Lautsprecher gefunden. Corvel durchsucht das Netzwerk beim Start und wenn Sie auf „Starten“ klicken.</translation>
+    </message>
+    <message>
+        <location line="+13"/>
+        <source>Offer this speaker as an AirPlay sound output</source>
+        <translation>Diesen Lautsprecher als AirPlay-Tonausgang anbieten</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>Speaker name</source>
+        <translation>Name des Lautsprechers</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>A name can be up to %1 bytes: most letters take one, accented letters two, emoji four.</source>
+        <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
+    </message>
+    <message>
+        <location line="+70"/>
+        <source>Offer %1</source>
+        <translation>%1 anbieten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Icon of %1</source>
+        <translation>Symbol von %1</translation>
+    </message>
+    <message>
+        <location line="+6"/>
+        <source>The name this speaker is announced under</source>
+        <translation>Der Name, unter dem dieser Lautsprecher angeboten wird</translation>
+    </message>
+    <message numerus="yes">
+        <location line="+41"/>
+        <source>%n left</source>
+        <translation>
+            <numerusform>noch %n</numerusform>
+            <numerusform>noch %n</numerusform>
+        </translation>
+    </message>
+    <message numerus="yes">
+        <location line="+1"/>
+        <source>%n too many</source>
+        <translation>
+            <numerusform>%n zu viel</numerusform>
+            <numerusform>%n zu viel</numerusform>
+        </translation>
+    </message>
+</context>
+<context>
+    <name>TrayPresenter</name>
+    <message>
+        <location filename="../src/tray/TrayPresenter.cpp" line="+27"/>
+        <location line="+2"/>
+        <source>Speakers</source>
+        <translation>Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>&amp;Preferences…</source>
+        <translation>&amp;Einstellungen…</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>&amp;About Corvel</source>
+        <translation>&amp;Über Corvel</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Send &amp;Feedback…</source>
+        <translation>&amp;Feedback senden…</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>&amp;Quit Corvel</source>
+        <translation>Corvel &amp;beenden</translation>
+    </message>
+    <message>
+        <location line="+105"/>
+        <source>Corvel: Running — 1 speaker</source>
+        <translation>Corvel: Läuft — 1 Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Running — %1 speakers</source>
+        <translation>Corvel: Läuft — %1 Lautsprecher</translation>
+    </message>
+    <message>
+        <location filename="../src/tray/TrayPresenter.h" line="+30"/>
+        <source>Corvel: Off</source>
+        <translation>Corvel: Aus</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Looking For Speakers...</source>
+        <translation>Corvel: Sucht Lautsprecher …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: No Speakers Found</source>
+        <translation>Corvel: Keine Lautsprecher gefunden</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Starting...</source>
+        <translation>Corvel: Startet …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Running</source>
+        <translation>Corvel: Läuft</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Stopped</source>
+        <translation>Corvel: Angehalten</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Corvel: Bridge Stopped, Restarting...</source>
+        <translation>Corvel: Bridge angehalten, Neustart …</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Corvel: Bridge Not Installed</source>
+        <translation>Corvel: Bridge nicht installiert</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Turn Corvel &amp;On</source>
+        <translation>Corvel ein&amp;schalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Turn Corvel O&amp;ff</source>
+        <translation>Corvel aus&amp;schalten</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>&amp;Install Bridge…</source>
+        <translation>Bridge &amp;installieren…</translation>
+    </message>
+</context>
+<context>
     <name>main</name>
     <message>
-        <location filename="../src/corvel/main.cpp" line="+127"/>
+        <location filename="../src/corvel/main.cpp" line="+132"/>
         <source>Plays this computer&apos;s audio on Sonos speakers.</source>
         <translation>Spielt den Ton dieses Computers auf Sonos-Lautsprechern ab.</translation>
     </message>
@@ -620,12 +632,12 @@
         <translation>[name]</translation>
     </message>
     <message>
-        <location line="+11"/>
+        <location line="+10"/>
         <source>--rename needs the new name after the speaker</source>
         <translation>--rename braucht den neuen Namen nach dem Lautsprecher</translation>
     </message>
     <message>
-        <location line="+44"/>
+        <location line="+41"/>
         <source>Corvel is already running.</source>
         <translation>Corvel läuft bereits.</translation>
     </message>

@@ -8,11 +8,6 @@
 #include <QDir>
 #include <QtCore/qglobal.h>
 
-void initCorvelResources()
-{
-    Q_INIT_RESOURCE(resources);
-}
-
 AppServices AppServices::real()
 {
     AppServices services;

@@ -12,9 +12,6 @@
 
 class Settings;
 
-// Registers the icons compiled into the app library; safe to call more than once.
-void initCorvelResources();
-
 struct AppServices
 {
     std::function<void(std::optional<double>)> searchForDevices;

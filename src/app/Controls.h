@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What the preferences window may ask of the controller: the speaker records, whether a
-// search or the bridge runs, and the start and stop commands.
+// What the windows may ask of the controller: the speaker records, whether a search or the
+// bridge runs, the start and stop commands, the bridge's setup and quitting.
 #pragma once
+
+#include <QStringList>
 
 class Settings;
 
@@ -20,4 +22,11 @@ public:
     // No bridge executable was found; setUpBridge() shows the bridge setup.
     virtual bool bridgeMissing() const = 0;
     virtual void setUpBridge() = 0;
+    // Where the missing bridge was looked for.
+    virtual QStringList bridgeLookedIn() const = 0;
+    // A bridge was installed through the setup: search, then start it.
+    virtual void bridgeInstalled() = 0;
+    // There is no tray: the preferences window is Corvel's only face, and closing it quits.
+    virtual bool noTray() const = 0;
+    virtual void quit() = 0;
 };

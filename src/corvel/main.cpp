@@ -2,8 +2,9 @@
 // Corvel's entry point: the tray program, or with --headless (or without a display) the same
 // controller, discovery and bridge without any window.
 #include "AirConnect.h"
-#include "AppDelegate.h"
 #include "BuildConfig.h"
+#include "Controller.h"
+#include "CrashPrompt.h"
 #include "DeviceDiscovery.h"
 #include "Log.h"
 #include "Logging.h"
@@ -14,7 +15,7 @@
 #include "SingleInstance.h"
 #include "SpeakerCommands.h"
 #include "Translations.h"
-#include "ViewController.h"
+#include "WindowFactory.h"
 
 #include <csignal>
 #include <cstdio>
@@ -107,6 +108,10 @@ int main(int argc, char *argv[])
     const bool headless = wantsHeadless(argc, argv) || noDisplay;
     if (headless)
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    // The log exists before anything can log, Qt and the settings included.
+    Logging::setDefaultLevel(LogLevel::Verbose);
+    Logging::attach(&Log::shared());
+    Logging::installQtMessageHandler();
 
     QApplication app(argc, argv);
     initCorvelResources();
@@ -163,7 +168,6 @@ int main(int argc, char *argv[])
     if (parser.isSet(listOption) || parser.isSet(enableOption) || parser.isSet(disableOption) ||
         parser.isSet(renameOption)) {
         Logging::setDefaultLevel(parser.isSet(listOption) ? LogLevel::Warning : LogLevel::Info);
-        Logging::attach(&Log::shared());
         if (parser.isSet(renameOption) && parser.positionalArguments().size() != 1) {
             std::fprintf(stderr, "%s\n",
                          qPrintable(QCoreApplication::translate(
@@ -202,50 +206,46 @@ int main(int argc, char *argv[])
     }
 
     const Platform platform = Platform::system();
-    AppDelegate delegate(AppServices::real(), platform, !headless);
+    Controller controller(AppServices::real(), platform, !headless);
     // One Corvel per user: a second start brings the first one's preferences forward.
-    SingleInstance instance(Settings::shared(), [&delegate, headless] {
-        if (!headless)
-            delegate.showWindow();
-    });
+    SingleInstance instance(Settings::shared(), [&controller] { controller.showPreferences(); });
     if (instance.claim() == SingleInstance::Claim::OtherRunning) {
         std::fprintf(stderr, "%s\n",
                      qPrintable(QCoreApplication::translate("main", "Corvel is already running.")));
         SingleInstance::ask(QStringLiteral("ShowPreferences"));
         return 0;
     }
-    delegate.applicationWillFinishLaunching();
+    logInfo(QStringLiteral("applicationWillFinishLaunching"));
+    if (!headless)
+        installCrashPrompts(CrashReporter::shared());
+    controller.startCrashReporting();
     if (noDisplay && !parser.isSet(headlessOption))
         logInfo(QStringLiteral(
             "No display found (neither DISPLAY nor WAYLAND_DISPLAY): running headless"));
 
     quitOnSignals(app);
-    QObject::connect(&delegate, &AppDelegate::quitRequested, &app, &QCoreApplication::quit);
-    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
-                     &AppDelegate::applicationWillTerminate);
+    QObject::connect(&controller, &Controller::quitRequested, &app, &QCoreApplication::quit);
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &controller, &Controller::shutdown);
 
-    auto noTray = std::make_shared<bool>(false);
-    delegate.setPreferencesWindowFactory([&delegate, platform, noTray] {
-        auto *window = new ViewController(delegate, platform);
-        // Without a tray the window is Corvel's only face: closing it quits.
-        window->setClosingQuits(*noTray);
-        QObject::connect(window, &ViewController::closedToQuit, &delegate,
-                         &AppDelegate::quitClicked);
-        return window;
-    });
-    const auto launch = [&delegate, headless, noTray] {
-        *noTray = !headless && !QSystemTrayIcon::isSystemTrayAvailable();
-        delegate.setNoTray(*noTray);
-        if (*noTray) {
+    // Windows only where there is a screen; they go before the controller they ask.
+    std::unique_ptr<WindowFactory> windows;
+    if (!headless) {
+        windows = std::make_unique<WindowFactory>(controller, platform);
+        controller.setWindows(windows.get());
+    }
+    const auto launch = [&controller, headless] {
+        const bool noTray = !headless && !QSystemTrayIcon::isSystemTrayAvailable();
+        controller.setNoTray(noTray);
+        if (noTray) {
             logWarning(QStringLiteral(
                 "No system tray was found, so Corvel opens its preferences window instead of a "
                 "tray icon; closing it quits Corvel. On GNOME, install and enable the "
                 "AppIndicator extension (Debian package gnome-shell-extension-appindicator); "
                 "other desktops need a panel with a system tray."));
         }
-        delegate.applicationDidFinishLaunching();
-        if (*noTray)
-            delegate.showWindow();
+        controller.start();
+        if (noTray)
+            controller.showPreferences();
     };
     std::function<void()> ask; // lives as long as the loop that calls it
     if (!headless && parser.isSet(autostartOption)) {

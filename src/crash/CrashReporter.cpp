@@ -252,10 +252,10 @@ void CrashReporter::processPendingReports()
                          QStringLiteral("A crash report is waiting in %1").arg(report.path));
         return;
     }
-    const QString log = m_delegate ? m_delegate->applicationLogForCrashManager() : QString();
+    const QString log = m_delegate ? m_delegate->recentLog() : QString();
     for (Report &report : reports) {
         if (m_delegate)
-            m_delegate->crashManagerWillShowSubmitCrashReportAlert();
+            m_delegate->crashPromptWillShow();
         report.attachment = log +
                             QStringLiteral("\n\n--- The log of the session that crashed ---\n") +
                             lastLines(sessionLogOf(report.record), 100);

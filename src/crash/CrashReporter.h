@@ -16,9 +16,9 @@ class CrashReporterDelegate
 public:
     virtual ~CrashReporterDelegate() = default;
     // The recent log of this session, attached to every report.
-    virtual QString applicationLogForCrashManager() = 0;
+    virtual QString recentLog() = 0;
     // A report of an earlier crash is about to be offered to the user.
-    virtual void crashManagerWillShowSubmitCrashReportAlert() = 0;
+    virtual void crashPromptWillShow() = 0;
 };
 
 class CrashReporter : public QObject

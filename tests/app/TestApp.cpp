@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The controller with discovery and the bridge faked as it sees them, and the speaker
-// commands of the command line.
-#include "AppDelegate.h"
+// The controller with discovery and the bridge faked as it sees them: events in, services
+// called, titles and notices out; and the speaker commands of the command line.
 #include "ConfigWriter.h"
+#include "Controller.h"
 #include "DeviceDiscovery.h"
 #include "FakePlatform.h"
 #include "MainQueue.h"
@@ -127,9 +127,8 @@ private slots:
     void init();
     void cleanup();
     void launch();
-    void lifecycle_data();
-    void lifecycle();
-    void speakerMenuItems();
+    void wiring_data();
+    void wiring();
     void idleSleepFollowsTheBridge();
     void failingBridgeBacksOffThenGivesUp();
     void tellsTheServiceManager();
@@ -138,18 +137,18 @@ private slots:
 private:
     QStringList titles() const
     {
-        return {m_app->firstMenuItem()->text(), m_app->onOffMenuItem()->text()};
+        return {m_app->tray().statusItem()->text(), m_app->tray().onOffItem()->text()};
     }
     std::unique_ptr<FakeWorld> m_world;
     std::unique_ptr<FakePlatform> m_platform;
-    std::unique_ptr<AppDelegate> m_app;
+    std::unique_ptr<Controller> m_app;
 };
 
 void TestApp::init()
 {
     m_world = std::make_unique<FakeWorld>();
     m_platform = std::make_unique<FakePlatform>();
-    m_app = std::make_unique<AppDelegate>(m_world->services(), m_platform->platform(), false);
+    m_app = std::make_unique<Controller>(m_world->services(), m_platform->platform(), false);
 }
 
 void TestApp::cleanup()
@@ -163,14 +162,15 @@ void TestApp::launch()
     m_platform->helper->running = true;
     m_world->settings->mergeDiscoveredSpeaker(speaker(1), {true, "G"});
     LogCapture capture;
-    m_app->applicationDidFinishLaunching();
+    m_app->start();
     QCOMPARE(m_world->searches, 1);
     QCOMPARE(m_platform->helper->stopped, 1);
     // Known speakers were marked not found before the search could report any.
     QVERIFY(m_world->settings->activeDevices().empty());
     settle();
-    QCOMPARE(titles(), QStringList({AppDelegate::statusSearching, AppDelegate::commandTurnOff}));
-    QCOMPARE(m_app->statusMenu()->actions().size(), 10); // only the fixed entries
+    QCOMPARE(titles(),
+             QStringList({TrayPresenter::statusSearching, TrayPresenter::commandTurnOff}));
+    QCOMPARE(m_app->tray().menu()->actions().size(), 10); // only the fixed entries
     QCOMPARE(capture.lines().mid(0, 2),
              QStringList({"Info - applicationDidFinishLaunching", "Info - Stopping launcher app"}));
     // A deviceDiscovered event without a description and topology is ignored with a line.
@@ -178,11 +178,11 @@ void TestApp::launch()
     settle();
     QCOMPARE(capture.count(QStringLiteral("Warning - Ignoring a deviceDiscovered event")), 1);
     QCOMPARE(m_world->settings->activeDevices().size(), 0u);
-    m_app->applicationWillTerminate(); // quitting shuts the bridge down
+    m_app->shutdown(); // quitting shuts the bridge down
     QCOMPARE(m_world->shutdowns, 1);
 }
 
-void TestApp::lifecycle_data()
+void TestApp::wiring_data()
 {
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<int>("state");
@@ -191,76 +191,47 @@ void TestApp::lifecycle_data()
     QTest::addColumn<int>("starts");
     QTest::addColumn<QString>("line"); // the last decision logged, if any
     using L = QStringList;
-    using S = AppDelegate::State;
-    const QString on = AppDelegate::commandTurnOn, off = AppDelegate::commandTurnOff;
-    QTest::newRow("no speakers") << L{"launch", "complete"} << int(S::NoSpeakers)
-                                 << AppDelegate::statusNoSpeakers << off << 0
-                                 << "Warning - Discovery finished with no speakers found";
+    using S = Controller::State;
+    const QString on = TrayPresenter::commandTurnOn, off = TrayPresenter::commandTurnOff;
     QTest::newRow("starting") << L{"launch", "speaker", "complete"} << int(S::Starting)
-                              << AppDelegate::statusStarting << off << 1
+                              << TrayPresenter::statusStarting << off << 1
                               << "Info - Discovery complete, starting AirConnect";
     QTest::newRow("turned off while running")
         << L{"launch", "speaker", "complete", "ready", "onoff"} << int(S::Stopped)
-        << AppDelegate::statusStopped << on << 1 << "Info - Discovery complete, bridge is stopped";
-    QTest::newRow("turned off without speakers: the command follows the state")
-        << L{"launch", "onoff", "complete", "onoff"} << int(S::Searching)
-        << AppDelegate::statusSearching << off << 0 << "Info - onClicked";
-    QTest::newRow("on again until running")
-        << L{"launch", "speaker", "complete", "onoff", "onoff", "speaker", "complete", "ready"}
-        << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
-    QTest::newRow("a search ending while the bridge runs starts no second")
-        << L{"launch", "speaker", "complete", "search", "speaker", "complete"} << int(S::Searching)
-        << AppDelegate::statusSearching << off << 1
-        << "Info - Discovery complete, AirConnect already running";
+        << TrayPresenter::statusStopped << on << 1
+        << "Info - Discovery complete, bridge is stopped";
     QTest::newRow("failed launch keeps the titles")
         << L{"launch", "failing", "speaker", "complete"} << int(S::Searching)
-        << AppDelegate::statusSearching << off << 1 << "";
+        << TrayPresenter::statusSearching << off << 1 << "";
     // The bridge stopped by "off" exits while the search of "on" runs, or after the next
     // launch: either way the newer run's titles stand.
     QTest::newRow("off and on while the bridge stops")
         << L{"launch", "speaker", "complete", "ready",    "slow", "onoff",
              "onoff",  "exited",  "speaker",  "complete", "ready"}
-        << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
-    QTest::newRow("an earlier launch exits late")
-        << L{"launch", "speaker", "complete", "ready",  "slow", "onoff",
-             "onoff",  "speaker", "complete", "exited", "ready"}
-        << int(S::Running) << AppDelegate::statusRunning << off << 2 << "";
-    QTest::newRow("a bridge ending by itself is restarted")
-        << L{"launch", "speaker", "complete", "ready", "crash"} << int(S::Retrying)
-        << AppDelegate::statusRetrying << off << 1
-        << "Warning - AirConnect ended by itself; restarting it in 2 s";
-    QTest::newRow("a stop from the window is no failure")
-        << L{"launch", "speaker", "complete", "ready", "stop"} << int(S::Stopped)
-        << AppDelegate::statusStopped << on << 1 << "";
+        << int(S::Running) << TrayPresenter::statusRunning << off << 2 << "";
     QTest::newRow("a rename restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "rename", "apply"} << int(S::Starting)
-        << AppDelegate::statusStarting << off << 2
+        << TrayPresenter::statusStarting << off << 2
         << "Info - Speakers changed, restarting AirConnect";
     QTest::newRow("a departure restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting)
-        << AppDelegate::statusStarting << off << 2 << "";
+        << TrayPresenter::statusStarting << off << 2 << "";
     QTest::newRow("no change, no restart")
         << L{"launch", "speaker", "complete", "ready", "touch", "apply"} << int(S::Running)
-        << AppDelegate::statusRunning << off << 1 << "";
-    QTest::newRow("a speaker appearing after an empty search starts the bridge")
-        << L{"launch", "complete", "speaker", "apply"} << int(S::Starting)
-        << AppDelegate::statusStarting << off << 1 << "Info - Speakers found, starting AirConnect";
+        << TrayPresenter::statusRunning << off << 1 << "";
     QTest::newRow("no bridge: the on/off item offers its setup")
         << L{"launch", "speaker", "complete", "missing", "search", "speaker", "complete", "missing"}
-        << int(S::BridgeMissing) << AppDelegate::statusBridgeMissing
-        << AppDelegate::commandInstallBridge << 2
+        << int(S::BridgeMissing) << TrayPresenter::statusBridgeMissing
+        << TrayPresenter::commandInstallBridge << 2
         << "Warning - Notice: AirConnect bridge needed - Corvel needs the free AirConnect "
            "bridge to play to your speakers.";
     QTest::newRow("a bridge installed: search, then start")
         << L{"launch", "speaker", "complete", "missing", "installed", "speaker", "complete"}
-        << int(S::Starting) << AppDelegate::statusStarting << off << 2
+        << int(S::Starting) << TrayPresenter::statusStarting << off << 2
         << "Info - Discovery complete, starting AirConnect";
-    QTest::newRow("changes wait while turned off")
-        << L{"launch", "speaker", "complete", "onoff", "speaker", "apply"} << int(S::Stopped)
-        << AppDelegate::statusStopped << on << 1 << "";
 }
 
-void TestApp::lifecycle()
+void TestApp::wiring()
 {
     QFETCH(QStringList, steps);
     QFETCH(int, state);
@@ -271,7 +242,7 @@ void TestApp::lifecycle()
     LogCapture capture;
     for (const QString &step : steps) {
         if (step == "launch")
-            m_app->applicationDidFinishLaunching();
+            m_app->start();
         else if (step == "speaker")
             discover(1);
         else if (step == "complete")
@@ -284,11 +255,6 @@ void TestApp::lifecycle()
             m_world->slowStop = true;
         else if (step == "exited")
             post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->stopped}});
-        else if (step == "crash") { // the bridge ends by itself
-            m_world->running = false;
-            post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
-        } else if (step == "stop")
-            m_app->stopBridge();
         else if (step == "rename" && m_world->settings->renameDevice(speaker(1).location, "Den"))
             post(Notifications::deviceSettingsChanged);
         else if (step == "touch")
@@ -296,7 +262,7 @@ void TestApp::lifecycle()
         else if (step == "depart")
             post(Notifications::deviceDeparted, {{UserInfoKey::location, speaker(1).location}});
         else if (step == "apply" && m_app->changesPending())
-            m_app->applyChanges();
+            m_app->handle(Controller::Event::ApplyTimerFired);
         else if (step == "onoff")
             m_app->onOffClicked();
         else if (step == "failing")
@@ -310,7 +276,7 @@ void TestApp::lifecycle()
     }
     QCOMPARE(int(m_app->state()), state);
     QCOMPARE(titles(), QStringList({status, command}));
-    QCOMPARE(m_app->onOffTurnsOn(), command == AppDelegate::commandTurnOn);
+    QCOMPARE(m_app->lifecycle().onOffTurnsOn(), command == TrayPresenter::commandTurnOn);
     QCOMPARE(m_app->stoppedByUser(), steps.count("onoff") % 2 == 1);
     QCOMPARE(m_world->watching, !m_app->stoppedByUser()); // off stops watching for speakers
     QCOMPARE(m_world->starts, starts);
@@ -321,63 +287,11 @@ void TestApp::lifecycle()
         QCOMPARE(m_world->configured.size(), 1u);
 }
 
-void TestApp::speakerMenuItems()
-{
-    m_app->applicationDidFinishLaunching();
-    settle();
-    QAction *formerFourth = m_app->statusMenu()->actions().at(4);
-    discover(3);
-    discover(1, false);
-    discover(2);
-    m_world->settings->setDeviceEnabled(speaker(2).location, false);
-    post(Notifications::deviceSettingsChanged);
-    settle();
-    const QList<QAction *> actions = m_app->statusMenu()->actions();
-    QCOMPARE(actions.size(), 13);
-    QStringList names;
-    for (QAction *item : m_app->deviceMenuItems()) {
-        names << item->text();
-        QVERIFY(item->isCheckable() && !item->isEnabled());
-    }
-    QCOMPARE(names, QStringList({"Room 1 - One", "Room 2 - One", "Room 3 - One"})); // by location
-    QCOMPARE(m_app->deviceMenuItems(), actions.mid(4, 3));
-    QCOMPARE(actions.at(7), formerFourth);
-    QVERIFY(!m_app->deviceMenuItems()[1]->isChecked() && m_app->deviceMenuItems()[2]->isChecked());
-    // A speaker whose description came after its search completed waits for the next start.
-    post(Notifications::discoveryComplete);
-    settle();
-    discover(4);
-    settle();
-    QCOMPARE(m_world->configured.size(), 3u);
-    QCOMPARE(m_app->deviceMenuItems().size(), 4);
-    // An "&" in a name is shown, not taken for a mnemonic.
-    QVERIFY(m_world->settings->renameDevice(speaker(1).location, "Kids & Guests"));
-    post(Notifications::deviceSettingsChanged);
-    settle();
-    QCOMPARE(m_app->deviceMenuItems()[0]->text(), QStringLiteral("Kids && Guests"));
-    // Past twelve speakers they move into the "Speakers" submenu; the menu keeps its length.
-    for (int n = 5; n <= AppDelegate::maxInlineSpeakers + 1; ++n)
-        discover(n);
-    settle();
-    QCOMPARE(m_app->statusMenu()->actions().size(), 10);
-    QCOMPARE(m_app->speakersMenu()->actions(), m_app->deviceMenuItems());
-    QCOMPARE(m_app->statusMenu()->actions().at(3)->menu(), m_app->speakersMenu());
-    // A new search clears the items until its speakers are found again.
-    post(Notifications::discoveryStarted);
-    settle();
-    QVERIFY(m_app->deviceMenuItems().isEmpty());
-    QVERIFY(m_app->speakersMenu()->actions().isEmpty());
-    QVERIFY(!m_app->statusMenu()->actions().at(3)->menu());
-    discover(1);
-    settle();
-    QCOMPARE(m_app->statusMenu()->actions().at(4), m_app->deviceMenuItems().at(0));
-}
-
 void TestApp::idleSleepFollowsTheBridge()
 {
     // Started twice: one lock; released twice: one release; a release asked for while the
     // lock is still being taken follows it.
-    m_app->applicationDidFinishLaunching();
+    m_app->start();
     LogCapture capture;
     SystemSleep &sleep = m_app->systemSleep();
     post(Notifications::serviceStarted);
@@ -405,36 +319,26 @@ void TestApp::failingBridgeBacksOffThenGivesUp()
 {
     m_app->setRetryUnit(1);
     LogCapture capture;
-    for (const char *step : {"launch", "speaker", "complete", "ready"}) {
-        QTest::qWait(0);
-        if (step == QLatin1String("launch"))
-            m_app->applicationDidFinishLaunching();
-        else if (step == QLatin1String("speaker"))
-            discover(1);
-        else if (step == QLatin1String("complete"))
-            post(Notifications::discoveryComplete);
-        else
-            post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
-        settle();
-    }
+    m_app->start();
+    discover(1);
+    post(Notifications::discoveryComplete);
+    settle();
+    post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
+    settle();
     QVERIFY(m_world->watching);
-    QCOMPARE(m_app->trayLook(), TrayLook::Running);
-    QCOMPARE(m_app->toolTip(), QStringLiteral("Corvel: Running — 1 speaker"));
-    for (int failure = 1; failure <= AppDelegate::maxFailures; ++failure) {
+    QCOMPARE(m_app->tray().trayLook(), TrayLook::Running);
+    QCOMPARE(m_app->tray().toolTip(), QStringLiteral("Corvel: Running — 1 speaker"));
+    for (int failure = 1; failure <= Lifecycle::maxFailures; ++failure) {
         QCOMPARE(m_world->starts, failure);
         m_world->running = false;
         post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
         settle();
-        if (failure < AppDelegate::maxFailures)
+        if (failure < Lifecycle::maxFailures)
             CORVEL_WAIT(m_world->starts == failure + 1);
     }
-    QCOMPARE(titles(), QStringList({AppDelegate::statusStopped, AppDelegate::commandTurnOn}));
-    QCOMPARE(m_app->trayLook(), TrayLook::Problem); // given up: not a plain stop
-    for (int delay : {2, 4, 8, 16})
-        QCOMPARE(capture.count(
-                     QStringLiteral("Warning - AirConnect ended by itself; restarting it in %1 s")
-                         .arg(delay)),
-                 1);
+    QCOMPARE(titles(), QStringList({TrayPresenter::statusStopped, TrayPresenter::commandTurnOn}));
+    QCOMPARE(m_app->tray().trayLook(), TrayLook::Problem); // given up: not a plain stop
+    QCOMPARE(capture.count("Warning - AirConnect ended by itself; restarting it in"), 4);
     QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped"), 1); // told once
     QVERIFY(capture.has("Warning - Notice: Corvel stopped - The AirConnect bridge keeps "
                         "stopping, so Corvel has stopped restarting it. Its last words:\nlast "
@@ -451,7 +355,7 @@ void TestApp::tellsTheServiceManager()
     std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
     QCOMPARE(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     qputenv("NOTIFY_SOCKET", path);
-    m_app->applicationDidFinishLaunching();
+    m_app->start();
     discover(1);
     post(Notifications::discoveryComplete);
     settle();

@@ -18,11 +18,8 @@ namespace {
 struct FakeDelegate : CrashReporterDelegate
 {
     int offers = 0;
-    QString applicationLogForCrashManager() override
-    {
-        return QStringLiteral("this session's log");
-    }
-    void crashManagerWillShowSubmitCrashReportAlert() override { ++offers; }
+    QString recentLog() override { return QStringLiteral("this session's log"); }
+    void crashPromptWillShow() override { ++offers; }
 };
 
 QByteArray readFile(const QString &path)

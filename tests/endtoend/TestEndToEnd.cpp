@@ -3,7 +3,7 @@
 // household answering from this process and the stand-in bridge, in a private network
 // namespace.
 #include "AirConnect.h"
-#include "AppDelegate.h"
+#include "Controller.h"
 #include "DeviceDiscovery.h"
 #include "FakePlatform.h"
 #include "HeadlessCorvel.h"
@@ -111,6 +111,13 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
     QTemporaryDir home;
     SpeakerSimulator simulator(SpeakerSimulator::household(2, 2));
     QVERIFY(simulator.start(nullptr));
+    // The first session finds a settings document it cannot read: it says so on standard
+    // error (the log exists before the settings are read) and keeps a copy.
+    QVERIFY(QDir(home.path()).mkpath(QStringLiteral("config/Corvel")));
+    QFile conf(home.filePath(QStringLiteral("config/Corvel/Corvel.conf")));
+    QVERIFY(conf.open(QIODevice::WriteOnly));
+    conf.write("[General]\nsettings=\"{\\\"devices\\\": [\"\n");
+    conf.close();
     for (int round = 0; round < 2; ++round) {
         Corvel corvel(home.path());
         QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
@@ -118,9 +125,14 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
         corvel.end(SIGKILL);
         QTRY_VERIFY_WITH_TIMEOUT(::kill(bridge, 0) != 0, 10000);
         // The next session reads what the killed one left, and finds no bridge left over.
-        QVERIFY(!corvel.output.contains("Failed to deserialize"));
+        QCOMPARE(corvel.output.contains("[Error][settings] Failed to deserialize settings, "),
+                 round == 0);
         QVERIFY(!corvel.output.contains("stale bridge"));
     }
+    QCOMPARE(QDir(home.filePath(QStringLiteral("config/Corvel")))
+                 .entryList({QStringLiteral("Corvel.conf.unreadable-*")})
+                 .size(),
+             1);
 }
 
 void TestEndToEnd::keepsWatchingAndAppliesChangesAtOnce()
@@ -184,20 +196,20 @@ void TestEndToEnd::offAndOnWhileTheBridgeStops()
     AirConnect airConnect;
     airConnect.setConfigPath(home.filePath(QStringLiteral("airupnp.xml")));
     FakePlatform platform;
-    AppDelegate app(AppServices::real(), platform.platform(), false);
+    Controller app(AppServices::real(), platform.platform(), false);
     QStringList titles;
-    connect(app.firstMenuItem(), &QAction::changed, this,
-            [&] { titles << app.firstMenuItem()->text(); });
-    app.applicationDidFinishLaunching();
-    QTRY_VERIFY_WITH_TIMEOUT(app.state() == AppDelegate::State::Running, 20000);
+    connect(app.tray().statusItem(), &QAction::changed, this,
+            [&] { titles << app.tray().statusItem()->text(); });
+    app.start();
+    QTRY_VERIFY_WITH_TIMEOUT(app.state() == Controller::State::Running, 20000);
     titles.clear();
     app.onOffClicked();
     app.onOffClicked();
-    QTRY_VERIFY_WITH_TIMEOUT(app.state() == AppDelegate::State::Running, 25000);
-    QCOMPARE(app.onOffMenuItem()->text(), AppDelegate::commandTurnOff);
-    QCOMPARE(titles, QStringList({AppDelegate::statusOff, AppDelegate::statusSearching,
-                                  AppDelegate::statusStarting, AppDelegate::statusRunning}));
-    app.applicationWillTerminate();
+    QTRY_VERIFY_WITH_TIMEOUT(app.state() == Controller::State::Running, 25000);
+    QCOMPARE(app.tray().onOffItem()->text(), TrayPresenter::commandTurnOff);
+    QCOMPARE(titles, QStringList({TrayPresenter::statusOff, TrayPresenter::statusSearching,
+                                  TrayPresenter::statusStarting, TrayPresenter::statusRunning}));
+    app.shutdown();
 }
 
 QTEST_MAIN(TestEndToEnd)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "PreferencesTableViewItem.h"
+#include "SpeakerRow.h"
 
 #include "EditableTextField.h"
 #include "Logging.h"
@@ -16,8 +16,8 @@
 #include <QToolTip>
 #include <QVBoxLayout>
 
-PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> settings,
-                                                   std::optional<QUrl> location, QWidget *parent)
+SpeakerRow::SpeakerRow(std::function<Settings &()> settings, std::optional<QUrl> location,
+                       QWidget *parent)
     : QWidget(parent), deviceLocation(std::move(location)), m_settings(std::move(settings))
 {
     setObjectName(QStringLiteral("speakerRowWidget"));
@@ -83,8 +83,7 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
         updateLengthLabel();
         m_lengthLabel->show();
     });
-    connect(m_titleField, &QLineEdit::textEdited, this,
-            &PreferencesTableViewItem::updateLengthLabel);
+    connect(m_titleField, &QLineEdit::textEdited, this, &SpeakerRow::updateLengthLabel);
     const auto endRename = [this, showAsField](bool committed, bool byKey) {
         showAsField(false);
         m_lengthLabel->hide();
@@ -96,11 +95,11 @@ PreferencesTableViewItem::PreferencesTableViewItem(std::function<Settings &()> s
             [endRename](bool byKey) { endRename(true, byKey); });
     connect(m_titleField, &EditableTextField::editCancelled, this,
             [endRename] { endRename(false, true); });
-    connect(m_checkbox, &QCheckBox::clicked, this, &PreferencesTableViewItem::checkboxClicked);
+    connect(m_checkbox, &QCheckBox::clicked, this, &SpeakerRow::checkboxClicked);
     setNoSpeakersFound(!deviceLocation);
 }
 
-void PreferencesTableViewItem::setNoSpeakersFound(bool noSpeakers)
+void SpeakerRow::setNoSpeakersFound(bool noSpeakers)
 {
     m_noSpeakersFound->setVisible(noSpeakers);
     for (QWidget *control :
@@ -109,7 +108,7 @@ void PreferencesTableViewItem::setNoSpeakersFound(bool noSpeakers)
         control->setVisible(!noSpeakers);
 }
 
-void PreferencesTableViewItem::fill(const DeviceSettings &record)
+void SpeakerRow::fill(const DeviceSettings &record)
 {
     // A name being edited is the user's until the edit ends.
     if (!isRenaming() && m_titleField->text() != record.name) {
@@ -126,18 +125,18 @@ void PreferencesTableViewItem::fill(const DeviceSettings &record)
     }
 }
 
-QString PreferencesTableViewItem::nameToolTip()
+QString SpeakerRow::nameToolTip()
 {
     return tr("The name this speaker is announced under");
 }
 
-void PreferencesTableViewItem::setCurrent(bool current)
+void SpeakerRow::setCurrent(bool current)
 {
     if (std::exchange(m_current, current) != current)
         update();
 }
 
-void PreferencesTableViewItem::paintEvent(QPaintEvent *event)
+void SpeakerRow::paintEvent(QPaintEvent *event)
 {
     QWidget::paintEvent(event);
     if (!m_current)
@@ -153,7 +152,7 @@ void PreferencesTableViewItem::paintEvent(QPaintEvent *event)
     painter.drawRoundedRect(QRectF(rect()).adjusted(1.5, 1.5, -1.5, -1.5), 4, 4);
 }
 
-void PreferencesTableViewItem::beginRename()
+void SpeakerRow::beginRename()
 {
     if (!deviceLocation)
         return;
@@ -161,12 +160,12 @@ void PreferencesTableViewItem::beginRename()
     m_titleField->selectAll();
 }
 
-bool PreferencesTableViewItem::isRenaming() const
+bool SpeakerRow::isRenaming() const
 {
     return m_titleField->isEditing();
 }
 
-void PreferencesTableViewItem::updateLengthLabel()
+void SpeakerRow::updateLengthLabel()
 {
     const int left = maxSpeakerNameBytes - int(m_titleField->text().toUtf8().size());
     m_lengthLabel->setText(left >= 0 ? tr("%n left", nullptr, left)
@@ -174,7 +173,7 @@ void PreferencesTableViewItem::updateLengthLabel()
     m_lengthLabel->setForegroundRole(left >= 0 ? QPalette::PlaceholderText : QPalette::WindowText);
 }
 
-void PreferencesTableViewItem::refuseName(const QString &hint)
+void SpeakerRow::refuseName(const QString &hint)
 {
     const auto record = m_settings().devices.find(*deviceLocation);
     if (record != m_settings().devices.end())
@@ -187,7 +186,7 @@ void PreferencesTableViewItem::refuseName(const QString &hint)
     });
 }
 
-void PreferencesTableViewItem::titleEdited()
+void SpeakerRow::titleEdited()
 {
     if (!deviceLocation)
         return;
@@ -204,7 +203,7 @@ void PreferencesTableViewItem::titleEdited()
         NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
 }
 
-void PreferencesTableViewItem::checkboxClicked()
+void SpeakerRow::checkboxClicked()
 {
     if (!deviceLocation)
         return;

@@ -15,15 +15,15 @@ class QCheckBox;
 class QLabel;
 class Settings;
 
-class PreferencesTableViewItem : public QWidget
+class SpeakerRow : public QWidget
 {
     Q_OBJECT
 
 public:
     // settings gives the document the row edits; location is the speaker's, none for the
     // no-speakers row.
-    PreferencesTableViewItem(std::function<Settings &()> settings, std::optional<QUrl> location,
-                             QWidget *parent = nullptr);
+    SpeakerRow(std::function<Settings &()> settings, std::optional<QUrl> location,
+               QWidget *parent = nullptr);
 
     // Shows the no-speakers message alone, or the speaker's controls.
     void setNoSpeakersFound(bool noSpeakers);

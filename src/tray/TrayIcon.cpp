@@ -69,3 +69,8 @@ QIcon trayIcon(TrayLook look)
         icon.addPixmap(drawn(look, size));
     return icon;
 }
+
+void initCorvelResources()
+{
+    Q_INIT_RESOURCE(resources);
+}

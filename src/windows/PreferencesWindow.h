@@ -19,21 +19,21 @@
 #include <QWidget>
 
 namespace Ui {
-class ViewController;
+class PreferencesWindow;
 }
-class PreferencesTableViewItem;
+class SpeakerRow;
 class QKeyEvent;
 class QLabel;
 class QListWidgetItem;
 
-class ViewController : public QWidget
+class PreferencesWindow : public QWidget
 {
     Q_OBJECT
 
 public:
     // controls: the controller; platform: start at login and the sound outputs.
-    ViewController(Controls &controls, Platform platform, QWidget *parent = nullptr);
-    ~ViewController() override;
+    PreferencesWindow(Controls &controls, Platform platform, QWidget *parent = nullptr);
+    ~PreferencesWindow() override;
 
     // Brings the rows in line with the settings: each row's texts at once, the set of rows and
     // their order (natural order of the names) as soon as that disturbs nobody. While a
@@ -57,7 +57,7 @@ public:
 
     bool canStop() const { return m_canStop; }
     int observerCount() const { return int(m_listeners.size()); }
-    PreferencesTableViewItem *row(int index) const;
+    SpeakerRow *row(int index) const;
     int rowCount() const;
     // Whether rows wait to be added, removed or moved.
     bool layoutPending() const { return m_layoutPending; }
@@ -73,13 +73,13 @@ protected:
     void hideEvent(QHideEvent *event) override;
 
 private:
-    void viewWillAppear();
-    void viewDidDisappear();
+    void startObserving(); // while shown
+    void stopObserving();
     void fillRow(QListWidgetItem *item, const DeviceSettings &record);
-    void loadIcon(const QUrl &url, PreferencesTableViewItem *row);
+    void loadIcon(const QUrl &url, SpeakerRow *row);
     // Adds, removes and orders the rows, unless the user is renaming or pointing into the list.
     void layoutRows();
-    PreferencesTableViewItem *makeRowView(std::optional<QUrl> location);
+    SpeakerRow *makeRowView(std::optional<QUrl> location);
     QListWidgetItem *addRow(int index, const QUrl &location, const DeviceSettings &record);
     bool isRenaming() const;
     // Space toggles the current row, F2, Return and Enter rename it.
@@ -89,14 +89,14 @@ private:
 
     Controls &m_controls;
     Platform m_platform;
-    std::unique_ptr<Ui::ViewController> m_ui;
+    std::unique_ptr<Ui::PreferencesWindow> m_ui;
     std::vector<NotificationCenter::Token> m_listeners;
     bool m_reloadPending = false;
     bool m_layoutPending = false;
     bool m_pointerInList = false;
     QHash<QUrl, QListWidgetItem *> m_items; // the speakers' rows by location
     QListWidgetItem *m_noSpeakersItem = nullptr;
-    QPointer<PreferencesTableViewItem> m_shownCurrent;
+    QPointer<SpeakerRow> m_shownCurrent;
     bool m_canStop = false;
     bool m_offersSetup = false; // the button opens the bridge setup
     bool m_closingQuits = false;

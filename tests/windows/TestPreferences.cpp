@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The preferences window with the controller faked behind its Controls interface.
-#include "AppDelegate.h"
-#include "AppServices.h"
 #include "EditableTextField.h"
+#include "FakeControls.h"
 #include "FakePlatform.h"
 #include "Notifications.h"
-#include "PreferencesTableViewItem.h"
+#include "PreferencesWindow.h"
 #include "Settings.h"
+#include "SpeakerRow.h"
 #include "TestSupport.h"
 #include "Translations.h"
-#include "ViewController.h"
+#include "TrayPresenter.h"
 
 #include <QAbstractButton>
 #include <QAccessible>
@@ -28,49 +28,6 @@
 #include <QXmlStreamReader>
 
 namespace {
-QUrl location(int n)
-{
-    return QUrl(QStringLiteral("http://127.0.1.%1:1400/xml/device_description.xml").arg(n));
-}
-
-struct FakeControls : Controls
-{
-    std::unique_ptr<Settings> document = Settings::load(std::make_unique<MemorySettingsStorage>());
-    bool bridge = false;
-    bool searching = false;
-    bool stopped = false;
-    int searches = 0;
-    int bridgeStops = 0;
-
-    Settings &settings() override { return *document; }
-    bool searchRunning() const override { return searching; }
-    bool bridgeRunning() const override { return bridge; }
-    bool stoppedByUser() const override { return stopped; }
-    bool bridgeMissing() const override { return missing; }
-    void setUpBridge() override { ++setups; }
-    bool missing = false;
-    int setups = 0;
-    void startSearching() override
-    {
-        stopped = false;
-        searching = true;
-        ++searches;
-    }
-    void stopBridge() override
-    {
-        bridge = false;
-        ++bridgeStops;
-    }
-    void add(int n, bool coordinator = true, bool active = true, const QString &room = {})
-    {
-        DeviceInfo info;
-        info.location = location(n);
-        info.roomName = room.isEmpty() ? QStringLiteral("Room %1").arg(n) : room;
-        info.displayName = QStringLiteral("One");
-        document->mergeDiscoveredSpeaker(info, DeviceTopology{coordinator, QStringLiteral("G")});
-        document->devices.at(location(n)).active = active;
-    }
-};
 
 void settle()
 {
@@ -133,7 +90,7 @@ private:
     }
     std::unique_ptr<FakeControls> m_controls;
     std::unique_ptr<FakePlatform> m_platform;
-    std::unique_ptr<ViewController> m_window;
+    std::unique_ptr<PreferencesWindow> m_window;
 };
 
 void TestPreferences::init()
@@ -141,7 +98,7 @@ void TestPreferences::init()
     initCorvelResources();
     m_controls = std::make_unique<FakeControls>();
     m_platform = std::make_unique<FakePlatform>();
-    m_window = std::make_unique<ViewController>(*m_controls, m_platform->platform());
+    m_window = std::make_unique<PreferencesWindow>(*m_controls, m_platform->platform());
 }
 
 void TestPreferences::cleanup()
@@ -172,7 +129,7 @@ void TestPreferences::rows()
     m_window->resize(420, 320);
     m_window->show();
     QCOMPARE(shownNames(), names);
-    PreferencesTableViewItem *first = m_window->row(0);
+    SpeakerRow *first = m_window->row(0);
     QCOMPARE(first->noSpeakersFound()->isVisibleTo(m_window.get()), speakers.empty());
     if (speakers.empty()) {
         // The message is centred in the whole list, not in a row at its top.
@@ -180,7 +137,7 @@ void TestPreferences::rows()
         return;
     }
     for (int i = 0; i < m_window->rowCount(); ++i) {
-        PreferencesTableViewItem *row = m_window->row(i);
+        SpeakerRow *row = m_window->row(i);
         QCOMPARE(row->subtitleLabel()->text(), row->deviceLocation->host());
         QCOMPARE(row->checkbox()->isChecked(), row->deviceLocation != location(2));
     }
@@ -195,7 +152,7 @@ void TestPreferences::rowsStayPutDuringASearch()
     m_controls->add(1);
     m_controls->add(2);
     m_window->show();
-    const QPointer<PreferencesTableViewItem> second = m_window->row(1);
+    const QPointer<SpeakerRow> second = m_window->row(1);
     // Start: every speaker waits to be found again, and keeps its row meanwhile.
     m_controls->settings().markAllDevicesNotActive();
     m_controls->searching = true;
@@ -234,7 +191,7 @@ void TestPreferences::renameStaysWithItsSpeaker()
     m_controls->add(2);
     m_controls->add(3);
     showActive();
-    PreferencesTableViewItem *row = m_window->row(1);
+    SpeakerRow *row = m_window->row(1);
     QTest::mouseClick(row->titleField(), Qt::LeftButton);
     QVERIFY(row->isRenaming());
     if (!typed.isEmpty()) {
@@ -299,7 +256,7 @@ void TestPreferences::names()
     m_controls->add(1);
     showActive();
     table()->setFocus();
-    PreferencesTableViewItem *row = m_window->row(0);
+    SpeakerRow *row = m_window->row(0);
     QTest::keyClick(table(), Qt::Key_F2);
     QVERIFY(row->titleField()->hasFocus());
     QCOMPARE(row->titleField()->selectedText(), QStringLiteral("Room 1 - One"));
@@ -455,7 +412,7 @@ void TestPreferences::buttonFollowsBridgeEventsOnly()
     QCOMPARE(m_controls->setups, 1);
     QCOMPARE(m_controls->searches, 0);
     // Without a tray, closing the window quits, and the window says so.
-    QSignalSpy quit(m_window.get(), &ViewController::closedToQuit);
+    QSignalSpy quit(m_window.get(), &PreferencesWindow::closedToQuit);
     m_window->close();
     QCOMPARE(quit.size(), 0);
     m_window->setClosingQuits(true);
@@ -571,14 +528,14 @@ void TestPreferences::germanTranslation()
     QVERIFY(messages > 100);
 
     QCOMPARE(Translations::install(QLocale(QLocale::German, QLocale::Germany)), 2); // and Qt's
-    ViewController window(*m_controls, m_platform->platform());
+    PreferencesWindow window(*m_controls, m_platform->platform());
     window.show();
     QCOMPARE(window.findChild<QPushButton *>("startStopButton")->text(),
              QStringLiteral("&Erneut suchen"));
-    QCOMPARE(AppDelegate::statusTitle(AppDelegate::State::Running),
+    QCOMPARE(TrayPresenter::statusTitle(Lifecycle::State::Running),
              QStringLiteral("Corvel: Läuft"));
     QCOMPARE(Translations::install(QLocale(QLocale::English, QLocale::UnitedKingdom)), 0);
-    QCOMPARE(AppDelegate::statusTitle(AppDelegate::State::Running),
+    QCOMPARE(TrayPresenter::statusTitle(Lifecycle::State::Running),
              QStringLiteral("Corvel: Running"));
 }
 

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "ViewController.h"
+#include "PreferencesWindow.h"
 
 #include "EditableTextField.h"
 #include "LogExport.h"
 #include "Logging.h"
 #include "MainQueue.h"
 #include "Notifications.h"
-#include "PreferencesTableViewItem.h"
 #include "Settings.h"
-#include "ui_ViewController.h"
+#include "SpeakerRow.h"
+#include "ui_PreferencesWindow.h"
 
 #include <algorithm>
 #include <QBoxLayout>
@@ -35,24 +35,25 @@ const QString category = QStringLiteral("preferences");
 constexpr qint64 maxIconBytes = 256 * 1024;
 } // namespace
 
-ViewController::ViewController(Controls &controls, Platform platform, QWidget *parent)
+PreferencesWindow::PreferencesWindow(Controls &controls, Platform platform, QWidget *parent)
     : QWidget(parent), m_controls(controls), m_platform(std::move(platform)),
-      m_ui(std::make_unique<Ui::ViewController>())
+      m_ui(std::make_unique<Ui::PreferencesWindow>())
 {
     m_ui->setupUi(this);
     setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
     m_network.setAutoDeleteReplies(true);
     m_network.setProxy(QNetworkProxy::NoProxy); // icons come from the speakers themselves
-    connect(m_ui->startStopButton, &QPushButton::clicked, this, &ViewController::startStopClicked);
+    connect(m_ui->startStopButton, &QPushButton::clicked, this,
+            &PreferencesWindow::startStopClicked);
     connect(m_ui->startAtLoginCheckBox, &QCheckBox::clicked, this,
-            &ViewController::startAtLoginChecked);
-    connect(m_ui->saveLogButton, &QPushButton::clicked, this, &ViewController::saveLogClicked);
+            &PreferencesWindow::startAtLoginChecked);
+    connect(m_ui->saveLogButton, &QPushButton::clicked, this, &PreferencesWindow::saveLogClicked);
     connect(m_ui->soundOutputsCheckBox, &QCheckBox::clicked, this,
-            &ViewController::soundOutputsChecked);
+            &PreferencesWindow::soundOutputsChecked);
     QListWidget *table = m_ui->tableView;
     table->installEventFilter(this);
     table->viewport()->installEventFilter(this);
-    connect(table, &QListWidget::currentItemChanged, this, &ViewController::showCurrentRow);
+    connect(table, &QListWidget::currentItemChanged, this, &PreferencesWindow::showCurrentRow);
     // Ctrl+W closes, and Escape too unless closing quits Corvel (a name being edited takes
     // Escape first).
     auto *close = new QShortcut(QKeySequence::Close, this);
@@ -66,13 +67,13 @@ ViewController::ViewController(Controls &controls, Platform platform, QWidget *p
     reloadData();
 }
 
-ViewController::~ViewController()
+PreferencesWindow::~PreferencesWindow()
 {
     for (const auto token : m_listeners)
         NotificationCenter::defaultCenter().removeObserver(token);
 }
 
-void ViewController::setClosingQuits(bool quits)
+void PreferencesWindow::setClosingQuits(bool quits)
 {
     m_closingQuits = quits;
     if (quits && !m_noTrayLabel) {
@@ -90,35 +91,35 @@ void ViewController::setClosingQuits(bool quits)
         m_noTrayLabel->setVisible(quits);
 }
 
-void ViewController::closeEvent(QCloseEvent *event)
+void PreferencesWindow::closeEvent(QCloseEvent *event)
 {
     QWidget::closeEvent(event);
     if (m_closingQuits && event->isAccepted())
         emit closedToQuit();
 }
 
-void ViewController::showEvent(QShowEvent *event)
+void PreferencesWindow::showEvent(QShowEvent *event)
 {
     QWidget::showEvent(event);
     if (!event->spontaneous())
-        viewWillAppear();
+        startObserving();
 }
 
-void ViewController::hideEvent(QHideEvent *event)
+void PreferencesWindow::hideEvent(QHideEvent *event)
 {
     QWidget::hideEvent(event);
     if (!event->spontaneous())
-        viewDidDisappear();
+        stopObserving();
 }
 
-void ViewController::viewWillAppear()
+void PreferencesWindow::startObserving()
 {
     logInfo(category, QStringLiteral("viewWillAppear"));
     NotificationCenter &center = NotificationCenter::defaultCenter();
     // Each observer only queues its redraw on the main loop.
     const auto observe = [this, &center](const QString &name,
-                                         std::function<void(ViewController *)> work) {
-        QPointer<ViewController> self(this);
+                                         std::function<void(PreferencesWindow *)> work) {
+        QPointer<PreferencesWindow> self(this);
         m_listeners.push_back(center.addObserver(name, [self, work](const Notification &) {
             mainQueueAsync([self, work] {
                 if (self)
@@ -126,26 +127,26 @@ void ViewController::viewWillAppear()
             });
         }));
     };
-    const auto buttonAndSpinner = [](ViewController *v) {
+    const auto buttonAndSpinner = [](PreferencesWindow *v) {
         v->updateStartStopButton();
         v->updateSpinner();
     };
-    observe(Notifications::discoveryStarted, [](ViewController *v) {
+    observe(Notifications::discoveryStarted, [](PreferencesWindow *v) {
         v->reloadData();
         v->updateSpinner();
     });
     // Speakers found in one burst cost one reload.
-    observe(Notifications::deviceDiscovered, [](ViewController *v) {
+    observe(Notifications::deviceDiscovered, [](PreferencesWindow *v) {
         if (std::exchange(v->m_reloadPending, true))
             return;
-        mainQueueAsync([self = QPointer<ViewController>(v)] {
+        mainQueueAsync([self = QPointer<PreferencesWindow>(v)] {
             if (self && std::exchange(self->m_reloadPending, false))
                 self->reloadData();
         });
     });
     // After a search that found nothing, the button offers to search again at once; the
     // speakers it did not find again lose their rows.
-    observe(Notifications::discoveryComplete, [](ViewController *v) {
+    observe(Notifications::discoveryComplete, [](PreferencesWindow *v) {
         v->reloadData();
         v->updateStartStopButton();
         v->updateSpinner();
@@ -163,7 +164,7 @@ void ViewController::viewWillAppear()
     reloadData();
 }
 
-void ViewController::viewDidDisappear()
+void PreferencesWindow::stopObserving()
 {
     logInfo(category, QStringLiteral("viewDidDisappear"));
     for (const auto token : m_listeners)
@@ -179,13 +180,13 @@ bool isListed(const DeviceSettings &record)
 }
 } // namespace
 
-PreferencesTableViewItem *ViewController::makeRowView(std::optional<QUrl> location)
+SpeakerRow *PreferencesWindow::makeRowView(std::optional<QUrl> location)
 {
-    return new PreferencesTableViewItem([this]() -> Settings & { return m_controls.settings(); },
-                                        std::move(location), m_ui->tableView);
+    return new SpeakerRow([this]() -> Settings & { return m_controls.settings(); },
+                          std::move(location), m_ui->tableView);
 }
 
-void ViewController::reloadData()
+void PreferencesWindow::reloadData()
 {
     const DeviceMap &devices = m_controls.settings().devices;
     for (auto item = m_items.cbegin(); item != m_items.cend(); ++item) {
@@ -196,13 +197,13 @@ void ViewController::reloadData()
     layoutRows();
 }
 
-bool ViewController::isRenaming() const
+bool PreferencesWindow::isRenaming() const
 {
     const auto *field = qobject_cast<const EditableTextField *>(focusWidget());
     return field && field->isEditing();
 }
 
-void ViewController::layoutRows()
+void PreferencesWindow::layoutRows()
 {
     if (isRenaming() || m_pointerInList) {
         m_layoutPending = true;
@@ -265,8 +266,8 @@ void ViewController::layoutRows()
     showCurrentRow();
 }
 
-QListWidgetItem *ViewController::addRow(int index, const QUrl &location,
-                                        const DeviceSettings &record)
+QListWidgetItem *PreferencesWindow::addRow(int index, const QUrl &location,
+                                           const DeviceSettings &record)
 {
     QListWidget *table = m_ui->tableView;
     auto *item = new QListWidgetItem;
@@ -276,7 +277,7 @@ QListWidgetItem *ViewController::addRow(int index, const QUrl &location,
     table->setItemWidget(item, rowView);
     m_items.insert(location, item);
     fillRow(item, record);
-    connect(rowView, &PreferencesTableViewItem::renameEnded, this, [this](bool byKey) {
+    connect(rowView, &SpeakerRow::renameEnded, this, [this](bool byKey) {
         if (byKey)
             m_ui->tableView->setFocus();
         // Once focus has settled: it may have gone into another row's name.
@@ -292,9 +293,9 @@ QListWidgetItem *ViewController::addRow(int index, const QUrl &location,
     return item;
 }
 
-void ViewController::fillRow(QListWidgetItem *item, const DeviceSettings &record)
+void PreferencesWindow::fillRow(QListWidgetItem *item, const DeviceSettings &record)
 {
-    auto *rowView = qobject_cast<PreferencesTableViewItem *>(m_ui->tableView->itemWidget(item));
+    auto *rowView = qobject_cast<SpeakerRow *>(m_ui->tableView->itemWidget(item));
     rowView->fill(record);
     item->setData(Qt::AccessibleTextRole, record.name);
     // Corvel's own speaker stands in until (or unless) the speaker's icon arrives; it is
@@ -307,7 +308,7 @@ void ViewController::fillRow(QListWidgetItem *item, const DeviceSettings &record
         loadIcon(*record.info.iconList.front()->url, rowView);
 }
 
-void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView)
+void PreferencesWindow::loadIcon(const QUrl &url, SpeakerRow *rowView)
 {
     const auto cached = m_icons.constFind(url);
     if (cached != m_icons.constEnd()) {
@@ -323,7 +324,7 @@ void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView
         if (received > maxIconBytes)
             reply->abort();
     });
-    QPointer<PreferencesTableViewItem> target(rowView);
+    QPointer<SpeakerRow> target(rowView);
     connect(reply, &QNetworkReply::finished, this, [this, reply, url, target] {
         QPixmap pixmap;
         if (reply->error() != QNetworkReply::NoError || !pixmap.loadFromData(reply->readAll()))
@@ -335,7 +336,7 @@ void ViewController::loadIcon(const QUrl &url, PreferencesTableViewItem *rowView
     });
 }
 
-bool ViewController::eventFilter(QObject *watched, QEvent *event)
+bool PreferencesWindow::eventFilter(QObject *watched, QEvent *event)
 {
     QListWidget *table = m_ui->tableView;
     if (watched == table) {
@@ -365,7 +366,7 @@ bool ViewController::eventFilter(QObject *watched, QEvent *event)
     return QWidget::eventFilter(watched, event);
 }
 
-bool ViewController::tableKeyPressed(const QKeyEvent *event)
+bool PreferencesWindow::tableKeyPressed(const QKeyEvent *event)
 {
     QListWidgetItem *item = m_ui->tableView->currentItem();
     auto *rowView = item ? row(m_ui->tableView->row(item)) : nullptr;
@@ -386,11 +387,11 @@ bool ViewController::tableKeyPressed(const QKeyEvent *event)
     }
 }
 
-void ViewController::showCurrentRow()
+void PreferencesWindow::showCurrentRow()
 {
     QListWidget *table = m_ui->tableView;
     QListWidgetItem *item = table->currentItem();
-    PreferencesTableViewItem *current = item && table->hasFocus() ? row(table->row(item)) : nullptr;
+    SpeakerRow *current = item && table->hasFocus() ? row(table->row(item)) : nullptr;
     if (m_shownCurrent == current)
         return;
     if (m_shownCurrent)
@@ -400,18 +401,17 @@ void ViewController::showCurrentRow()
         current->setCurrent(true);
 }
 
-PreferencesTableViewItem *ViewController::row(int index) const
+SpeakerRow *PreferencesWindow::row(int index) const
 {
-    return qobject_cast<PreferencesTableViewItem *>(
-        m_ui->tableView->itemWidget(m_ui->tableView->item(index)));
+    return qobject_cast<SpeakerRow *>(m_ui->tableView->itemWidget(m_ui->tableView->item(index)));
 }
 
-int ViewController::rowCount() const
+int PreferencesWindow::rowCount() const
 {
     return m_ui->tableView->count();
 }
 
-void ViewController::updateStartStopButton()
+void PreferencesWindow::updateStartStopButton()
 {
     // The first rule that applies: turned off by the user, a bridge, a search, idle.
     const bool stoppedByUser = m_controls.stoppedByUser();
@@ -432,12 +432,12 @@ void ViewController::updateStartStopButton()
     m_ui->startStopButton->setEnabled(enabled);
 }
 
-void ViewController::updateSpinner()
+void PreferencesWindow::updateSpinner()
 {
     m_ui->spinner->setVisible(!m_controls.stoppedByUser() && m_controls.searchRunning());
 }
 
-void ViewController::startStopClicked()
+void PreferencesWindow::startStopClicked()
 {
     if (m_canStop) {
         m_controls.stopBridge();
@@ -449,7 +449,7 @@ void ViewController::startStopClicked()
     updateStartStopButton();
 }
 
-void ViewController::startAtLoginChecked()
+void PreferencesWindow::startAtLoginChecked()
 {
     const bool enabled = m_ui->startAtLoginCheckBox->checkState() == Qt::Checked;
     QString error;
@@ -457,9 +457,9 @@ void ViewController::startAtLoginChecked()
         m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
 }
 
-void ViewController::updateSoundOutputsCheckBox()
+void PreferencesWindow::updateSoundOutputsCheckBox()
 {
-    QPointer<ViewController> self(this);
+    QPointer<PreferencesWindow> self(this);
     m_platform.soundOutputs->status([self](const SoundOutputs::Status &status) {
         if (!self)
             return;
@@ -475,12 +475,12 @@ void ViewController::updateSoundOutputsCheckBox()
     });
 }
 
-void ViewController::soundOutputsChecked()
+void PreferencesWindow::soundOutputsChecked()
 {
     const bool enable = m_ui->soundOutputsCheckBox->isChecked();
     // The box waits, greyed, for the sound server's answer.
     m_ui->soundOutputsCheckBox->setEnabled(false);
-    QPointer<ViewController> self(this);
+    QPointer<PreferencesWindow> self(this);
     m_platform.soundOutputs->setEnabled(enable, [self, enable](bool ok, const QString &error) {
         if (!self)
             return;
@@ -504,7 +504,7 @@ void ViewController::soundOutputsChecked()
     });
 }
 
-void ViewController::saveLogClicked()
+void PreferencesWindow::saveLogClicked()
 {
     auto *dialog = new QFileDialog(this, tr("Save Log"));
     dialog->setObjectName(QStringLiteral("saveLogFileDialog"));
@@ -512,11 +512,11 @@ void ViewController::saveLogClicked()
     dialog->setAcceptMode(QFileDialog::AcceptSave);
     dialog->setDirectory(LogExport::saveFolder());
     dialog->selectFile(LogExport::suggestedFileName(QDateTime::currentDateTime()));
-    connect(dialog, &QFileDialog::fileSelected, this, &ViewController::saveLogTo);
+    connect(dialog, &QFileDialog::fileSelected, this, &PreferencesWindow::saveLogTo);
     dialog->open();
 }
 
-void ViewController::saveLogTo(const QString &path)
+void PreferencesWindow::saveLogTo(const QString &path)
 {
     QString error;
     if (LogExport::writeLog(path, &error))

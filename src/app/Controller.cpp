@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Controller.h"
+
+#include "BridgeLocator.h"
+#include "BuildConfig.h"
+#include "DeviceDiscovery.h"
+#include "Log.h"
+#include "Logging.h"
+#include "MainQueue.h"
+#include "Notifications.h"
+#include "ServiceManager.h"
+#include "Settings.h"
+
+#include <QPointer>
+
+Controller::Controller(Services services, Platform platform, bool withTray, QObject *parent)
+    : QObject(parent), m_services(std::move(services)), m_platform(std::move(platform)),
+      m_withTray(withTray), m_lifecycle(*this, [this] { return m_clock.elapsed(); }),
+      m_systemSleep(m_platform.idleInhibitor), m_tray(m_lifecycle, m_services.settings),
+      m_notices(withTray)
+{
+    initCorvelResources();
+    m_clock.start();
+    m_applyTimer.setSingleShot(true);
+    m_applyTimer.setInterval(Lifecycle::applyDelayMs);
+    connect(&m_applyTimer, &QTimer::timeout, this, [this] { handle(Event::ApplyTimerFired); });
+    m_retryTimer.setSingleShot(true);
+    connect(&m_retryTimer, &QTimer::timeout, this, [this] { handle(Event::RetryTimerFired); });
+    connect(&m_tray, &TrayPresenter::onOffClicked, this, &Controller::onOffClicked);
+    connect(&m_tray, &TrayPresenter::preferencesClicked, this, [this] {
+        logInfo(QStringLiteral("preferencesClicked"));
+        showPreferences();
+    });
+    connect(&m_tray, &TrayPresenter::iconClicked, this, &Controller::showPreferences);
+    connect(&m_tray, &TrayPresenter::aboutClicked, this, [this] {
+        logInfo(QStringLiteral("aboutClicked"));
+        showWindow(Windows::Kind::About);
+    });
+    connect(&m_tray, &TrayPresenter::feedbackClicked, this, [this] {
+        logInfo(QStringLiteral("feedbackClicked"));
+        showWindow(Windows::Kind::Feedback);
+    });
+    connect(&m_tray, &TrayPresenter::quitClicked, this, &Controller::quit);
+    // A visible preferences window comes to the front when the menu opens.
+    connect(&m_tray, &TrayPresenter::menuAboutToShow, this, [this] {
+        if (m_windows && m_windows->isVisible(Windows::Kind::Preferences))
+            showPreferences();
+    });
+}
+
+Controller::~Controller()
+{
+    for (const auto token : m_observers)
+        NotificationCenter::defaultCenter().removeObserver(token);
+}
+
+void Controller::startCrashReporting()
+{
+    CrashReporter &reporter = CrashReporter::shared();
+    reporter.configure(QStringLiteral(CORVEL_APP_ID), this);
+    reporter.start();
+}
+
+QString Controller::recentLog()
+{
+    return Log::shared().text(100);
+}
+
+void Controller::crashPromptWillShow()
+{
+    m_services.settings().recordCrashReport();
+}
+
+void Controller::start()
+{
+    logInfo(QStringLiteral("applicationDidFinishLaunching"));
+    m_platform.launcherHelper->stopIfRunning(
+        [] { logInfo(QStringLiteral("Stopping launcher app")); });
+    if (m_withTray) {
+        m_tray.showTrayIcon();
+        m_notices.setTrayIcon(m_tray.trayIcon());
+    }
+    addObservers();
+    m_tray.updateSpeakerItems();
+    handle(Event::Launched);
+}
+
+void Controller::shutdown()
+{
+    logInfo(QStringLiteral("applicationWillTerminate"));
+    handle(Event::Quit);
+}
+
+void Controller::handle(Event event, quint64 launch)
+{
+    const State before = m_lifecycle.state();
+    const bool turnedOnBefore = m_lifecycle.onOffTurnsOn();
+    for (const Lifecycle::Command command : m_lifecycle.handle(event, launch))
+        run(command);
+    // The tray and systemd hear of changes only: speakers found in a burst cost nothing here.
+    if (m_lifecycle.state() != before || m_lifecycle.onOffTurnsOn() != turnedOnBefore ||
+        event == Event::OnOff) {
+        m_tray.refresh();
+        reportToServiceManager();
+    }
+}
+
+void Controller::run(Lifecycle::Command command)
+{
+    using C = Lifecycle::Command;
+    switch (command) {
+    case C::Search:
+        m_services.searchForDevices(DeviceDiscovery::defaultSearchSeconds);
+        break;
+    case C::StopSearching:
+        m_services.stopSearching();
+        break;
+    case C::Watch:
+    case C::StopWatching:
+        m_services.watch(command == C::Watch);
+        break;
+    case C::StartBridge:
+        m_services.startBridge(allRecords());
+        if (!m_services.bridgeRunning())
+            handle(Event::BridgeLaunchFailed);
+        break;
+    case C::RestartBridge:
+        m_services.restartBridge(allRecords());
+        break;
+    case C::StopBridge:
+        m_services.stopBridge();
+        break;
+    case C::ShutdownBridge:
+        m_services.shutdownBridge();
+        break;
+    case C::StartApplyTimer:
+        m_applyTimer.start();
+        break;
+    case C::StopApplyTimer:
+        m_applyTimer.stop();
+        break;
+    case C::StartRetryTimer:
+        m_retryTimer.start(m_lifecycle.retryDelayMs());
+        break;
+    case C::StopRetryTimer:
+        m_retryTimer.stop();
+        break;
+    case C::PreventSleep:
+        m_systemSleep.disableIdleSleep();
+        break;
+    case C::AllowSleep:
+        m_systemSleep.enableIdleSleep();
+        break;
+    case C::AnnounceStopped:
+        NotificationCenter::defaultCenter().post(Notifications::appStopped);
+        break;
+    case C::ShowBridgeSetup:
+        showBridgeSetup();
+        break;
+    case C::TellBridgeMissing:
+        m_notices.show(tr("AirConnect bridge needed"),
+                       tr("Corvel needs the free AirConnect bridge to play to your speakers."),
+                       tr("Set Up…"), [this] { showBridgeSetup(); });
+        break;
+    case C::TellRetrying:
+        m_notices.show(tr("AirConnect bridge stopped"),
+                       tr("The bridge stopped unexpectedly; Corvel is restarting it."));
+        break;
+    case C::TellGaveUp: {
+        const QStringList output = m_services.bridgeOutput();
+        m_notices.show(
+            tr("Corvel stopped"),
+            tr("The AirConnect bridge keeps stopping, so Corvel has stopped "
+               "restarting it. Its last words:\n%1")
+                .arg(output.isEmpty() ? tr("(nothing)") : output.join(QLatin1Char('\n'))));
+        break;
+    }
+    }
+}
+
+bool Controller::hasSpeakers() const
+{
+    for (const auto &entry : m_services.settings().devices) {
+        if (entry.second.active)
+            return true;
+    }
+    return false;
+}
+
+bool Controller::bridgeConfigDiffers() const
+{
+    return m_services.bridgeConfigDiffers(allRecords());
+}
+
+std::vector<DeviceSettings> Controller::allRecords() const
+{
+    // Every record, in the map's order: the configuration decides which the bridge offers.
+    std::vector<DeviceSettings> records;
+    for (const auto &entry : m_services.settings().devices)
+        records.push_back(entry.second);
+    return records;
+}
+
+void Controller::reportToServiceManager()
+{
+    const State state = m_lifecycle.state();
+    QString status = QString::fromUtf8(TrayPresenter::statusSource(state))
+                         .mid(QStringLiteral("Corvel: ").size());
+    if (state == State::Running) {
+        const int offered = m_tray.offeredCount();
+        status = QStringLiteral("Running: %1 speaker%2 offered")
+                     .arg(offered)
+                     .arg(offered == 1 ? QString() : QStringLiteral("s"));
+    }
+    if (status == m_reportedStatus && m_toldReady)
+        return;
+    m_reportedStatus = status;
+    QByteArray message = "STATUS=" + status.toUtf8();
+    // Ready once the first search is over, whatever it found: the service is doing its job.
+    if (!m_toldReady && state != State::StartingUp && state != State::Searching) {
+        m_toldReady = true;
+        message += "\nREADY=1";
+    }
+    notifyServiceManager(message);
+}
+
+void Controller::addObservers()
+{
+    NotificationCenter &center = NotificationCenter::defaultCenter();
+    // Handles the notification on the main loop: the lifecycle event, after what runs first.
+    const auto hop = [this](Event event, std::function<void(const Notification &)> first = {}) {
+        return [this, event, first](const Notification &n) {
+            mainQueueAsync([self = QPointer<Controller>(this), event, first, n] {
+                if (!self)
+                    return;
+                if (first)
+                    first(n);
+                self->handle(event, n.userInfo.value(UserInfoKey::launch).toULongLong());
+            });
+        };
+    };
+    m_observers.push_back(center.addObserver(
+        Notifications::deviceSettingsChanged,
+        hop(Event::SpeakerChanged, [this](const Notification &) { m_tray.updateSpeakerItems(); })));
+    // Known speakers are marked not found at once, before any answer of the search can be
+    // merged; the titles and the menu follow on the main loop.
+    m_observers.push_back(
+        center.addObserver(Notifications::discoveryStarted,
+                           [this, later = hop(Event::SearchStarted, [this](const Notification &) {
+                                      m_tray.updateSpeakerItems();
+                                  })](const Notification &n) {
+                               m_services.settings().markAllDevicesNotActive();
+                               later(n);
+                           }));
+    m_observers.push_back(center.addObserver(
+        Notifications::deviceDiscovered,
+        [this, later = hop(Event::SpeakerFound)](const Notification &n) {
+            const auto speaker = discoveredSpeaker(n);
+            if (!speaker) {
+                logWarning(QStringLiteral("Ignoring a deviceDiscovered event without a speaker "
+                                          "description and topology"));
+                return;
+            }
+            m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second);
+            later(n);
+            m_tray.scheduleSpeakerItems();
+        }));
+    m_observers.push_back(
+        center.addObserver(Notifications::deviceDeparted, [this](const Notification &n) {
+            const QUrl location = n.userInfo.value(UserInfoKey::location).toUrl();
+            if (!m_services.settings().markDeviceNotActive(location))
+                return;
+            m_tray.updateSpeakerItems();
+            handle(Event::SpeakerDeparted);
+        }));
+    // The decision runs as a hop so it sees the menu updates queued by earlier speakers.
+    m_observers.push_back(
+        center.addObserver(Notifications::discoveryComplete, hop(Event::SearchEnded)));
+    m_observers.push_back(
+        center.addObserver(Notifications::serviceStarted, hop(Event::BridgeStarted)));
+    m_observers.push_back(center.addObserver(Notifications::serviceReady, hop(Event::BridgeReady)));
+    m_observers.push_back(
+        center.addObserver(Notifications::serviceTerminated, hop(Event::BridgeEnded)));
+    m_observers.push_back(center.addObserver(
+        Notifications::bridgeMissing, hop(Event::BridgeMissing, [this](const Notification &n) {
+            m_lookedIn = n.userInfo.value(UserInfoKey::lookedIn).toStringList();
+            if (m_windows)
+                m_windows->setBridgeLookedIn(m_lookedIn);
+        })));
+}
+
+void Controller::setNoTray(bool noTray)
+{
+    m_noTray = noTray;
+    m_notices.setNoTray(noTray);
+}
+
+void Controller::showWindow(Windows::Kind kind)
+{
+    if (!m_withTray)
+        return; // a headless run has no screen to show it on
+    if (!m_windows) {
+        logWarning(QStringLiteral("The preferences window is not available in this build"));
+        return;
+    }
+    m_windows->show(kind);
+}
+
+void Controller::showPreferences()
+{
+    showWindow(Windows::Kind::Preferences);
+}
+
+void Controller::showBridgeSetup()
+{
+    logInfo(QStringLiteral("showBridgeSetup"));
+    if (!m_withTray) {
+        logWarning(QStringLiteral("Install the AirConnect bridge as %1 in %2, or set "
+                                  "CORVEL_BRIDGE to its path; it is downloaded from %3")
+                       .arg(bridgeFileName(currentBridgeArchitecture()), userBridgeDirectory(),
+                            bridgeReleasesUrl));
+        return;
+    }
+    showWindow(Windows::Kind::BridgeSetup);
+}
+
+void Controller::onOffClicked()
+{
+    handle(Event::OnOff);
+}
+
+void Controller::startSearching()
+{
+    handle(Event::SearchAsked);
+}
+
+void Controller::stopBridge()
+{
+    handle(Event::StopAsked);
+}
+
+void Controller::bridgeInstalled()
+{
+    handle(Event::BridgeInstalled);
+}
+
+void Controller::quit()
+{
+    logInfo(QStringLiteral("quitClicked"));
+    emit quitRequested();
+}

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The lifecycle's rules, all of them: for each event, what it does in each state.
+#include "Lifecycle.h"
+
+#include "Logging.h"
+
+#include <algorithm>
+#include <utility>
+
+using C = Lifecycle::Command;
+using S = Lifecycle::State;
+
+Lifecycle::Lifecycle(const Facts &facts, std::function<qint64()> now)
+    : m_facts(facts), m_now(std::move(now))
+{
+}
+
+Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
+{
+    switch (event) {
+    case Event::Launched:
+        m_stoppedByUser = false;
+        return {C::Search, C::Watch};
+
+    case Event::OnOff: {
+        // Without a bridge the command is "Install Bridge…".
+        if (m_state == S::BridgeMissing)
+            return {C::ShowBridgeSetup};
+        const bool turningOn = m_onOffTurnsOn;
+        logInfo(turningOn ? QStringLiteral("onClicked") : QStringLiteral("offClicked"));
+        m_stoppedByUser = !turningOn;
+        // Either way the bridge's failures so far are forgotten.
+        m_gaveUp = false;
+        forgetFailures();
+        if (turningOn) {
+            enter(S::Searching, false);
+            return {C::StopRetryTimer, C::Search, C::Watch};
+        }
+        enter(S::Off, true);
+        Commands commands{C::StopRetryTimer, C::StopApplyTimer, C::AnnounceStopped, C::StopWatching,
+                          C::StopSearching};
+        for (const Command command : stopBridge())
+            commands.push_back(command);
+        return commands;
+    }
+
+    case Event::SearchAsked:
+        m_stoppedByUser = false;
+        return {C::Search};
+
+    case Event::StopAsked:
+        return stopBridge();
+
+    case Event::BridgeInstalled:
+        // Carry on as after a start: search, then start the bridge with what was found.
+        m_toldBridgeMissing = false;
+        m_stoppedByUser = false;
+        enter(S::Searching, false);
+        return {C::Search, C::Watch};
+
+    case Event::SearchStarted:
+        enter(S::Searching, false);
+        return {};
+
+    case Event::SearchEnded:
+        return searchEnded();
+
+    case Event::SpeakerFound:
+    case Event::SpeakerDeparted:
+    case Event::SpeakerChanged:
+        return {C::StartApplyTimer}; // each change starts the quiet time afresh
+
+    case Event::ApplyTimerFired:
+        return applyChanges();
+
+    case Event::BridgeStarted:
+        m_launch = launch;
+        m_exitExpected = false;
+        m_readySince = -1;
+        enter(S::Starting);
+        return {C::PreventSleep};
+
+    case Event::BridgeReady:
+        // Only the launch the state follows may change it.
+        if (launch != m_launch)
+            return {};
+        m_readySince = m_now();
+        enter(S::Running);
+        return {};
+
+    case Event::BridgeEnded:
+        return bridgeEnded(launch);
+
+    case Event::BridgeLaunchFailed:
+        // A restart that cannot even launch counts as a failure; other starts keep the state
+        // they had (the supervisor has logged why).
+        return m_state == S::Retrying ? bridgeEndedUnasked() : Commands{};
+
+    case Event::RetryTimerFired:
+        if (m_stoppedByUser || m_state != S::Retrying)
+            return {};
+        logInfo(QStringLiteral("Restarting AirConnect"));
+        return {C::StartBridge};
+
+    case Event::BridgeMissing:
+        enter(S::BridgeMissing);
+        if (std::exchange(m_toldBridgeMissing, true))
+            return {};
+        return {C::TellBridgeMissing};
+
+    case Event::Quit:
+        m_exitExpected = true;
+        return {C::ShutdownBridge};
+    }
+    return {};
+}
+
+Lifecycle::Commands Lifecycle::searchEnded()
+{
+    // Turned off and at once on again: the search that ended is not the one running now,
+    // which decides when it completes.
+    if (m_facts.searchRunning()) {
+        logInfo(QStringLiteral("Discovery complete, but a newer search runs"));
+        return {};
+    }
+    if (!m_facts.hasSpeakers()) {
+        logWarning(QStringLiteral("Discovery finished with no speakers found"));
+        enter(S::NoSpeakers);
+        return {};
+    }
+    if (m_stoppedByUser) {
+        logInfo(QStringLiteral("Discovery complete, bridge is stopped"));
+        return {};
+    }
+    if (!m_facts.bridgeRunning()) {
+        logInfo(QStringLiteral("Discovery complete, starting AirConnect"));
+        return {C::StartBridge};
+    }
+    logInfo(QStringLiteral("Discovery complete, AirConnect already running"));
+    return {C::StartApplyTimer}; // what this search changed reaches the bridge
+}
+
+Lifecycle::Commands Lifecycle::applyChanges()
+{
+    if (m_stoppedByUser || m_state == S::Off)
+        return {};
+    // A search decides when it completes (and comes back here).
+    if (m_facts.searchRunning())
+        return {};
+    if (m_facts.bridgeRunning()) {
+        if (!m_facts.bridgeConfigDiffers())
+            return {};
+        logInfo(QStringLiteral("Speakers changed, restarting AirConnect"));
+        enter(S::Starting);
+        return {C::RestartBridge};
+    }
+    // Speakers appeared after a search that found none.
+    if (m_state == S::NoSpeakers && m_facts.hasSpeakers()) {
+        logInfo(QStringLiteral("Speakers found, starting AirConnect"));
+        return {C::StartBridge};
+    }
+    return {};
+}
+
+Lifecycle::Commands Lifecycle::bridgeEnded(quint64 launch)
+{
+    // Only the launch the state follows may change it.
+    if (launch != m_launch)
+        return {};
+    const bool expected = std::exchange(m_exitExpected, false);
+    if (m_state == S::Starting || m_state == S::Running) {
+        if (!expected && !m_stoppedByUser) {
+            Commands commands = bridgeEndedUnasked();
+            commands.insert(commands.begin(), C::AllowSleep);
+            return commands;
+        }
+        enter(S::Stopped, true);
+    } else if (m_state == S::Off) {
+        enter(S::Stopped, true);
+    }
+    // Otherwise a new search began while the stopped bridge was exiting: its state stays.
+    return {C::AllowSleep};
+}
+
+Lifecycle::Commands Lifecycle::bridgeEndedUnasked()
+{
+    const qint64 now = m_now();
+    if (m_readySince >= 0 && now - m_readySince >= failureWindowMs)
+        forgetFailures(); // it had been running well: a fresh start
+    m_failures.push_back(now);
+    while (now - m_failures.front() > failureWindowMs)
+        m_failures.pop_front();
+    if (static_cast<int>(m_failures.size()) >= maxFailures) {
+        logError(QStringLiteral("AirConnect ended %1 times within 10 minutes; not restarting it")
+                     .arg(maxFailures));
+        forgetFailures();
+        m_gaveUp = true;
+        enter(S::Stopped, true);
+        return {C::TellGaveUp};
+    }
+    m_retryDelay = std::min(maxRetryDelaySeconds, 2 << std::min(m_retries, 5));
+    ++m_retries;
+    logWarning(
+        QStringLiteral("AirConnect ended by itself; restarting it in %1 s").arg(m_retryDelay));
+    enter(S::Retrying);
+    if (std::exchange(m_toldRetrying, true))
+        return {C::StartRetryTimer};
+    return {C::TellRetrying, C::StartRetryTimer};
+}
+
+Lifecycle::Commands Lifecycle::stopBridge()
+{
+    // The exit of a bridge stopped on purpose is no failure.
+    m_exitExpected = m_facts.bridgeRunning();
+    return {C::StopBridge};
+}
+
+void Lifecycle::forgetFailures()
+{
+    m_failures.clear();
+    m_retries = 0;
+    m_toldRetrying = false;
+}
+
+void Lifecycle::enter(State state, std::optional<bool> turnsOn)
+{
+    m_state = state;
+    if (turnsOn)
+        m_onOffTurnsOn = *turnsOn;
+}

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The controller as the windows see it: records in memory, calls counted.
+#pragma once
+
+#include "Controls.h"
+#include "Settings.h"
+
+inline QUrl location(int n)
+{
+    return QUrl(QStringLiteral("http://127.0.1.%1:1400/xml/device_description.xml").arg(n));
+}
+
+struct FakeControls : Controls
+{
+    std::unique_ptr<Settings> document = Settings::load(std::make_unique<MemorySettingsStorage>());
+    bool bridge = false;
+    bool searching = false;
+    bool stopped = false;
+    int searches = 0;
+    int bridgeStops = 0;
+
+    Settings &settings() override { return *document; }
+    bool searchRunning() const override { return searching; }
+    bool bridgeRunning() const override { return bridge; }
+    bool stoppedByUser() const override { return stopped; }
+    bool bridgeMissing() const override { return missing; }
+    void setUpBridge() override { ++setups; }
+    QStringList bridgeLookedIn() const override { return {QStringLiteral("/opt/x")}; }
+    void bridgeInstalled() override { ++installs; }
+    bool noTray() const override { return withoutTray; }
+    void quit() override { ++quits; }
+    bool missing = false;
+    bool withoutTray = false;
+    int setups = 0;
+    int installs = 0;
+    int quits = 0;
+    void startSearching() override
+    {
+        stopped = false;
+        searching = true;
+        ++searches;
+    }
+    void stopBridge() override
+    {
+        bridge = false;
+        ++bridgeStops;
+    }
+    void add(int n, bool coordinator = true, bool active = true, const QString &room = {})
+    {
+        DeviceInfo info;
+        info.location = location(n);
+        info.roomName = room.isEmpty() ? QStringLiteral("Room %1").arg(n) : room;
+        info.displayName = QStringLiteral("One");
+        document->mergeDiscoveredSpeaker(info, DeviceTopology{coordinator, QStringLiteral("G")});
+        document->devices.at(location(n)).active = active;
+    }
+};

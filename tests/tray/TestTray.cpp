@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The tray shows the lifecycle and the records: titles, on/off command, icon look and tool tip
+// per state; one menu item per speaker found, kept in place across updates.
+#include "Lifecycle.h"
+#include "Settings.h"
+#include "TestSupport.h"
+#include "TrayPresenter.h"
+
+#include <QApplication>
+#include <QtTest>
+
+namespace {
+using E = Lifecycle::Event;
+using S = Lifecycle::State;
+
+struct World : Lifecycle::Facts
+{
+    bool searchRunning() const override { return false; }
+    bool bridgeRunning() const override { return bridge; }
+    bool hasSpeakers() const override { return true; }
+    bool bridgeConfigDiffers() const override { return false; }
+    bool bridge = true;
+};
+
+DeviceInfo speaker(int n)
+{
+    DeviceInfo info;
+    info.location =
+        QUrl(QStringLiteral("http://127.0.1.%1:1400/xml/device_description.xml").arg(n));
+    info.roomName = QStringLiteral("Room %1").arg(n);
+    info.displayName = QStringLiteral("One");
+    return info;
+}
+} // namespace
+
+class TestTray : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void showsTheState_data();
+    void showsTheState();
+    void speakerItems();
+};
+
+void TestTray::showsTheState_data()
+{
+    QTest::addColumn<QList<int>>("events");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("look");
+    QTest::addColumn<QString>("toolTip");
+    using T = TrayPresenter;
+    const auto row = [](const char *name, QList<E> events, const char *title, const char *command,
+                        TrayLook look, QString tip = {}) {
+        QList<int> codes;
+        for (const E event : events)
+            codes << int(event);
+        QTest::addRow("%s", name) << codes << QString(title) << QString(command) << int(look)
+                                  << (tip.isEmpty() ? QString(title) : tip);
+    };
+    row("starting up", {}, T::statusOff, T::commandTurnOn, TrayLook::Busy);
+    row("running: the tool tip counts the offered speakers",
+        {E::SearchStarted, E::BridgeStarted, E::BridgeReady}, T::statusRunning, T::commandTurnOff,
+        TrayLook::Running, QStringLiteral("Corvel: Running — 2 speakers"));
+    row("retrying is a problem",
+        {E::SearchStarted, E::BridgeStarted, E::BridgeReady, E::BridgeEnded}, T::statusRetrying,
+        T::commandTurnOff, TrayLook::Problem);
+    row("stopped by the user is idle",
+        {E::SearchStarted, E::BridgeStarted, E::StopAsked, E::BridgeEnded}, T::statusStopped,
+        T::commandTurnOn, TrayLook::Idle);
+    row("no bridge: its setup is the command", {E::SearchStarted, E::BridgeMissing},
+        T::statusBridgeMissing, T::commandInstallBridge, TrayLook::Problem);
+}
+
+void TestTray::showsTheState()
+{
+    QFETCH(QList<int>, events);
+    QFETCH(QString, title);
+    QFETCH(QString, command);
+    QFETCH(int, look);
+    QFETCH(QString, toolTip);
+    World world;
+    Lifecycle lifecycle(world, [] { return qint64(0); });
+    auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
+    for (int n : {1, 2, 3})
+        settings->mergeDiscoveredSpeaker(speaker(n), {n != 3, "G"}); // 3 is a group member
+    TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
+    for (const int event : events) {
+        if (E(event) == E::BridgeEnded)
+            world.bridge = false;
+        lifecycle.handle(E(event), 0);
+    }
+    tray.refresh();
+    QCOMPARE(tray.statusItem()->text(), title);
+    QCOMPARE(tray.onOffItem()->text(), command);
+    QCOMPARE(int(tray.trayLook()), look);
+    QCOMPARE(tray.toolTip(), toolTip);
+    QCOMPARE(TrayPresenter::statusTitle(lifecycle.state()), title);
+}
+
+void TestTray::speakerItems()
+{
+    World world;
+    Lifecycle lifecycle(world, [] { return qint64(0); });
+    auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
+    TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
+    QMenu *menu = tray.menu();
+    QCOMPARE(menu->actions().size(), 10); // only the fixed entries
+    QAction *formerFourth = menu->actions().at(4);
+    for (int n : {3, 1, 2})
+        settings->mergeDiscoveredSpeaker(speaker(n), {n != 1, "G"});
+    settings->setDeviceEnabled(speaker(2).location, false);
+    tray.updateSpeakerItems();
+    const QList<QAction *> actions = menu->actions();
+    QCOMPARE(actions.size(), 13);
+    QStringList names;
+    for (QAction *item : tray.speakerItems()) {
+        names << item->text();
+        QVERIFY(item->isCheckable() && !item->isEnabled());
+    }
+    QCOMPARE(names, QStringList({"Room 1 - One", "Room 2 - One", "Room 3 - One"})); // by location
+    QCOMPARE(tray.speakerItems(), actions.mid(TrayPresenter::firstDeviceMenuIndex, 3));
+    QCOMPARE(actions.at(7), formerFourth);
+    QVERIFY(!tray.speakerItems()[1]->isChecked() && tray.speakerItems()[2]->isChecked());
+    // Items are kept across updates; an "&" in a name is shown, not taken for a mnemonic.
+    QAction *first = tray.speakerItems()[0];
+    QVERIFY(settings->renameDevice(speaker(1).location, "Kids & Guests"));
+    tray.updateSpeakerItems();
+    QCOMPARE(tray.speakerItems()[0], first);
+    QCOMPARE(first->text(), QStringLiteral("Kids && Guests"));
+    // Past twelve speakers they move into the "Speakers" submenu; the menu keeps its length.
+    for (int n = 4; n <= TrayPresenter::maxInlineSpeakers + 1; ++n)
+        settings->mergeDiscoveredSpeaker(speaker(n), {true, "G"});
+    tray.scheduleSpeakerItems();
+    tray.scheduleSpeakerItems(); // one update for the burst
+    QCOMPARE(tray.speakerItems().size(), 3);
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(menu->actions().size(), 10);
+    QCOMPARE(tray.speakersMenu()->actions(), tray.speakerItems());
+    QCOMPARE(menu->actions().at(3)->menu(), tray.speakersMenu());
+    // Speakers not found (a new search) leave; below the limit the items come back inline.
+    settings->markAllDevicesNotActive();
+    tray.updateSpeakerItems();
+    QVERIFY(tray.speakerItems().isEmpty());
+    QVERIFY(tray.speakersMenu()->actions().isEmpty());
+    QVERIFY(!menu->actions().at(3)->menu());
+    settings->mergeDiscoveredSpeaker(speaker(2), {true, "G"});
+    tray.updateSpeakerItems();
+    QCOMPARE(menu->actions().at(TrayPresenter::firstDeviceMenuIndex), tray.speakerItems().at(0));
+    QCOMPARE(menu->actions().size(), 11);
+}
+
+QTEST_MAIN(TestTray)
+#include "TestTray.moc"
