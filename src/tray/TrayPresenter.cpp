@@ -20,8 +20,8 @@ TrayPresenter::TrayPresenter(const Lifecycle &lifecycle, std::function<Settings 
     : QObject(parent), m_lifecycle(lifecycle), m_settings(std::move(settings))
 {
     // The fixed entries: four ahead of the speakers, the commands after them.
-    m_statusItem = m_menu.addAction(tr(statusOff));
-    m_statusItem->setEnabled(false);
+    m_statusLine = m_menu.addAction(tr(statusOff));
+    m_statusLine->setEnabled(false);
     m_onOffItem = m_menu.addAction(tr(commandTurnOn), this, &TrayPresenter::onOffClicked);
     m_menu.addSeparator();
     m_speakersHeader = m_menu.addAction(tr("Speakers"));
@@ -82,7 +82,7 @@ void TrayPresenter::showTrayIcon()
 void TrayPresenter::refresh()
 {
     const State state = m_lifecycle.state();
-    m_statusItem->setText(statusTitle(state));
+    m_statusLine->setText(statusTitle(state));
     m_onOffItem->setText(tr(state == State::BridgeMissing ? commandInstallBridge
                             : m_lifecycle.onOffTurnsOn()  ? commandTurnOn
                                                           : commandTurnOff));

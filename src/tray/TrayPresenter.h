@@ -70,7 +70,7 @@ public:
 
     QMenu *menu() { return &m_menu; }
     QMenu *speakersMenu() { return &m_speakersMenu; }
-    QAction *statusItem() const { return m_statusItem; }
+    QAction *statusLine() const { return m_statusLine; }
     QAction *onOffItem() const { return m_onOffItem; }
     const QList<QAction *> &speakerItems() const { return m_speakerItems; }
     QSystemTrayIcon *trayIcon() const { return m_trayIcon; }
@@ -93,7 +93,7 @@ private:
     std::function<Settings &()> m_settings;
     QMenu m_menu;
     QMenu m_speakersMenu; // holds the speaker items past maxInlineSpeakers
-    QAction *m_statusItem = nullptr;
+    QAction *m_statusLine = nullptr;
     QAction *m_onOffItem = nullptr;
     QAction *m_speakersHeader = nullptr;
     QAction *m_speakersEnd = nullptr; // the separator after the speaker items

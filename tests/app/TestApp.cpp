@@ -12,6 +12,7 @@
 #include "TestSupport.h"
 
 #include <QApplication>
+#include <QSignalSpy>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -137,7 +138,7 @@ private slots:
 private:
     QStringList titles() const
     {
-        return {m_app->tray().statusItem()->text(), m_app->tray().onOffItem()->text()};
+        return {m_app->tray().statusLine()->text(), m_app->tray().onOffItem()->text()};
     }
     std::unique_ptr<FakeWorld> m_world;
     std::unique_ptr<FakePlatform> m_platform;
@@ -178,7 +179,11 @@ void TestApp::launch()
     settle();
     QCOMPARE(capture.count(QStringLiteral("Warning - Ignoring a deviceDiscovered event")), 1);
     QCOMPARE(m_world->settings->activeDevices().size(), 0u);
-    m_app->shutdown(); // quitting shuts the bridge down
+    // The menu's Quit asks the program to quit; quitting shuts the bridge down.
+    QSignalSpy quits(m_app.get(), &Controller::quitRequested);
+    m_app->tray().menu()->actions().constLast()->trigger();
+    QCOMPARE(quits.count(), 1);
+    m_app->shutdown();
     QCOMPARE(m_world->shutdowns, 1);
 }
 

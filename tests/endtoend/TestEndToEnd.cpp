@@ -198,8 +198,8 @@ void TestEndToEnd::offAndOnWhileTheBridgeStops()
     FakePlatform platform;
     Controller app(AppServices::real(), platform.platform(), false);
     QStringList titles;
-    connect(app.tray().statusItem(), &QAction::changed, this,
-            [&] { titles << app.tray().statusItem()->text(); });
+    connect(app.tray().statusLine(), &QAction::changed, this,
+            [&] { titles << app.tray().statusLine()->text(); });
     app.start();
     QTRY_VERIFY_WITH_TIMEOUT(app.state() == Controller::State::Running, 20000);
     titles.clear();

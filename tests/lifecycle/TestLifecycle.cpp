@@ -123,8 +123,9 @@ void TestLifecycle::rules_data()
         {"@running", "onoff", "onoff", "started", "exitOld"}, S::Starting, {});
     row("running, stopped from the window -> no failure",
         {"@running", "stopAsked", "-bridge", "exit"}, S::Stopped, {"AllowSleep"}, true);
-    row("turned off, a search asked for in the window -> search",
-        {"@running", "onoff", "searchAsked"}, S::Off, {"Search"}, true);
+    row("turned off, a search asked for in the window -> its end starts the bridge",
+        {"@running", "onoff", "-bridge", "exit", "searchAsked", "searchStarted", "searchEnded"},
+        S::Searching, {"StartBridge"});
     row("running, a speaker renamed -> wait for quiet", {"@running", "changed"}, S::Running,
         {"StartApplyTimer"});
     row("running, a speaker departed -> wait for quiet", {"@running", "departed"}, S::Running,

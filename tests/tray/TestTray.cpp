@@ -92,7 +92,7 @@ void TestTray::showsTheState()
         lifecycle.handle(E(event), 0);
     }
     tray.refresh();
-    QCOMPARE(tray.statusItem()->text(), title);
+    QCOMPARE(tray.statusLine()->text(), title);
     QCOMPARE(tray.onOffItem()->text(), command);
     QCOMPARE(int(tray.trayLook()), look);
     QCOMPARE(tray.toolTip(), toolTip);
