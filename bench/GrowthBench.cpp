@@ -126,7 +126,7 @@ int main(int argc, char *argv[])
             Settings::replaceShared(Settings::load(std::make_unique<MemorySettingsStorage>()));
             DeviceDiscovery discovery;
             AppServices services = AppServices::real();
-            services.startBridge = [](const std::vector<DeviceSettings> &) {
+            services.startBridge = [](const std::vector<DeviceSettings> &, const BridgeOptions &) {
             };
             services.watch = [](bool) {
             };

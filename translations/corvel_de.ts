@@ -85,7 +85,7 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+161"/>
+        <location filename="../src/app/Controller.cpp" line="+170"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
@@ -110,7 +110,7 @@
         <translation>Die Bridge wurde unerwartet beendet; Corvel startet sie neu.</translation>
     </message>
     <message>
-        <location line="+4"/>
+        <location line="+5"/>
         <source>Corvel stopped</source>
         <translation>Corvel angehalten</translation>
     </message>
@@ -135,7 +135,7 @@
         <translation>Corvel wurde unerwartet beendet</translation>
     </message>
     <message>
-        <location line="+2"/>
+        <location line="+1"/>
         <source>Corvel quit unexpectedly the last time it ran.</source>
         <translation>Corvel wurde beim letzten Mal unerwartet beendet.</translation>
     </message>
@@ -173,7 +173,7 @@
         <translation>Immer senden</translation>
     </message>
     <message>
-        <location line="+1"/>
+        <location line="+2"/>
         <source>Don&apos;t Send</source>
         <translation>Nicht senden</translation>
     </message>
@@ -326,7 +326,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+429"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+431"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -351,12 +351,22 @@
         <translation>Schaltet die AirPlay-Erkennung (RAOP) in PipeWire oder PulseAudio ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-349"/>
+        <location line="+7"/>
+        <source>Sound &amp;delay:</source>
+        <translation>&amp;Verzögerung:</translation>
+    </message>
+    <message>
+        <location line="+6"/>
+        <source>Sound delay</source>
+        <translation>Verzögerung</translation>
+    </message>
+    <message>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-348"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
     <message>
-        <location line="+345"/>
+        <location line="+344"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>
@@ -376,7 +386,37 @@
         <translation>&amp;Erneut suchen</translation>
     </message>
     <message>
-        <location line="+43"/>
+        <location line="+37"/>
+        <source>Balanced</source>
+        <translation>Ausgewogen</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Lowest delay (wired network)</source>
+        <translation>Geringste Verzögerung (Kabelnetz)</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Steady (Wi-Fi with drop-outs)</source>
+        <translation>Stabil (WLAN mit Aussetzern)</translation>
+    </message>
+    <message>
+        <location line="+6"/>
+        <source>Holds a quarter second of sound; it starts within about a second, but hiccups of the network are heard.</source>
+        <translation>Hält eine Viertelsekunde Ton vor; er beginnt nach etwa einer Sekunde, aber Störungen im Netzwerk sind zu hören.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Holds 1.5 s of sound against drop-outs; it starts about 4 s late.</source>
+        <translation>Hält 1,5 s Ton gegen Aussetzer vor; er beginnt etwa 4 s später.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Holds 1 s of sound against hiccups of the network; it starts about 2 s late.</source>
+        <translation>Hält 1 s Ton gegen Störungen im Netzwerk vor; er beginnt etwa 2 s später.</translation>
+    </message>
+    <message>
+        <location line="+25"/>
         <source>Turns on AirPlay (RAOP) discovery in your sound server, now and at every login, so the speakers appear in your sound settings</source>
         <translation>Schaltet die AirPlay-Erkennung (RAOP) in Ihrem Soundserver ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
     </message>
@@ -452,7 +492,17 @@
         <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
     </message>
     <message>
-        <location line="+70"/>
+        <location line="+67"/>
+        <source>%1 — Already an AirPlay speaker</source>
+        <translation>%1 — Bereits ein AirPlay-Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>This speaker plays AirPlay itself: offered through the bridge too, it is listed twice.</source>
+        <translation>Dieser Lautsprecher spielt selbst AirPlay: zusätzlich über die Brücke angeboten, erscheint er doppelt.</translation>
+    </message>
+    <message>
+        <location line="+7"/>
         <source>Offer %1</source>
         <translation>%1 anbieten</translation>
     </message>
@@ -512,7 +562,7 @@
         <translation>Corvel &amp;beenden</translation>
     </message>
     <message>
-        <location line="+105"/>
+        <location line="+108"/>
         <source>Corvel: Running — 1 speaker</source>
         <translation>Corvel: Läuft — 1 Lautsprecher</translation>
     </message>
@@ -560,6 +610,11 @@
         <location line="+1"/>
         <source>Corvel: Bridge Not Installed</source>
         <translation>Corvel: Bridge nicht installiert</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Corvel: Waiting For Network...</source>
+        <translation>Corvel: Warte auf das Netzwerk...</translation>
     </message>
     <message>
         <location line="+1"/>

@@ -23,18 +23,22 @@ AppServices AppServices::real()
     services.bridgeRunning = [] {
         return AirConnect::shared().running();
     };
-    services.startBridge = [](const std::vector<DeviceSettings> &records) {
-        AirConnect::shared().start(records);
+    services.startBridge = [](const std::vector<DeviceSettings> &records,
+                              const BridgeOptions &options) {
+        AirConnect::shared().start(records, options);
     };
     services.stopBridge = [] {
         AirConnect::shared().stop();
     };
-    services.restartBridge = [](const std::vector<DeviceSettings> &records) {
-        AirConnect::shared().restart(records);
+    services.restartBridge = [](const std::vector<DeviceSettings> &records,
+                                const BridgeOptions &options) {
+        AirConnect::shared().restart(records, options);
     };
-    services.bridgeConfigDiffers = [](const std::vector<DeviceSettings> &records) {
-        return AirConnect::shared().configDiffers(records);
+    services.bridgeConfigDiffers = [](const std::vector<DeviceSettings> &records,
+                                      const BridgeOptions &options) {
+        return AirConnect::shared().configDiffers(records, options);
     };
+    services.localAddresses = &BridgeNetwork::localAddresses;
     services.bridgeOutput = [] {
         return AirConnect::shared().recentOutput();
     };

@@ -3,6 +3,8 @@
 // settings: the real services by default, fakes in tests.
 #pragma once
 
+#include "BridgeNetwork.h"
+#include "ConfigWriter.h"
 #include "DeviceSettings.h"
 
 #include <functional>
@@ -20,12 +22,17 @@ struct AppServices
     std::function<bool()> searchRunning;
     // Whether the bridge supervisor has a process.
     std::function<bool()> bridgeRunning;
-    std::function<void(const std::vector<DeviceSettings> &)> startBridge;
+    using BridgeStart =
+        std::function<void(const std::vector<DeviceSettings> &, const BridgeOptions &)>;
+    BridgeStart startBridge;
     std::function<void()> stopBridge;
     // Stops the bridge and starts it with records; its exit is not announced.
-    std::function<void(const std::vector<DeviceSettings> &)> restartBridge;
-    // Whether records would give the running bridge another configuration.
-    std::function<bool(const std::vector<DeviceSettings> &)> bridgeConfigDiffers;
+    BridgeStart restartBridge;
+    // Whether records and options would start the bridge otherwise than the running one.
+    std::function<bool(const std::vector<DeviceSettings> &, const BridgeOptions &)>
+        bridgeConfigDiffers;
+    // The machine's IPv4 addresses, for the interface the bridge serves.
+    std::function<QList<BridgeNetwork::Address>()> localAddresses;
     // The bridge's last output lines.
     std::function<QStringList()> bridgeOutput;
     // Starts or stops watching for speakers between searches.

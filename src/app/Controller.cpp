@@ -81,6 +81,11 @@ void Controller::start()
         m_notices.setTrayIcon(m_tray.trayIcon());
     }
     addObservers();
+    if (m_platform.resumeWatcher)
+        m_platform.resumeWatcher->watch([self = QPointer<Controller>(this)] {
+            if (self)
+                self->handle(Event::Resumed);
+        });
     m_tray.updateSpeakerItems();
     handle(Event::Launched);
 }
@@ -119,14 +124,18 @@ void Controller::run(Lifecycle::Command command)
     case C::StopWatching:
         m_services.watch(command == C::Watch);
         break;
-    case C::StartBridge:
-        m_services.startBridge(allRecords());
+    case C::StartBridge: {
+        const auto records = allRecords();
+        m_services.startBridge(records, bridgeOptions(records));
         if (!m_services.bridgeRunning())
             handle(Event::BridgeLaunchFailed);
         break;
-    case C::RestartBridge:
-        m_services.restartBridge(allRecords());
+    }
+    case C::RestartBridge: {
+        const auto records = allRecords();
+        m_services.restartBridge(records, bridgeOptions(records));
         break;
+    }
     case C::StopBridge:
         m_services.stopBridge();
         break;
@@ -189,7 +198,19 @@ bool Controller::hasSpeakers() const
 
 bool Controller::bridgeConfigDiffers() const
 {
-    return m_services.bridgeConfigDiffers(allRecords());
+    const auto records = allRecords();
+    return m_services.bridgeConfigDiffers(records, bridgeOptions(records));
+}
+
+BridgeOptions Controller::bridgeOptions(const std::vector<DeviceSettings> &records) const
+{
+    const Settings &settings = m_services.settings();
+    BridgeOptions options;
+    options.latency = BridgeOptions::bridgeLatency(settings.bridgeDelay);
+    options.ports = settings.bridgePorts;
+    if (m_services.localAddresses)
+        options.binding = BridgeNetwork::interfaceFor(records, m_services.localAddresses());
+    return options;
 }
 
 std::vector<DeviceSettings> Controller::allRecords() const
@@ -280,7 +301,15 @@ void Controller::addObservers()
         center.addObserver(Notifications::serviceStarted, hop(Event::BridgeStarted)));
     m_observers.push_back(center.addObserver(Notifications::serviceReady, hop(Event::BridgeReady)));
     m_observers.push_back(
-        center.addObserver(Notifications::serviceTerminated, hop(Event::BridgeEnded)));
+        center.addObserver(Notifications::serviceTerminated, [this](const Notification &n) {
+            const bool cannotStart = n.userInfo.value(UserInfoKey::cannotStart).toBool();
+            mainQueueAsync([self = QPointer<Controller>(this), cannotStart,
+                            launch = n.userInfo.value(UserInfoKey::launch).toULongLong()] {
+                if (self)
+                    self->handle(cannotStart ? Event::BridgeCannotStart : Event::BridgeEnded,
+                                 launch);
+            });
+        }));
     m_observers.push_back(center.addObserver(
         Notifications::bridgeMissing, hop(Event::BridgeMissing, [this](const Notification &n) {
             m_lookedIn = n.userInfo.value(UserInfoKey::lookedIn).toStringList();

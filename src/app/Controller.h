@@ -90,6 +90,8 @@ private:
     void addObservers();
     void showWindow(Windows::Kind kind);
     std::vector<DeviceSettings> allRecords() const;
+    // The delay and ports the user chose, and the interface of the offered speakers.
+    BridgeOptions bridgeOptions(const std::vector<DeviceSettings> &records) const;
     // Tells systemd (under a Type=notify unit) the state, and once that start-up is done.
     void reportToServiceManager();
 

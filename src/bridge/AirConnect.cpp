@@ -8,6 +8,7 @@
 #include "Notifications.h"
 #include "StaleBridges.h"
 
+#include <algorithm>
 #include <csignal>
 #include <QDeadlineTimer>
 #include <QFileInfo>
@@ -31,15 +32,16 @@ void AirConnect::post(const QString &name) const
     NotificationCenter::defaultCenter().post(name, {{UserInfoKey::launch, m_launch}});
 }
 
-void AirConnect::restart(const std::vector<DeviceSettings> &records)
+void AirConnect::restart(const std::vector<DeviceSettings> &records, const BridgeOptions &options)
 {
     stop();
-    start(records);
+    start(records, options);
 }
 
-bool AirConnect::configDiffers(const std::vector<DeviceSettings> &records) const
+bool AirConnect::configDiffers(const std::vector<DeviceSettings> &records,
+                               const BridgeOptions &options) const
 {
-    return configFileText(records) != m_config;
+    return options.binding != m_binding || configFileText(records, options) != m_config;
 }
 
 AirConnect &AirConnect::shared()
@@ -76,7 +78,7 @@ QString AirConnect::configPath() const
            QStringLiteral("/airupnp.xml");
 }
 
-void AirConnect::start(const std::vector<DeviceSettings> &records)
+void AirConnect::start(const std::vector<DeviceSettings> &records, const BridgeOptions &options)
 {
     const BridgeLocation bridge = findBridgeExecutable();
     m_bridgeMissing = bridge.path.isEmpty();
@@ -93,13 +95,13 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
     m_launchPending = true;
     StaleBridges::endAll(
         QFileInfo(bridge.path).fileName(), this,
-        [this, launch, path = bridge.path, records](int stale) {
+        [this, launch, path = bridge.path, records, options](int stale) {
             if (stale > 0)
                 logInfo(category, QStringLiteral("Ended %1 stale bridge process(es)").arg(stale));
             if (launch != m_launch || !m_launchPending)
                 return;
-            m_afterRetired = [this, path, records] {
-                this->launch(path, records);
+            m_afterRetired = [this, path, records, options] {
+                this->launch(path, records, options);
             };
             if (m_retired.empty())
                 std::exchange(m_afterRetired, nullptr)();
@@ -108,15 +110,17 @@ void AirConnect::start(const std::vector<DeviceSettings> &records)
         });
 }
 
-void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSettings> &records)
+void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSettings> &records,
+                        const BridgeOptions &options)
 {
     m_launchPending = false;
     const QString config = configPath();
     const QString configUrl = QUrl::fromLocalFile(config).toString();
     QString error;
-    m_config = configFileText(records);
+    m_config = configFileText(records, options);
+    m_binding = options.binding;
     m_recentOutput.clear();
-    if (writeConfigFile(config, records, &error))
+    if (writeConfigFile(config, records, options, &error))
         logInfo(category, QStringLiteral("Wrote config file to ") + configUrl);
     else
         logError(category,
@@ -130,7 +134,12 @@ void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSetti
     m_markerTail.clear();
 
     process->setProgram(bridgePath);
-    process->setArguments({QStringLiteral("-Z"), QStringLiteral("-x"), config});
+    // -b takes the interface's name: with an address the bridge would not follow a change of
+    // address (it re-reads a named interface's address every 30 s).
+    QStringList arguments{QStringLiteral("-Z"), QStringLiteral("-x"), config};
+    if (!options.binding.isEmpty())
+        arguments << QStringLiteral("-b") << options.binding;
+    process->setArguments(arguments);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
     const pid_t corvel = getpid();
@@ -274,5 +283,14 @@ void AirConnect::handleTermination(QProcess *process, quint64 launch)
         m_process = nullptr;
     m_ready = false;
     logInfo(category, QStringLiteral("Terminated"));
-    post(Notifications::serviceTerminated);
+    // The bridge says "Cannot start" and exits 1 when the interface it serves has no IPv4
+    // address yet: a network that is not ready, not a failing bridge.
+    const bool cannotStart =
+        process->exitStatus() == QProcess::NormalExit && process->exitCode() == 1 &&
+        std::any_of(m_recentOutput.cbegin(), m_recentOutput.cend(), [](const QString &line) {
+            return line.endsWith(QLatin1String("Cannot start"));
+        });
+    NotificationCenter::defaultCenter().post(
+        Notifications::serviceTerminated,
+        {{UserInfoKey::launch, m_launch}, {UserInfoKey::cannotStart, cannotStart}});
 }

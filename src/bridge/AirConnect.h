@@ -2,6 +2,7 @@
 // Starts, watches and stops the AirConnect bridge, and reports it as events.
 #pragma once
 
+#include "ConfigWriter.h"
 #include "DeviceSettings.h"
 
 #include <functional>
@@ -30,16 +31,18 @@ public:
 
     // Ends stale bridges, then writes the configuration for records, launches the bridge and
     // arms the watchdog. Callers start only while no bridge runs (running() is false).
-    void start(const std::vector<DeviceSettings> &records);
+    // options: the delay, the ports and the interface (-b) it serves.
+    void start(const std::vector<DeviceSettings> &records, const BridgeOptions &options = {});
     // Cancels the watchdog, forgets readiness, asks the bridge to terminate and forgets it.
     // "serviceTerminated" follows when it has exited. A later start launches only once every
     // stopped bridge has exited, so two never run at once.
     void stop();
     // Stops the bridge and starts it again with records; the stopped bridge's exit is not
     // announced (it belongs to an earlier launch).
-    void restart(const std::vector<DeviceSettings> &records);
-    // Whether records would give a configuration other than the running bridge's.
-    bool configDiffers(const std::vector<DeviceSettings> &records) const;
+    void restart(const std::vector<DeviceSettings> &records, const BridgeOptions &options = {});
+    // Whether records and options would start the bridge otherwise than the running one.
+    bool configDiffers(const std::vector<DeviceSettings> &records,
+                       const BridgeOptions &options = {}) const;
     // The last lines the bridge wrote (at most recentLineCount), oldest first.
     QStringList recentOutput() const { return m_recentOutput; }
     static constexpr int recentLineCount = 10;
@@ -71,7 +74,8 @@ public:
     void setWatchdogDelay(int ms) { m_startTimer.setInterval(ms); }
 
 private:
-    void launch(const QString &bridgePath, const std::vector<DeviceSettings> &records);
+    void launch(const QString &bridgePath, const std::vector<DeviceSettings> &records,
+                const BridgeOptions &options);
     void post(const QString &name) const;
     void handleTermination(QProcess *process, quint64 launch);
     // Keeps a stopped bridge until it exits; kills it if it ignores the request too long.
@@ -88,5 +92,6 @@ private:
     std::vector<QProcess *> m_retired;
     std::function<void()> m_afterRetired; // the launch waiting for stopped bridges to exit
     QString m_config;                     // the running bridge's configuration text
+    QString m_binding;                    // and the interface it was told to serve
     QStringList m_recentOutput;
 };

@@ -72,7 +72,23 @@ QString bridgeName(const QString &name)
     return cut;
 }
 
-QString configFileText(const std::vector<DeviceSettings> &records)
+QString BridgeOptions::bridgeLatency(BridgeDelay delay)
+{
+    // Hold, then start silence, in ms. Users of the bridge with Sonos report: 1000:1000 and
+    // 1000:2000 as the usual advice, 250:500 and less on wired networks for a short delay,
+    // 1500:2500 on unsteady Wi-Fi (AirConnect README and issues #15, #34).
+    switch (delay) {
+    case BridgeDelay::Lowest:
+        return QStringLiteral("250:500");
+    case BridgeDelay::Steady:
+        return QStringLiteral("1500:2500");
+    case BridgeDelay::Balanced:
+        break;
+    }
+    return QStringLiteral("1000:1000");
+}
+
+QString configFileText(const std::vector<DeviceSettings> &records, const BridgeOptions &options)
 {
     // <enabled>0</enabled> in <common>: the bridge offers only the speakers listed below, not
     // every other UPnP renderer (televisions, receivers). <codec>wav</codec>: Sonos firmware
@@ -83,7 +99,9 @@ QString configFileText(const std::vector<DeviceSettings> &records)
                                   "<enabled>0</enabled>\n"
                                   "<max_volume>100</max_volume>\n"
                                   "<codec>wav</codec>\n"
-                                  "<latency>0:2000</latency>\n"
+                                  "<latency>") +
+                   xmlEscaped(xmlCharacters(options.latency), AttributeValueEscape::NoAttribute) +
+                   QStringLiteral("</latency>\n"
                                   "<name>Corvel</name>\n"
                                   "<artwork>") +
                    xmlEscaped(xmlCharacters(QStringLiteral(CORVEL_ARTWORK_URL)),
@@ -95,6 +113,10 @@ QString configFileText(const std::vector<DeviceSettings> &records)
                                   "<util_log>warn</util_log>\n"
                                   "<raop_log>info</raop_log>\n"
                                   "<log_limit>-1</log_limit>\n");
+    if (!options.ports.isEmpty())
+        text += QStringLiteral("<ports>") +
+                xmlEscaped(xmlCharacters(options.ports), AttributeValueEscape::NoAttribute) +
+                QStringLiteral("</ports>\n");
     // The bridge takes the first block for a UDN, so each UDN gets one: the active record's.
     std::map<QString, const DeviceSettings *> byUdn;
     for (const DeviceSettings &record : records) {
@@ -120,9 +142,9 @@ QString configFileText(const std::vector<DeviceSettings> &records)
 }
 
 bool writeConfigFile(const QString &destination, const std::vector<DeviceSettings> &records,
-                     QString *error)
+                     const BridgeOptions &options, QString *error)
 {
-    const QString text = configFileText(records);
+    const QString text = configFileText(records, options);
     logDebug(text);
 
     return writeFileAtomically(destination, text.toUtf8(), error);

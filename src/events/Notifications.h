@@ -25,6 +25,8 @@ inline const QString location = QStringLiteral("location"); // QUrl, of "deviceD
 // quint64, of "serviceStarted", "serviceReady" and "serviceTerminated": which launch it was.
 inline const QString launch = QStringLiteral("launch");
 inline const QString lookedIn = QStringLiteral("lookedIn"); // QStringList, of "bridgeMissing"
+// bool, of "serviceTerminated": the bridge could not start for want of a network address.
+inline const QString cannotStart = QStringLiteral("cannotStart");
 inline const QString response = QStringLiteral("response");
 inline const QString deviceInfo = QStringLiteral("deviceInfo");
 inline const QString deviceTopology = QStringLiteral("deviceTopology");

@@ -91,6 +91,27 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
     case Event::BridgeEnded:
         return bridgeEnded(launch);
 
+    case Event::BridgeCannotStart:
+        // Not a failure: the network comes up later (at login, after a cable or Wi-Fi change),
+        // and the search that follows the change starts the bridge again.
+        if (launch == m_launch && !m_exitExpected && !m_stoppedByUser &&
+            (m_state == S::Starting || m_state == S::Running)) {
+            logWarning(QStringLiteral("AirConnect cannot start until its network has an "
+                                      "address; waiting for the network"));
+            enter(S::WaitingForNetwork);
+            return {C::AllowSleep};
+        }
+        return bridgeEnded(launch);
+
+    case Event::Resumed:
+        // Senders forget targets whose announcements expired during sleep, and a bridge may
+        // hang after a suspend: search again and start the bridge afresh.
+        if (m_stoppedByUser || m_state == S::Off)
+            return {};
+        if (m_facts.bridgeRunning())
+            return {C::Search, C::RestartBridge};
+        return {C::Search};
+
     case Event::BridgeLaunchFailed:
         // A restart that cannot even launch counts as a failure; other starts keep the state
         // they had (the supervisor has logged why).

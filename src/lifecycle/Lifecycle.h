@@ -22,7 +22,8 @@ public:
         Retrying, // the bridge ended by itself; it is started again after a delay
         Stopped,
         Off,
-        BridgeMissing // no bridge executable: the on/off command offers its setup
+        BridgeMissing,    // no bridge executable: the on/off command offers its setup
+        WaitingForNetwork // the bridge's network has no address yet; the next search retries
     };
 
     enum class Event {
@@ -40,7 +41,9 @@ public:
         BridgeLaunchFailed, // a start was asked for and no process is running after it
         BridgeReady,
         BridgeEnded,
+        BridgeCannotStart, // the bridge ended at once: its network has no address yet
         BridgeMissing,
+        Resumed, // the machine woke from suspend
         ApplyTimerFired,
         RetryTimerFired,
         Quit,

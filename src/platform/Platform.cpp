@@ -4,6 +4,7 @@
 #include "DBusLauncherHelper.h"
 #include "DBusNames.h"
 #include "LinuxIdleInhibitor.h"
+#include "LogindResumeWatcher.h"
 #include "PactlSoundOutputs.h"
 #include "XdgAutostart.h"
 
@@ -17,7 +18,8 @@ Platform Platform::system()
     return Platform{std::make_shared<LinuxIdleInhibitor>(QDBusConnection::sessionBus(),
                                                          QDBusConnection::systemBus()),
                     std::make_shared<XdgAutostart>(), std::make_shared<DBusLauncherHelper>(),
-                    std::make_shared<PactlSoundOutputs>()};
+                    std::make_shared<PactlSoundOutputs>(),
+                    std::make_shared<LogindResumeWatcher>(QDBusConnection::systemBus())};
 }
 
 namespace {

@@ -5,6 +5,7 @@
 #include "Autostart.h"
 #include "IdleInhibitor.h"
 #include "LauncherHelper.h"
+#include "ResumeWatcher.h"
 #include "SoundOutputs.h"
 
 #include <memory>
@@ -15,8 +16,9 @@ struct Platform
     std::shared_ptr<Autostart> autostart;
     std::shared_ptr<LauncherHelper> launcherHelper;
     std::shared_ptr<SoundOutputs> soundOutputs;
+    std::shared_ptr<ResumeWatcher> resumeWatcher;
 
-    // This system's backends (Linux: D-Bus, XDG autostart, pactl).
+    // This system's backends (Linux: D-Bus, XDG autostart, pactl, logind).
     static Platform system();
     // Asks, without waiting, whether a tray runs: a StatusNotifier host registered with the
     // watcher, or an XEmbed tray owning _NET_SYSTEM_TRAY_S0; done(found) follows.

@@ -92,6 +92,20 @@ void readFields(JsonReader &reader, Record &record, const std::vector<RecordFiel
 }
 } // namespace
 
+bool DeviceInfo::hasOwnAirPlay() const
+{
+    // The Sonos models without AirPlay of their own (PLAY:1, PLAY:3, the first PLAY:5,
+    // PLAYBAR, CONNECT and CONNECT:AMP), as AirConnect users list them for the bridge's model
+    // filter to avoid doubles (philippe44/AirConnect issues #303 and #316).
+    static const QStringList withoutAirPlay = {QStringLiteral("S1"),    QStringLiteral("S3"),
+                                               QStringLiteral("S5"),    QStringLiteral("S9"),
+                                               QStringLiteral("S12"),   QStringLiteral("ZP80"),
+                                               QStringLiteral("ZP90"),  QStringLiteral("S15"),
+                                               QStringLiteral("ZP100"), QStringLiteral("ZP120")};
+    const QString model = modelNumber.value_or(QString()).trimmed();
+    return !model.isEmpty() && !withoutAirPlay.contains(model, Qt::CaseInsensitive);
+}
+
 QString DeviceInfo::defaultName() const
 {
     // Players send trailing line breaks and spaces; the name shown is trimmed.

@@ -69,6 +69,9 @@ struct DeviceInfo
     // The name a new speaker is shown under: "room - display name", else the friendly
     // name, else the location's host, else the location's text. Empty texts count as present.
     QString defaultName() const;
+    // Whether the speaker is an AirPlay speaker itself: any model not on the list of those
+    // without AirPlay. A description without a model number counts as without AirPlay.
+    bool hasOwnAirPlay() const;
 
     // Absent fields are not written; a non-finite float is not written either, so that
     // a bad description can never make the settings unreadable.

@@ -53,6 +53,39 @@ SettingsDocument SettingsDocument::makeFresh(const std::function<double()> &cloc
     return document;
 }
 
+QString bridgeDelayKey(BridgeDelay delay)
+{
+    switch (delay) {
+    case BridgeDelay::Lowest:
+        return QStringLiteral("lowest");
+    case BridgeDelay::Steady:
+        return QStringLiteral("steady");
+    case BridgeDelay::Balanced:
+        break;
+    }
+    return QStringLiteral("balanced");
+}
+
+std::optional<BridgeDelay> bridgeDelayFromKey(const QString &key)
+{
+    for (const BridgeDelay delay :
+         {BridgeDelay::Balanced, BridgeDelay::Lowest, BridgeDelay::Steady}) {
+        if (bridgeDelayKey(delay) == key)
+            return delay;
+    }
+    return std::nullopt;
+}
+
+bool SettingsDocument::validBridgePorts(const QString &text)
+{
+    const QStringList parts = text.split(QLatin1Char(':'));
+    bool firstOk = false, countOk = false;
+    const int first = parts.value(0).toInt(&firstOk);
+    const int count = parts.value(1).toInt(&countOk);
+    return parts.size() == 2 && firstOk && countOk && first >= 1024 && count >= 1 &&
+           first + count - 1 <= 65535;
+}
+
 QByteArray SettingsDocument::encode() const
 {
     QJsonArray deviceArray;
@@ -68,7 +101,9 @@ QByteArray SettingsDocument::encode() const
                            {QStringLiteral("installedAt"), installedAt},
                            {QStringLiteral("lastRatingsPrompt"), lastRatingsPrompt},
                            {QStringLiteral("hasPromptedForRating"), hasPromptedForRating},
-                           {QStringLiteral("hasRated"), hasRated}};
+                           {QStringLiteral("hasRated"), hasRated},
+                           {QStringLiteral("bridgeDelay"), bridgeDelayKey(bridgeDelay)},
+                           {QStringLiteral("bridgePorts"), bridgePorts}};
     return QJsonDocument(json).toJson(QJsonDocument::Compact);
 }
 
@@ -133,6 +168,24 @@ std::optional<SettingsDocument> SettingsDocument::decode(const QByteArray &json,
     document.lastRatingsPrompt = *lastRatingsPrompt;
     document.hasPromptedForRating = *prompted;
     document.hasRated = *rated;
+    // Optional, and never a reason to set the user's speakers aside: a value this version
+    // cannot use falls back to the default.
+    const QJsonValue delay = parsed.object().value(QStringLiteral("bridgeDelay"));
+    if (!delay.isUndefined()) {
+        if (const auto known = bridgeDelayFromKey(delay.toString()))
+            document.bridgeDelay = *known;
+        else
+            logWarning(category, QStringLiteral("Unknown bridgeDelay in the settings, using "
+                                                "\"balanced\""));
+    }
+    const QJsonValue ports = parsed.object().value(QStringLiteral("bridgePorts"));
+    if (!ports.isUndefined()) {
+        if (validBridgePorts(ports.toString()))
+            document.bridgePorts = ports.toString();
+        else
+            logWarning(category, QStringLiteral("Invalid bridgePorts in the settings, using \"%1\"")
+                                     .arg(QLatin1String(defaultBridgePorts)));
+    }
     return document;
 }
 
@@ -246,6 +299,11 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
         record.name = info.defaultName();
         logInfo(QStringLiteral("Adding menu item ") + record.name + QStringLiteral(" (") +
                 locationText + QLatin1Char(')'));
+        // A speaker that plays AirPlay itself would be listed twice in every AirPlay menu.
+        record.enabled = !info.hasOwnAirPlay();
+        if (!record.enabled)
+            logInfo(QStringLiteral("%1 (%2) plays AirPlay itself: not offered until chosen")
+                        .arg(record.name, info.modelNumber.value_or(QString())));
     }
     record.info = info;
     record.topology = topology;
@@ -254,6 +312,16 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
     if (moveSaved)
         save();
     return stored->second;
+}
+
+bool Settings::setBridgeDelay(BridgeDelay delay)
+{
+    if (delay == bridgeDelay)
+        return false;
+    logInfo(category, QStringLiteral("Bridge delay set to ") + bridgeDelayKey(delay));
+    bridgeDelay = delay;
+    save();
+    return true;
 }
 
 bool Settings::renameDevice(const QUrl &location, const QString &newName)

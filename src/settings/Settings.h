@@ -12,10 +12,23 @@
 // Seconds since 2001-01-01 00:00:00 UTC, the epoch of the stored dates.
 double referenceDateNow();
 
+// How much sound the bridge holds back against network jitter, as the user chose it.
+enum class BridgeDelay { Balanced, Lowest, Steady };
+// The word each choice is stored as ("balanced", "lowest", "steady").
+QString bridgeDelayKey(BridgeDelay delay);
+std::optional<BridgeDelay> bridgeDelayFromKey(const QString &key);
+
 // The document as stored: plain data and its JSON form.
 struct SettingsDocument
 {
+    // The bridge's ports (RTSP, RTP and HTTP), as the bridge takes them: "first:count".
+    static constexpr const char *defaultBridgePorts = "49200:64";
+    // Whether text is "first:count" with the whole range within 1024..65535.
+    static bool validBridgePorts(const QString &text);
+
     DeviceMap devices;
+    BridgeDelay bridgeDelay = BridgeDelay::Balanced;
+    QString bridgePorts = QString::fromLatin1(defaultBridgePorts);
     std::map<QString, qint64> crashesByVersion;
     double installedAt = 0; // seconds since 2001-01-01 UTC
     double lastRatingsPrompt = 0;
@@ -27,7 +40,9 @@ struct SettingsDocument
 
     // Compact JSON; "devices" alternates location text and record.
     QByteArray encode() const;
-    // Strict read of the whole document; every record read starts not active.
+    // Strict read of the whole document; every record read starts not active. The bridge's
+    // delay and ports, written by newer versions, are optional: a value this version does not
+    // know is replaced by the default, with a log line.
     static std::optional<SettingsDocument> decode(const QByteArray &json, QString *error);
 };
 
@@ -55,7 +70,8 @@ public:
     void recordCrashReport();
 
     // Records a speaker that discovery reported: a known one keeps enabled, nameChanged and
-    // (when chosen by the user) its name; a new one is enabled under its default name, unless
+    // (when chosen by the user) its name; a new one gets its default name and is enabled
+    // unless its model plays AirPlay by itself (it would be listed twice), unless
     // a record with its UDN is stored at another location: then that record's choices move
     // here and it goes (saved at once). Either way the speaker becomes active with the new
     // description and topology. Otherwise does not save.
@@ -64,6 +80,8 @@ public:
     // Renames the speaker and marks the name as the user's; saves. Returns false (and does
     // nothing) for an unknown location or a name canonically equal to the current one.
     bool renameDevice(const QUrl &location, const QString &newName);
+    // Chooses the bridge's delay; saves. False when it was the choice already.
+    bool setBridgeDelay(BridgeDelay delay);
     // Switches the speaker on or off for the bridge; saves. False for an unknown location.
     bool setDeviceEnabled(const QUrl &location, bool enabled);
     // The records found in this run, in location order.

@@ -53,6 +53,8 @@ const char *TrayPresenter::statusSource(State state)
         return statusRetrying;
     case State::BridgeMissing:
         return statusBridgeMissing;
+    case State::WaitingForNetwork:
+        return statusWaitingForNetwork;
     case State::StartingUp:
     case State::Off:
         break;
@@ -118,6 +120,7 @@ TrayLook TrayPresenter::trayLook() const
     case State::StartingUp:
     case State::Searching:
     case State::Starting:
+    case State::WaitingForNetwork:
         return TrayLook::Busy;
     case State::Retrying:
     case State::BridgeMissing:

@@ -36,6 +36,8 @@ public:
     static constexpr const char *statusRetrying =
         QT_TR_NOOP("Corvel: Bridge Stopped, Restarting...");
     static constexpr const char *statusBridgeMissing = QT_TR_NOOP("Corvel: Bridge Not Installed");
+    static constexpr const char *statusWaitingForNetwork =
+        QT_TR_NOOP("Corvel: Waiting For Network...");
     static constexpr const char *commandTurnOn = QT_TR_NOOP("Turn Corvel &On");
     static constexpr const char *commandTurnOff = QT_TR_NOOP("Turn Corvel O&ff");
     static constexpr const char *commandInstallBridge = QT_TR_NOOP("&Install Bridge…");

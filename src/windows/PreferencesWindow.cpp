@@ -15,6 +15,7 @@
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QCollator>
+#include <QComboBox>
 #include <QDateTime>
 #include <QFileDialog>
 #include <QHideEvent>
@@ -50,6 +51,7 @@ PreferencesWindow::PreferencesWindow(Controls &controls, Platform platform, QWid
     connect(m_ui->saveLogButton, &QPushButton::clicked, this, &PreferencesWindow::saveLogClicked);
     connect(m_ui->soundOutputsCheckBox, &QCheckBox::clicked, this,
             &PreferencesWindow::soundOutputsChecked);
+    setUpDelayChoice();
     QListWidget *table = m_ui->tableView;
     table->installEventFilter(this);
     table->viewport()->installEventFilter(this);
@@ -455,6 +457,37 @@ void PreferencesWindow::startAtLoginChecked()
     QString error;
     if (!m_platform.autostart->setEnabled(enabled, &error))
         m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
+}
+
+void PreferencesWindow::setUpDelayChoice()
+{
+    // How much sound the bridge holds against the network's hiccups, against how late sound
+    // starts; the hint under the choice says which.
+    QComboBox *box = m_ui->delayComboBox;
+    box->addItem(tr("Balanced"), int(BridgeDelay::Balanced));
+    box->addItem(tr("Lowest delay (wired network)"), int(BridgeDelay::Lowest));
+    box->addItem(tr("Steady (Wi-Fi with drop-outs)"), int(BridgeDelay::Steady));
+    m_ui->delayHintLabel->setForegroundRole(QPalette::PlaceholderText);
+    const auto showHint = [this] {
+        const auto delay = BridgeDelay(m_ui->delayComboBox->currentData().toInt());
+        m_ui->delayHintLabel->setText(
+            delay == BridgeDelay::Lowest
+                ? tr("Holds a quarter second of sound; it starts within about a second, but "
+                     "hiccups of the network are heard.")
+            : delay == BridgeDelay::Steady
+                ? tr("Holds 1.5 s of sound against drop-outs; it starts about 4 s late.")
+                : tr("Holds 1 s of sound against hiccups of the network; it starts about 2 s "
+                     "late."));
+    };
+    box->setCurrentIndex(box->findData(int(m_controls.settings().bridgeDelay)));
+    showHint();
+    connect(box, &QComboBox::currentIndexChanged, this, [this, showHint] {
+        showHint();
+        // The bridge is restarted with it once the choices have been quiet a moment.
+        if (m_controls.settings().setBridgeDelay(
+                BridgeDelay(m_ui->delayComboBox->currentData().toInt())))
+            NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
+    });
 }
 
 void PreferencesWindow::updateSoundOutputsCheckBox()

@@ -47,6 +47,8 @@ public:
     // Turns the speakers as sound outputs of this computer on or off.
     void soundOutputsChecked();
     void updateSoundOutputsCheckBox();
+    // Fills the delay choice from the settings; a new choice is saved and applied.
+    void setUpDelayChoice();
     // Opens a save dialog without blocking; its OK writes the log there.
     void saveLogClicked();
     // Writes the log to path; a failure shows the "Error" alert.

@@ -115,7 +115,13 @@ void SpeakerRow::fill(const DeviceSettings &record)
         m_titleField->setText(record.name);
         m_titleField->setCursorPosition(0); // a long name shows its start
     }
-    m_subtitleLabel->setText(record.info.friendlyName.value_or(record.info.location.host()));
+    // A speaker that plays AirPlay itself starts not offered; the row says why.
+    const QString place = record.info.friendlyName.value_or(record.info.location.host());
+    const bool ownAirPlay = record.info.hasOwnAirPlay();
+    m_subtitleLabel->setText(ownAirPlay ? tr("%1 — Already an AirPlay speaker").arg(place) : place);
+    m_subtitleLabel->setToolTip(ownAirPlay ? tr("This speaker plays AirPlay itself: offered "
+                                                "through the bridge too, it is listed twice.")
+                                           : QString());
     // The row shows the record's choice, so the window and the tray's check marks agree.
     m_checkbox->setChecked(record.enabled);
     // Told to assistive technology only when the name changes, not on every reload.

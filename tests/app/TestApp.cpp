@@ -36,6 +36,7 @@ struct FakeWorld
     bool slowStop = false; // a stopped bridge exits only when the test says so
     quint64 launch = 0, stopped = 0;
     std::vector<DeviceSettings> configured;
+    BridgeOptions options;
     std::unique_ptr<Settings> settings = Settings::load(std::make_unique<MemorySettingsStorage>());
 
     AppServices services()
@@ -56,7 +57,9 @@ struct FakeWorld
         s.bridgeRunning = [this] {
             return running;
         };
-        s.startBridge = [this](const std::vector<DeviceSettings> &records) {
+        s.startBridge = [this](const std::vector<DeviceSettings> &records,
+                               const BridgeOptions &options) {
+            this->options = options;
             ++starts;
             configured = records;
             running = true; // a failed launch still counts as running until its watchdog
@@ -73,12 +76,14 @@ struct FakeWorld
                     });
             }
         };
-        s.restartBridge = [s](const std::vector<DeviceSettings> &records) {
+        s.restartBridge = [s](const std::vector<DeviceSettings> &records,
+                              const BridgeOptions &options) {
             s.stopBridge();
-            s.startBridge(records);
+            s.startBridge(records, options);
         };
-        s.bridgeConfigDiffers = [this](const std::vector<DeviceSettings> &records) {
-            return configFileText(records) != configFileText(configured);
+        s.bridgeConfigDiffers = [this](const std::vector<DeviceSettings> &records,
+                                       const BridgeOptions &options) {
+            return configFileText(records, options) != configFileText(configured, this->options);
         };
         s.bridgeOutput = [] {
             return QStringList{"last words"};
@@ -218,6 +223,14 @@ void TestApp::wiring_data()
         << L{"launch", "speaker", "complete", "ready", "rename", "apply"} << int(S::Starting)
         << TrayPresenter::statusStarting << off << 2
         << "Info - Speakers changed, restarting AirConnect";
+    QTest::newRow("a bridge without a network waits for the next search")
+        << L{"launch", "speaker", "complete", "cannot", "cannot", "search", "speaker", "complete"}
+        << int(S::Starting) << TrayPresenter::statusStarting << off << 2
+        << "Warning - AirConnect cannot start until its network has an address; waiting for the "
+           "network";
+    QTest::newRow("waking from suspend searches and restarts the bridge")
+        << L{"launch", "speaker", "complete", "ready", "resumed"} << int(S::Starting)
+        << TrayPresenter::statusStarting << off << 2 << "";
     QTest::newRow("a departure restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting)
         << TrayPresenter::statusStarting << off << 2 << "";
@@ -260,6 +273,12 @@ void TestApp::wiring()
             m_world->slowStop = true;
         else if (step == "exited")
             post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->stopped}});
+        else if (step == "cannot") { // the bridge's network has no address yet
+            m_world->running = false;
+            post(Notifications::serviceTerminated,
+                 {{UserInfoKey::launch, m_world->launch}, {UserInfoKey::cannotStart, true}});
+        } else if (step == "resumed")
+            m_platform->resume->resumed();
         else if (step == "rename" && m_world->settings->renameDevice(speaker(1).location, "Den"))
             post(Notifications::deviceSettingsChanged);
         else if (step == "touch")

@@ -4,6 +4,7 @@
 #include "AirConnect.h"
 #include "AtomicFile.h"
 #include "BridgeLocator.h"
+#include "BridgeNetwork.h"
 #include "BuildConfig.h"
 #include "ConfigWriter.h"
 #include "NotificationCenter.h"
@@ -57,6 +58,9 @@ private slots:
     void handleOutput_data();
     void handleOutput();
     void launchReadyAndStop();
+    void servesTheNamedInterface();
+    void interfaceOfTheSpeakers_data();
+    void interfaceOfTheSpeakers();
     void watchdog_data();
     void watchdog();
     void lateExitOfAnOlderBridgeKeepsTheNewerOne();
@@ -118,7 +122,16 @@ void TestBridge::configFile()
         QVERIFY2(artwork.host().endsWith(QStringLiteral(".invalid")), CORVEL_ARTWORK_URL);
     const QByteArray expected = testData(QStringLiteral("bridge/mixed-records.xml"))
                                     .replace("@ARTWORK@", CORVEL_ARTWORK_URL);
-    QCOMPARE(configFileText(records).toUtf8(), expected);
+    BridgeOptions options;
+    options.latency = BridgeOptions::bridgeLatency(BridgeDelay::Lowest);
+    options.ports = QStringLiteral("49200:64");
+    QCOMPARE(configFileText(records, options).toUtf8(), expected);
+    // Every delay holds some sound against jitter; without ports the bridge picks its own.
+    for (const BridgeDelay delay :
+         {BridgeDelay::Balanced, BridgeDelay::Lowest, BridgeDelay::Steady})
+        QVERIFY(!BridgeOptions::bridgeLatency(delay).startsWith(QLatin1Char('0')));
+    QVERIFY(configFileText(records).contains("<latency>1000:1000</latency>\n"));
+    QVERIFY(!configFileText(records).contains("<ports>"));
     // What the bridge's strict parser cannot take: forbidden characters are dropped, names
     // cut at 50 bytes on a character boundary, and a UDN gets one block, the active one's.
     std::vector<DeviceSettings> hostile = {record("uuid:X", "gone", true, false),
@@ -139,10 +152,11 @@ void TestBridge::configFile()
     const QString path = m_dir.filePath(QStringLiteral("written.xml"));
     LogCapture capture;
     QString error;
-    QVERIFY2(writeConfigFile(path, records, &error), qPrintable(error));
+    QVERIFY2(writeConfigFile(path, records, options, &error), qPrintable(error));
     QCOMPARE(readFile(path), expected);
-    QVERIFY(capture.has("Debug - " + configFileText(records)));
-    QVERIFY(!writeConfigFile(m_dir.filePath(QStringLiteral("gone/a.xml")), records, &error));
+    QVERIFY(capture.has("Debug - " + configFileText(records, options)));
+    QVERIFY(
+        !writeConfigFile(m_dir.filePath(QStringLiteral("gone/a.xml")), records, options, &error));
     QVERIFY(!error.isEmpty());
 }
 
@@ -211,6 +225,70 @@ void TestBridge::launchReadyAndStop()
     bridge.stop(); // idle: nothing more
     QTest::qWait(50);
     QCOMPARE(events.names().size(), 3);
+}
+
+void TestBridge::servesTheNamedInterface()
+{
+    // -b names the interface; one without an IPv4 address makes the bridge say "Cannot
+    // start" and exit 1, which the exit event says; a changed interface is a changed bridge.
+    qputenv("FAKE_BRIDGE_READY_MS", "0");
+    AirConnect bridge;
+    configure(bridge);
+    EventRecorder events(bridgeEvents);
+    const std::vector<DeviceSettings> records = {record("uuid:RINCON_A", "Den")};
+    BridgeOptions options;
+    options.binding = QStringLiteral("lo");
+    bridge.start(records, options);
+    CORVEL_WAIT(events.count(Notifications::serviceReady) == 1);
+    QCOMPARE(recorded("args.txt"), ("-Z\n-x\n" + bridge.configPath() + "\n-b\nlo\n").toUtf8());
+    QVERIFY(!bridge.configDiffers(records, options));
+    options.binding = QStringLiteral("corvelnone0");
+    QVERIFY(bridge.configDiffers(records, options));
+    bridge.restart(records, options);
+    CORVEL_WAIT(events.count(Notifications::serviceTerminated) == 1);
+    const Notification &ended = events.notifications.constLast();
+    QCOMPARE(ended.userInfo.value(UserInfoKey::launch).toULongLong(), bridge.currentLaunch());
+    QVERIFY(ended.userInfo.value(UserInfoKey::cannotStart).toBool());
+    QVERIFY(!bridge.running());
+}
+
+void TestBridge::interfaceOfTheSpeakers_data()
+{
+    // Speakers as "host" (offered) or "-host" (switched off); the machine has docker0 first.
+    QTest::addColumn<QStringList>("speakers");
+    QTest::addColumn<QString>("interface");
+    QTest::newRow("the LAN, not the first interface")
+        << QStringList{"192.0.2.10", "192.0.2.11"} << "lan0";
+    QTest::newRow("the most speakers win")
+        << QStringList{"198.51.100.7", "192.0.2.10", "192.0.2.11"} << "lan0";
+    QTest::newRow("switched-off speakers do not count")
+        << QStringList{"-198.51.100.7", "-198.51.100.8", "192.0.2.10"} << "lan0";
+    QTest::newRow("a tie goes to the interface listed first")
+        << QStringList{"198.51.100.7", "192.0.2.10"} << "lan0";
+    QTest::newRow("loopback is never the bridge's network") << QStringList{"127.0.1.1"} << "";
+    QTest::newRow("speakers behind a router: the bridge chooses")
+        << QStringList{"203.0.113.9"} << "";
+    QTest::newRow("no speakers") << QStringList{} << "";
+}
+
+void TestBridge::interfaceOfTheSpeakers()
+{
+    QFETCH(QStringList, speakers);
+    QFETCH(QString, interface);
+    using BridgeNetwork::Address;
+    const QList<Address> addresses = {{"docker0", QHostAddress("172.17.0.1"), 16, false},
+                                      {"lo", QHostAddress("127.0.0.1"), 8, true},
+                                      {"lan0", QHostAddress("192.0.2.1"), 24, false},
+                                      {"wlan0", QHostAddress("198.51.100.5"), 24, false}};
+    std::vector<DeviceSettings> records;
+    for (const QString &speaker : speakers) {
+        DeviceSettings r = record("uuid:" + speaker, speaker, true, true, !speaker.startsWith('-'));
+        r.info.location.setHost(speaker.mid(speaker.startsWith('-') ? 1 : 0));
+        records.push_back(r);
+    }
+    QCOMPARE(BridgeNetwork::interfaceFor(records, addresses), interface);
+    QVERIFY(BridgeNetwork::hasAddress("wlan0", addresses));
+    QVERIFY(!BridgeNetwork::hasAddress("wlan1", addresses));
 }
 
 void TestBridge::watchdog_data()

@@ -20,16 +20,26 @@ struct World : Lifecycle::Facts
     bool bridgeConfigDiffers() const override { return differs; }
 };
 
-const QHash<QString, E> events = {
-    {"launch", E::Launched},           {"onoff", E::OnOff},
-    {"searchAsked", E::SearchAsked},   {"stopAsked", E::StopAsked},
-    {"installed", E::BridgeInstalled}, {"searchStarted", E::SearchStarted},
-    {"searchEnded", E::SearchEnded},   {"found", E::SpeakerFound},
-    {"departed", E::SpeakerDeparted},  {"changed", E::SpeakerChanged},
-    {"started", E::BridgeStarted},     {"launchFailed", E::BridgeLaunchFailed},
-    {"ready", E::BridgeReady},         {"exit", E::BridgeEnded},
-    {"missing", E::BridgeMissing},     {"apply", E::ApplyTimerFired},
-    {"retry", E::RetryTimerFired},     {"quit", E::Quit}};
+const QHash<QString, E> events = {{"launch", E::Launched},
+                                  {"onoff", E::OnOff},
+                                  {"searchAsked", E::SearchAsked},
+                                  {"stopAsked", E::StopAsked},
+                                  {"installed", E::BridgeInstalled},
+                                  {"searchStarted", E::SearchStarted},
+                                  {"searchEnded", E::SearchEnded},
+                                  {"found", E::SpeakerFound},
+                                  {"departed", E::SpeakerDeparted},
+                                  {"changed", E::SpeakerChanged},
+                                  {"started", E::BridgeStarted},
+                                  {"launchFailed", E::BridgeLaunchFailed},
+                                  {"ready", E::BridgeReady},
+                                  {"exit", E::BridgeEnded},
+                                  {"missing", E::BridgeMissing},
+                                  {"apply", E::ApplyTimerFired},
+                                  {"retry", E::RetryTimerFired},
+                                  {"quit", E::Quit},
+                                  {"cannotStart", E::BridgeCannotStart},
+                                  {"resumed", E::Resumed}};
 
 QString name(C command)
 {
@@ -152,6 +162,22 @@ void TestLifecycle::rules_data()
         {"Search", "Watch"});
     row("installed, missing again -> told again", {"@searching", "missing", "installed", "missing"},
         S::BridgeMissing, {"TellBridgeMissing"});
+    row("starting, the network has no address -> wait for it, no failure",
+        {"@starting", "-bridge", "cannotStart"}, S::WaitingForNetwork, {"AllowSleep"});
+    row("waiting for the network, the next search -> start",
+        {"@starting", "-bridge", "cannotStart", "searchStarted", "searchEnded"}, S::Searching,
+        {"StartBridge"});
+    row("no address six times in a row -> still waiting, never given up",
+        {"@starting", "-bridge", "cannotStart", "started", "cannotStart", "started", "cannotStart",
+         "started", "cannotStart", "started", "cannotStart", "started", "cannotStart"},
+        S::WaitingForNetwork, {"AllowSleep"});
+    row("stopped from the window, then no address -> stopped",
+        {"@starting", "stopAsked", "-bridge", "cannotStart"}, S::Stopped, {"AllowSleep"}, true);
+    row("running, the machine wakes -> search and restart the bridge", {"@running", "resumed"},
+        S::Running, {"Search", "RestartBridge"});
+    row("no speakers, the machine wakes -> search",
+        {"@searching", "-search", "searchEnded", "resumed"}, S::NoSpeakers, {"Search"});
+    row("off, the machine wakes -> nothing", {"@running", "onoff", "resumed"}, S::Off, {}, true);
     row("quit -> shut the bridge down", {"@running", "quit"}, S::Running, {"ShutdownBridge"});
     row("quit, the bridge exits -> stopped, no failure", {"@running", "quit", "-bridge", "exit"},
         S::Stopped, {"AllowSleep"}, true);

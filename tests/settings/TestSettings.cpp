@@ -63,6 +63,8 @@ private slots:
     void crashCountsPerVersion();
     void mergeKeepsTheUsersChoices_data();
     void mergeKeepsTheUsersChoices();
+    void speakersWithTheirOwnAirPlayStartNotOffered_data();
+    void speakersWithTheirOwnAirPlayStartNotOffered();
     void addressChangeMovesTheChoices();
     void renameRules_data();
     void renameRules();
@@ -80,7 +82,9 @@ void TestSettings::firstStartAndAValidDocument()
     MemorySettingsStorage memory;
     loadFrom(memory); // nothing stored: a fresh document, saved compact
     const QJsonObject json = QJsonDocument::fromJson(memory.text->toUtf8()).object();
-    QVERIFY(json.size() == 6 && !memory.text->contains(QLatin1Char('\n')));
+    QVERIFY(json.size() == 8 && !memory.text->contains(QLatin1Char('\n')));
+    QCOMPARE(json.value("bridgeDelay").toString(), QStringLiteral("balanced"));
+    QCOMPARE(json.value("bridgePorts").toString(), QStringLiteral("49200:64"));
     // Dates count from 2001-01-01 UTC.
     const double installed = json.value(QStringLiteral("installedAt")).toDouble();
     QVERIFY(std::abs(installed - (QDateTime::currentSecsSinceEpoch() - 978307200.0)) < 5);
@@ -93,6 +97,29 @@ void TestSettings::firstStartAndAValidDocument()
     settings->save(); // unknown keys go at the next save
     QVERIFY(!memory.text->contains(QLatin1String("sparkle")));
     QVERIFY(memory.text->contains(QLatin1String("\"hasPromptedForRating\":true")));
+    // The bridge's delay and ports: read when known; a value this version cannot use falls
+    // back to the default and never sets the speakers aside.
+    memory.text = QString::fromUtf8(validDocument)
+                      .insert(1, R"("bridgeDelay":"steady","bridgePorts":"50000:8",)");
+    QCOMPARE(loadFrom(memory)->bridgeDelay, BridgeDelay::Steady);
+    QCOMPARE(loadFrom(memory)->bridgePorts, QStringLiteral("50000:8"));
+    for (const char *ports : {"80:8", "65530:7", "49200", "a:b", "49200:0"}) {
+        memory.text = QString::fromUtf8(validDocument)
+                          .insert(1, QStringLiteral(R"("bridgeDelay":7,"bridgePorts":"%1",)")
+                                         .arg(QLatin1String(ports)));
+        LogCapture fallback;
+        const auto read = loadFrom(memory);
+        QCOMPARE(read->bridgeDelay, BridgeDelay::Balanced);
+        QVERIFY2(read->bridgePorts == QStringLiteral("49200:64"), ports);
+        QCOMPARE(read->installedAt, 536457600.25);
+        QCOMPARE(fallback.count("Warning settings Unknown bridgeDelay"), 1);
+        QCOMPARE(fallback.count("Warning settings Invalid bridgePorts"), 1);
+    }
+    const int writes = memory.writes;
+    QVERIFY(!settings->setBridgeDelay(BridgeDelay::Balanced)); // already so: not saved
+    QVERIFY(settings->setBridgeDelay(BridgeDelay::Lowest));
+    QCOMPARE(memory.writes, writes + 1);
+    QVERIFY(memory.text->contains(QLatin1String("\"bridgeDelay\":\"lowest\"")));
 }
 
 void TestSettings::undecodableDocumentIsReplaced_data()
@@ -169,6 +196,36 @@ void TestSettings::mergeKeepsTheUsersChoices_data()
     QTest::newRow("unnamed follows the room") << false << false << "Den - Front";
     QTest::newRow("the user's name stays") << true << false << "Mine";
     QTest::newRow("disabled stays disabled") << false << true << "Den - Front";
+}
+
+void TestSettings::speakersWithTheirOwnAirPlayStartNotOffered_data()
+{
+    QTest::addColumn<QString>("model");
+    QTest::addColumn<bool>("offered");
+    QTest::newRow("PLAY:1") << "S1" << true;
+    QTest::newRow("PLAY:3, spaced") << " S3 " << true;
+    QTest::newRow("CONNECT:AMP, lower case") << "zp120" << true;
+    QTest::newRow("no model number") << "" << true;
+    QTest::newRow("One: AirPlay 2 itself") << "S18" << false;
+    QTest::newRow("Beam: AirPlay 2 itself") << "S14" << false;
+    QTest::newRow("a model this list does not know") << "S99" << false;
+}
+
+void TestSettings::speakersWithTheirOwnAirPlayStartNotOffered()
+{
+    // Such a speaker would be listed twice in every AirPlay menu; the user may still offer
+    // it, and that choice stays.
+    QFETCH(QString, model);
+    QFETCH(bool, offered);
+    MemorySettingsStorage memory;
+    auto settings = loadFrom(memory);
+    DeviceInfo info = speaker(kitchen, QStringLiteral("Kitchen"), QStringLiteral("One"));
+    if (!model.isEmpty())
+        info.modelNumber = model;
+    QCOMPARE(settings->mergeDiscoveredSpeaker(info, {true, "g"}).enabled, offered);
+    QCOMPARE(info.hasOwnAirPlay(), !offered);
+    settings->setDeviceEnabled(kitchen, true);
+    QVERIFY(settings->mergeDiscoveredSpeaker(info, {true, "g"}).enabled);
 }
 
 void TestSettings::mergeKeepsTheUsersChoices()

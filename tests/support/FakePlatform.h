@@ -67,11 +67,19 @@ struct FakeSoundOutputs : SoundOutputs
     }
 };
 
+// Resumes when the test says so.
+struct FakeResumeWatcher : ResumeWatcher
+{
+    std::function<void()> resumed;
+    void watch(std::function<void()> callback) override { resumed = std::move(callback); }
+};
+
 struct FakePlatform
 {
     std::shared_ptr<FakeIdleInhibitor> idle = std::make_shared<FakeIdleInhibitor>();
     std::shared_ptr<FakeAutostart> autostart = std::make_shared<FakeAutostart>();
     std::shared_ptr<FakeLauncherHelper> helper = std::make_shared<FakeLauncherHelper>();
     std::shared_ptr<FakeSoundOutputs> sound = std::make_shared<FakeSoundOutputs>();
-    Platform platform() const { return Platform{idle, autostart, helper, sound}; }
+    std::shared_ptr<FakeResumeWatcher> resume = std::make_shared<FakeResumeWatcher>();
+    Platform platform() const { return Platform{idle, autostart, helper, sound, resume}; }
 };

@@ -69,6 +69,9 @@ void TestTray::showsTheState_data()
     row("stopped by the user is idle",
         {E::SearchStarted, E::BridgeStarted, E::StopAsked, E::BridgeEnded}, T::statusStopped,
         T::commandTurnOn, TrayLook::Idle);
+    row("waiting for the network is busy",
+        {E::SearchStarted, E::BridgeStarted, E::BridgeCannotStart}, T::statusWaitingForNetwork,
+        T::commandTurnOff, TrayLook::Busy);
     row("no bridge: its setup is the command", {E::SearchStarted, E::BridgeMissing},
         T::statusBridgeMissing, T::commandInstallBridge, TrayLook::Problem);
 }

@@ -16,6 +16,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
+#include <QComboBox>
 #include <QLabel>
 #include <QListWidget>
 #include <QMessageBox>
@@ -332,7 +333,7 @@ void TestPreferences::everyControlHasAnAccessibleName()
                  qPrintable(widget->objectName()));
         ++checked;
     }
-    QCOMPARE(checked, 11); // the list, 3 controls per row, 2 buttons, 2 checkboxes
+    QCOMPARE(checked, 12); // the list, 3 controls per row, 2 buttons, 2 checkboxes, the delay
 }
 
 void TestPreferences::iconsAreFetchedOnce()
@@ -445,6 +446,19 @@ void TestPreferences::startStopAndObservers()
 
 void TestPreferences::startAtLoginAndSoundOutputs()
 {
+    // The delay shows the stored choice; a new one is saved, said under it, and applied.
+    m_controls->document->bridgeDelay = BridgeDelay::Lowest;
+    PreferencesWindow fresh(*m_controls, m_platform->platform());
+    auto *delay = fresh.findChild<QComboBox *>("delayComboBox");
+    auto *hint = fresh.findChild<QLabel *>("delayHintLabel");
+    QCOMPARE(delay->currentText(), QStringLiteral("Lowest delay (wired network)"));
+    const QString lowestHint = hint->text();
+    EventRecorder changes({Notifications::deviceSettingsChanged});
+    delay->setCurrentIndex(delay->findData(int(BridgeDelay::Steady)));
+    QCOMPARE(m_controls->document->bridgeDelay, BridgeDelay::Steady);
+    QCOMPARE(changes.count(Notifications::deviceSettingsChanged), 1);
+    QVERIFY(hint->text() != lowestHint && hint->text().contains("1.5 s"));
+
     m_platform->autostart->on = true;
     m_platform->sound->current = {SoundOutputs::Server::PipeWire, true, true};
     m_window->show();

@@ -9,12 +9,16 @@
 //   FAKE_BRIDGE_TERM_DELAY_MS  on SIGTERM, take this long before exiting 0
 //   FAKE_BRIDGE_INVALID_UTF8 1: print a line that is not UTF-8 at start
 //   FAKE_BRIDGE_FLOOD_BYTES  print this many bytes of log lines at start
+// Like the real bridge, with -b NAME it prints "Cannot start" and exits 1 when that interface
+// has no IPv4 address.
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <ifaddrs.h>
+#include <netinet/in.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -31,6 +35,19 @@ long envNumber(const char *name, long fallback)
 void onTerm(int)
 {
     g_terminate = 1;
+}
+
+bool hasIPv4(const char *name)
+{
+    ifaddrs *list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return false;
+    bool found = false;
+    for (const ifaddrs *entry = list; entry && !found; entry = entry->ifa_next)
+        found = entry->ifa_addr && entry->ifa_addr->sa_family == AF_INET &&
+                std::strcmp(entry->ifa_name, name) == 0;
+    freeifaddrs(list);
+    return found;
 }
 
 void say(const std::string &line)
@@ -58,6 +75,12 @@ int main(int argc, char **argv)
 
     std::signal(SIGTERM, envNumber("FAKE_BRIDGE_IGNORE_TERM", 0) ? SIG_IGN : onTerm);
     say("[00:00:00.000000] main:            starting fake bridge");
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], "-b") == 0 && !hasIPv4(argv[i + 1])) {
+            say("[00:00:00.001000] main:            Cannot start");
+            return 1;
+        }
+    }
     if (envNumber("FAKE_BRIDGE_INVALID_UTF8", 0))
         say("bad \xff\xfe bytes adding renderer");
     if (const long flood = envNumber("FAKE_BRIDGE_FLOOD_BYTES", 0); flood > 0) {
