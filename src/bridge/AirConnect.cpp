@@ -140,6 +140,8 @@ void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSetti
     if (!options.binding.isEmpty())
         arguments << QStringLiteral("-b") << options.binding;
     process->setArguments(arguments);
+    logInfo(category, QStringLiteral("Starting ") + bridgePath + QLatin1Char(' ') +
+                          arguments.join(QLatin1Char(' ')));
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setStandardInputFile(QProcess::nullDevice());
     const pid_t corvel = getpid();

@@ -231,6 +231,9 @@ void TestApp::wiring_data()
     QTest::newRow("waking from suspend searches and restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "resumed"} << int(S::Starting)
         << TrayPresenter::statusStarting << off << 2 << "";
+    QTest::newRow("a new delay restarts the bridge once, with it")
+        << L{"launch", "speaker", "complete", "ready", "delay", "delay", "apply", "ready", "apply"}
+        << int(S::Running) << TrayPresenter::statusRunning << off << 2 << "";
     QTest::newRow("a departure restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting)
         << TrayPresenter::statusStarting << off << 2 << "";
@@ -277,6 +280,9 @@ void TestApp::wiring()
             m_world->running = false;
             post(Notifications::serviceTerminated,
                  {{UserInfoKey::launch, m_world->launch}, {UserInfoKey::cannotStart, true}});
+        } else if (step == "delay") { // chosen in Preferences
+            m_world->settings->setBridgeDelay(BridgeDelay::Steady);
+            post(Notifications::deviceSettingsChanged);
         } else if (step == "resumed")
             m_platform->resume->resumed();
         else if (step == "rename" && m_world->settings->renameDevice(speaker(1).location, "Den"))
@@ -309,6 +315,9 @@ void TestApp::wiring()
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge needed") <= 1); // once per run
     if (starts > 0)
         QCOMPARE(m_world->configured.size(), 1u);
+    QCOMPARE(m_world->options.latency,
+             BridgeOptions::bridgeLatency(steps.contains("delay") ? BridgeDelay::Steady
+                                                                  : BridgeDelay::Balanced));
 }
 
 void TestApp::idleSleepFollowsTheBridge()

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <QDir>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 
 namespace {
@@ -65,6 +66,7 @@ private slots:
     void keepsWatchingAndAppliesChangesAtOnce();
     void restartsABridgeThatEnds();
     void offAndOnWhileTheBridgeStops();
+    void servesTheSpeakersNetworkOnceItHasAnAddress();
 };
 
 void TestEndToEnd::headlessLifecycle()
@@ -210,6 +212,63 @@ void TestEndToEnd::offAndOnWhileTheBridgeStops()
     QCOMPARE(titles, QStringList({TrayPresenter::statusOff, TrayPresenter::statusSearching,
                                   TrayPresenter::statusStarting, TrayPresenter::statusRunning}));
     app.shutdown();
+}
+
+void TestEndToEnd::servesTheSpeakersNetworkOnceItHasAnAddress()
+{
+    // As on a desktop with Docker: docker0 (with an address) comes first, the speakers answer
+    // on lan0, a veth into a namespace of their own. lan0 has no address when Corvel starts:
+    // it finds nothing and gives up nothing; once the address comes, it finds the speakers
+    // and starts the bridge on lan0, by name.
+    const auto ip = [](const QString &command) {
+        return QProcess::execute(QStringLiteral("ip"), command.split(QLatin1Char(' '))) == 0;
+    };
+    if (!ip("link add docker0 type veth peer name docker0p"))
+        QSKIP("No veth interfaces can be made in this namespace");
+    QVERIFY(ip("addr add 198.51.100.1/24 dev docker0") && ip("link set docker0p up") &&
+            ip("link set docker0 up"));
+    QProcess speakers; // a namespace of their own, lan1 moved in from here
+    speakers.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    speakers.start(
+        QStringLiteral("unshare"),
+        {"--net", "sh", "-c",
+         "echo unshared; while ! ip link show lan1 >/dev/null 2>&1; do sleep 0.05; done; "
+         "ip link set lo up && ip addr add 192.0.2.2/24 dev lan1 && "
+         "ip addr add 192.0.2.3/24 dev lan1 && ip addr add 192.0.2.4/24 dev lan1 && "
+         "ip link set lan1 up && "
+         "ip route add 239.0.0.0/8 dev lan1 && exec " SPEAKER_SIM
+         " --players 3 --groups 2 --address 192.0.2.2 --model '1:S18:Sonos One'"});
+    // lan1 can move in once the helper has its own namespace.
+    QVERIFY(speakers.waitForReadyRead(10000) && speakers.readLine().startsWith("unshared"));
+    const auto cleanUp = qScopeGuard([&] {
+        speakers.kill();
+        speakers.waitForFinished();
+        ip("link del docker0"); // lan0 went with the speakers' namespace
+    });
+    QVERIFY(ip(QStringLiteral("link add lan0 type veth peer name lan1 netns %1")
+                   .arg(speakers.processId())) &&
+            ip("link set lan0 up"));
+    QByteArray listed;
+    QTRY_VERIFY_WITH_TIMEOUT((listed += speakers.readAllStandardOutput()).contains("ready\n"),
+                             10000);
+
+    QTemporaryDir home;
+    Corvel corvel(home.path());
+    QVERIFY2(corvel.waitFor("Discovery finished with no speakers found"),
+             corvel.output.right(3000));
+    QVERIFY(ip("addr add 192.0.2.1/24 dev lan0"));
+    QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
+    QCOMPARE(corvel.bridgeRecord("args.txt"),
+             "-Z\n-x\n" + home.filePath("airupnp.xml").toUtf8() + "\n-b\nlan0\n");
+    const QByteArray config = corvel.bridgeRecord("config.xml");
+    QVERIFY(config.contains("<latency>1000:1000</latency>") &&
+            config.contains("<ports>49200:64</ports>"));
+    // Two coordinators: the PLAY:3 is offered, the One (an AirPlay speaker itself) is not.
+    QVERIFY(config.contains(deviceBlock("RINCON_000E5800000101400", "Living Room - PLAY:3", 1)));
+    QVERIFY(config.contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 0)));
+    QVERIFY(corvel.output.contains("plays AirPlay itself: not offered until chosen"));
+    QVERIFY(!corvel.output.contains("not restarting it"));
+    QVERIFY(corvel.end(SIGTERM));
 }
 
 QTEST_MAIN(TestEndToEnd)

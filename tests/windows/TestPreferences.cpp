@@ -142,10 +142,18 @@ void TestPreferences::rows()
         QCOMPARE(row->subtitleLabel()->text(), row->deviceLocation->host());
         QCOMPARE(row->checkbox()->isChecked(), row->deviceLocation != location(2));
     }
-    // A long name shows its start.
+    // A long name shows its start; a speaker that plays AirPlay itself says so.
     m_controls->settings().renameDevice(location(1), QString(40, 'L') + QString(20, 'E'));
+    m_controls->settings().devices.at(location(1)).info.modelNumber = QStringLiteral("S18");
     m_window->reloadData();
     QCOMPARE(m_window->row(2)->titleField()->cursorPosition(), 0);
+    for (int i = 0; i < m_window->rowCount(); ++i) {
+        const QLabel *subtitle = m_window->row(i)->subtitleLabel();
+        const bool airPlay = m_window->row(i)->deviceLocation == location(1);
+        QCOMPARE(subtitle->text().endsWith(QStringLiteral(" — Already an AirPlay speaker")),
+                 airPlay);
+        QCOMPARE(subtitle->toolTip().isEmpty(), !airPlay);
+    }
 }
 
 void TestPreferences::rowsStayPutDuringASearch()

@@ -18,12 +18,26 @@ qint64 monotonicNanoseconds()
     return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-bool onlyLoopback()
+// Whether every interface that is up is loopback, or holds only addresses of the ranges kept
+// for documentation (192.0.2.0/24, 198.51.100.0/24, 203.0.113.0/24), which no real network
+// uses: the veths of a test's own namespaces.
+bool onlyPrivateTestNetworks()
 {
+    const auto documentation = [](const QHostAddress &ip) {
+        for (const char *range : {"192.0.2.0/24", "198.51.100.0/24", "203.0.113.0/24"}) {
+            if (ip.isInSubnet(QHostAddress::parseSubnet(QLatin1String(range))))
+                return true;
+        }
+        return false;
+    };
     for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
-        if (interface.flags().testFlag(QNetworkInterface::IsUp) &&
-            !interface.flags().testFlag(QNetworkInterface::IsLoopBack))
-            return false;
+        if (!interface.flags().testFlag(QNetworkInterface::IsUp) ||
+            interface.flags().testFlag(QNetworkInterface::IsLoopBack))
+            continue;
+        for (const QNetworkAddressEntry &entry : interface.addressEntries()) {
+            if (!documentation(entry.ip()) && !entry.ip().isLinkLocal())
+                return false;
+        }
     }
     return true;
 }
@@ -62,10 +76,21 @@ int main(int argc, char *argv[])
         QStringLiteral("The first player answers from 127.0.1.N (default 1): a router that "
                        "handed out new addresses."),
         QStringLiteral("N"), "1");
-    parser.addOptions({players, groups, boost, fault, reportAnswers, firstAddress});
+    const QCommandLineOption address(
+        QStringLiteral("address"),
+        QStringLiteral("Players answer from this address on, one more for each (a veth in a "
+                       "test's own namespace, in 192.0.2.0/24, 198.51.100.0/24 or "
+                       "203.0.113.0/24), instead of loopback."),
+        QStringLiteral("IPv4"));
+    const QCommandLineOption model(
+        QStringLiteral("model"),
+        QStringLiteral("Give player INDEX (from 0) another model, such as 1:S18:Sonos One (an "
+                       "AirPlay speaker itself) or 1:S1:Sonos PLAY:1. Repeatable."),
+        QStringLiteral("index:number:name"));
+    parser.addOptions({players, groups, boost, fault, reportAnswers, firstAddress, address, model});
     parser.process(app);
 
-    if (!onlyLoopback()) {
+    if (!onlyPrivateTestNetworks()) {
         std::fprintf(stderr,
                      "Refusing to answer searches on a real network: run this through "
                      "scripts/netns, which gives it a private network with only loopback.\n");
@@ -83,6 +108,25 @@ int main(int argc, char *argv[])
             return 2;
         }
         household[size_t(index)].fault = *kind;
+    }
+
+    for (const QString &entry : parser.values(model)) {
+        const int index = entry.section(QLatin1Char(':'), 0, 0).toInt();
+        if (index < 0 || index >= int(household.size()) || entry.count(QLatin1Char(':')) < 2) {
+            std::fprintf(stderr, "Bad --model %s\n", qPrintable(entry));
+            return 2;
+        }
+        household[size_t(index)].modelNumber = entry.section(QLatin1Char(':'), 1, 1);
+        household[size_t(index)].modelName = entry.section(QLatin1Char(':'), 2);
+    }
+    if (parser.isSet(address)) {
+        const QHostAddress first(parser.value(address));
+        if (first.protocol() != QAbstractSocket::IPv4Protocol) {
+            std::fprintf(stderr, "Bad --address %s\n", qPrintable(parser.value(address)));
+            return 2;
+        }
+        for (size_t i = 0; i < household.size(); ++i)
+            household[i].address = QHostAddress(first.toIPv4Address() + quint32(i));
     }
 
     SpeakerSimulator simulator(household);

@@ -145,6 +145,17 @@ bool SpeakerSimulator::start(QString *error)
     m_listener = new QUdpSocket(this);
     if (!listenForSearches(m_listener, error))
         return false;
+    // Players given an address of another interface (a veth into a test's own namespace)
+    // hear the searches that arrive there too.
+    for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
+        if (interface.flags().testFlag(QNetworkInterface::IsLoopBack) || m_players.empty())
+            continue;
+        for (const QNetworkAddressEntry &entry : interface.addressEntries()) {
+            if (entry.ip() == m_players.front().address &&
+                !m_listener->joinMulticastGroup(multicastGroup, interface))
+                return fail(QStringLiteral("cannot join the SSDP group on ") + interface.name());
+        }
+    }
     connect(m_listener, &QUdpSocket::readyRead, this, &SpeakerSimulator::handleSearch);
 
     for (size_t i = 0; i < m_players.size(); ++i) {
