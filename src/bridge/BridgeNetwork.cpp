@@ -25,34 +25,29 @@ QList<Address> localAddresses()
 
 QString interfaceFor(const std::vector<DeviceSettings> &records, const QList<Address> &addresses)
 {
-    std::map<int, int> speakersAt; // by index of the interface's first address
+    std::map<QString, int> speakersOn;
     for (const DeviceSettings &record : records) {
         if (!record.offeredToBridge())
             continue;
         const QHostAddress speaker(record.info.location.host());
-        for (int i = 0; i < addresses.size(); ++i) {
-            const Address &local = addresses[i];
+        for (const Address &local : addresses) {
             if (!local.loopback && speaker.isInSubnet(local.ip, local.prefixLength)) {
-                ++speakersAt[i];
+                ++speakersOn[local.interfaceName];
                 break;
             }
         }
     }
-    int best = -1;
-    for (const auto &[index, count] : speakersAt) {
-        if (best < 0 || count > speakersAt[best])
-            best = index;
+    // In the system's order, so that a tie goes to the interface listed first.
+    QString best;
+    int most = 0;
+    for (const Address &local : addresses) {
+        const auto found = speakersOn.find(local.interfaceName);
+        if (found != speakersOn.end() && found->second > most) {
+            best = found->first;
+            most = found->second;
+        }
     }
-    return best < 0 ? QString() : addresses[best].interfaceName;
-}
-
-bool hasAddress(const QString &interfaceName, const QList<Address> &addresses)
-{
-    for (const Address &address : addresses) {
-        if (address.interfaceName == interfaceName)
-            return true;
-    }
-    return false;
+    return best;
 }
 
 } // namespace BridgeNetwork

@@ -27,7 +27,4 @@ QList<Address> localAddresses();
 // whose subnet holds the most offered speakers; ties go to the one listed first. Empty when
 // no speaker is on a directly attached non-loopback network.
 QString interfaceFor(const std::vector<DeviceSettings> &records, const QList<Address> &addresses);
-
-// Whether the named interface has an IPv4 address among addresses.
-bool hasAddress(const QString &interfaceName, const QList<Address> &addresses);
 } // namespace BridgeNetwork

@@ -216,10 +216,8 @@ void TestEndToEnd::offAndOnWhileTheBridgeStops()
 
 void TestEndToEnd::servesTheSpeakersNetworkOnceItHasAnAddress()
 {
-    // As on a desktop with Docker: docker0 (with an address) comes first, the speakers answer
-    // on lan0, a veth into a namespace of their own. lan0 has no address when Corvel starts:
-    // it finds nothing and gives up nothing; once the address comes, it finds the speakers
-    // and starts the bridge on lan0, by name.
+    // docker0 comes first, as with Docker; the speakers are behind lan0, a veth into their own
+    // namespace, whose address comes only after Corvel's first search.
     const auto ip = [](const QString &command) {
         return QProcess::execute(QStringLiteral("ip"), command.split(QLatin1Char(' '))) == 0;
     };
@@ -229,15 +227,8 @@ void TestEndToEnd::servesTheSpeakersNetworkOnceItHasAnAddress()
             ip("link set docker0 up"));
     QProcess speakers; // a namespace of their own, lan1 moved in from here
     speakers.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    speakers.start(
-        QStringLiteral("unshare"),
-        {"--net", "sh", "-c",
-         "echo unshared; while ! ip link show lan1 >/dev/null 2>&1; do sleep 0.05; done; "
-         "ip link set lo up && ip addr add 192.0.2.2/24 dev lan1 && "
-         "ip addr add 192.0.2.3/24 dev lan1 && ip addr add 192.0.2.4/24 dev lan1 && "
-         "ip link set lan1 up && "
-         "ip route add 239.0.0.0/8 dev lan1 && exec " SPEAKER_SIM
-         " --players 3 --groups 2 --address 192.0.2.2 --model '1:S18:Sonos One'"});
+    speakers.start(QStringLiteral("unshare"), {"--net", SPEAKERS_NETNS, SPEAKER_SIM, "--players",
+                                               "3", "--groups", "2", "--model", "1:S18:Sonos One"});
     // lan1 can move in once the helper has its own namespace.
     QVERIFY(speakers.waitForReadyRead(10000) && speakers.readLine().startsWith("unshared"));
     const auto cleanUp = qScopeGuard([&] {

@@ -1,12 +1,19 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The Linux backends that work on files and programs: the XDG autostart entry and the sound
-// outputs through pactl (a stand-in script that keeps the loaded modules in a file).
+// The Linux backends that work on files, programs and a bus: the XDG autostart entry, the sound
+// outputs through pactl (a stand-in script that keeps the loaded modules in a file), and the
+// resume watcher on a private D-Bus daemon standing in for the system bus.
 #include "BuildConfig.h"
+#include "LogindResumeWatcher.h"
 #include "PactlSoundOutputs.h"
 #include "TestSupport.h"
 #include "XdgAutostart.h"
 
 #include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 
 namespace {
@@ -27,6 +34,7 @@ private slots:
     void enableAndDisable_data();
     void enableAndDisable();
     void loadFailureSaysWhatIsMissing();
+    void resumeIsToldOncePerWake();
 
 private:
     SoundOutputs::Status status(PactlSoundOutputs &outputs)
@@ -122,6 +130,41 @@ void TestPlatform::loadFailureSaysWhatIsMissing()
     const auto [ok, error] = setEnabled(outputs, true);
     QVERIFY(!ok && error.contains(QLatin1String("libpipewire-0.3-modules")));
     QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
+}
+
+void TestPlatform::resumeIsToldOncePerWake()
+{
+    QTemporaryDir dir;
+    QProcess daemon;
+    daemon.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address",
+                                                 "--address=unix:path=" + dir.path() + "/bus"});
+    if (!daemon.waitForReadyRead(5000))
+        QSKIP("dbus-daemon cannot run here");
+    const QString address = QString::fromUtf8(daemon.readLine()).trimmed();
+    const auto stop = qScopeGuard([&daemon] {
+        daemon.kill();
+        daemon.waitForFinished();
+    });
+    // logind's side: the name and its signal; only logind's signals count.
+    QDBusConnection logind = QDBusConnection::connectToBus(address, QStringLiteral("logind"));
+    QDBusConnection other = QDBusConnection::connectToBus(address, QStringLiteral("other"));
+    QVERIFY(logind.registerService(QStringLiteral("org.freedesktop.login1")));
+    LogindResumeWatcher watcher(QDBusConnection::connectToBus(address, QStringLiteral("watcher")));
+    int resumes = 0;
+    watcher.watch([&resumes] { ++resumes; });
+    const auto prepare = [](QDBusConnection &bus, bool sleeping) {
+        QDBusMessage signal = QDBusMessage::createSignal(
+            QStringLiteral("/org/freedesktop/login1"),
+            QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"));
+        signal << sleeping;
+        QVERIFY(bus.send(signal));
+    };
+    prepare(other, false);
+    prepare(logind, true);
+    prepare(logind, false);
+    QTRY_COMPARE_WITH_TIMEOUT(resumes, 1, 10000);
+    QTest::qWait(100);
+    QCOMPARE(resumes, 1);
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)

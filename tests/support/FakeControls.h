@@ -4,11 +4,7 @@
 
 #include "Controls.h"
 #include "Settings.h"
-
-inline QUrl location(int n)
-{
-    return QUrl(QStringLiteral("http://127.0.1.%1:1400/xml/device_description.xml").arg(n));
-}
+#include "TestSpeakers.h"
 
 struct FakeControls : Controls
 {
@@ -47,10 +43,9 @@ struct FakeControls : Controls
     }
     void add(int n, bool coordinator = true, bool active = true, const QString &room = {})
     {
-        DeviceInfo info;
-        info.location = location(n);
-        info.roomName = room.isEmpty() ? QStringLiteral("Room %1").arg(n) : room;
-        info.displayName = QStringLiteral("One");
+        DeviceInfo info = speaker(n);
+        if (!room.isEmpty())
+            info.roomName = room;
         document->mergeDiscoveredSpeaker(info, DeviceTopology{coordinator, QStringLiteral("G")});
         document->devices.at(location(n)).active = active;
     }

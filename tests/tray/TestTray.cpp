@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The tray shows the lifecycle and the records: titles, on/off command, icon look and tool tip
 // per state; one menu item per speaker found, kept in place across updates.
+#include "FakeFacts.h"
 #include "Lifecycle.h"
 #include "Settings.h"
+#include "TestSpeakers.h"
 #include "TestSupport.h"
 #include "TrayPresenter.h"
 
@@ -13,24 +15,8 @@ namespace {
 using E = Lifecycle::Event;
 using S = Lifecycle::State;
 
-struct World : Lifecycle::Facts
-{
-    bool searchRunning() const override { return false; }
-    bool bridgeRunning() const override { return bridge; }
-    bool hasSpeakers() const override { return true; }
-    bool bridgeConfigDiffers() const override { return false; }
-    bool bridge = true;
-};
+using World = FakeFacts;
 
-DeviceInfo speaker(int n)
-{
-    DeviceInfo info;
-    info.location =
-        QUrl(QStringLiteral("http://127.0.1.%1:1400/xml/device_description.xml").arg(n));
-    info.roomName = QStringLiteral("Room %1").arg(n);
-    info.displayName = QStringLiteral("One");
-    return info;
-}
 } // namespace
 
 class TestTray : public QObject
@@ -72,6 +58,10 @@ void TestTray::showsTheState_data()
     row("waiting for the network is busy",
         {E::SearchStarted, E::BridgeStarted, E::BridgeCannotStart}, T::statusWaitingForNetwork,
         T::commandTurnOff, TrayLook::Busy);
+    QList<E> failing{E::SearchStarted};
+    for (int i = 0; i < Lifecycle::maxFailures; ++i)
+        failing << E::BridgeStarted << E::BridgeEnded;
+    row("given up is a problem", failing, T::statusStopped, T::commandTurnOn, TrayLook::Problem);
     row("no bridge: its setup is the command", {E::SearchStarted, E::BridgeMissing},
         T::statusBridgeMissing, T::commandInstallBridge, TrayLook::Problem);
 }
@@ -84,6 +74,7 @@ void TestTray::showsTheState()
     QFETCH(int, look);
     QFETCH(QString, toolTip);
     World world;
+    world.bridge = true;
     Lifecycle lifecycle(world, [] { return qint64(0); });
     auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
     for (int n : {1, 2, 3})

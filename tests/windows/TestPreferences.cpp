@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The preferences window with the controller faked behind its Controls interface.
+// Corvel's windows with the controller faked behind its Controls interface: the preferences
+// window above all, and the factory that makes each window once.
+#include "AboutWindow.h"
+#include "BridgeSetupWindow.h"
 #include "EditableTextField.h"
 #include "FakeControls.h"
 #include "FakePlatform.h"
@@ -10,6 +13,7 @@
 #include "TestSupport.h"
 #include "Translations.h"
 #include "TrayPresenter.h"
+#include "WindowFactory.h"
 
 #include <QAbstractButton>
 #include <QAccessible>
@@ -20,6 +24,7 @@
 #include <QLabel>
 #include <QListWidget>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -72,6 +77,7 @@ private slots:
     void startAtLoginAndSoundOutputs();
     void nameFieldEditsWithItsOwnKeys();
     void germanTranslation();
+    void factoryMakesEachWindowOnce();
 
 private:
     QPushButton *startStop() const { return m_window->findChild<QPushButton *>("startStopButton"); }
@@ -559,6 +565,32 @@ void TestPreferences::germanTranslation()
     QCOMPARE(Translations::install(QLocale(QLocale::English, QLocale::UnitedKingdom)), 0);
     QCOMPARE(TrayPresenter::statusTitle(Lifecycle::State::Running),
              QStringLiteral("Corvel: Running"));
+}
+
+void TestPreferences::factoryMakesEachWindowOnce()
+{
+    using Kind = Windows::Kind;
+    m_controls->withoutTray = true;
+    WindowFactory windows(*m_controls, m_platform->platform());
+    for (const Kind kind : {Kind::Preferences, Kind::About, Kind::Feedback, Kind::BridgeSetup}) {
+        QVERIFY(!windows.isVisible(kind));
+        windows.show(kind);
+        QWidget *made = windows.window(kind);
+        QVERIFY(made && windows.isVisible(kind));
+        windows.show(kind); // brought forward, not made again
+        QCOMPARE(windows.window(kind), made);
+    }
+    QVERIFY(qobject_cast<PreferencesWindow *>(windows.window(Kind::Preferences)));
+    QVERIFY(AboutWindow::versionInfo().startsWith("Corvel " + Settings::currentVersion()));
+    // The setup shows where the bridge was looked for and reports an install.
+    auto *setup = qobject_cast<BridgeSetupWindow *>(windows.window(Kind::BridgeSetup));
+    windows.setBridgeLookedIn({QStringLiteral("/looked/here")});
+    QVERIFY(setup->findChild<QPlainTextEdit *>()->toPlainText().contains("/looked/here"));
+    emit setup->installed(QStringLiteral("/x/airupnp"));
+    QCOMPARE(m_controls->installs, 1);
+    // Without a tray, closing Preferences quits Corvel.
+    windows.window(Kind::Preferences)->close();
+    QCOMPARE(m_controls->quits, 1);
 }
 
 QTEST_MAIN(TestPreferences)
