@@ -287,6 +287,11 @@ void TestBridge::interfaceOfTheSpeakers()
         records.push_back(r);
     }
     QCOMPARE(BridgeNetwork::interfaceFor(records, addresses), interface);
+    // This machine's own list has loopback, marked as such.
+    const auto local = BridgeNetwork::localAddresses();
+    QVERIFY(std::any_of(local.cbegin(), local.cend(), [](const Address &a) {
+        return a.loopback && a.ip == QHostAddress::LocalHost && a.prefixLength == 8;
+    }));
 }
 
 void TestBridge::watchdog_data()
