@@ -120,11 +120,19 @@ void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSetti
     m_config = configFileText(records, options);
     m_binding = options.binding;
     m_recentOutput.clear();
-    if (writeConfigFile(config, records, options, &error))
-        logInfo(category, QStringLiteral("Wrote config file to ") + configUrl);
-    else
-        logError(category,
-                 QStringLiteral("Failed to write config file to ") + configUrl + " - " + error);
+    if (!writeConfigFile(config, records, options, &error)) {
+        // Never a bridge with a file that is not whole: without one it would offer every
+        // renderer on the network. Told as a start that ended at once, so it is retried with
+        // back-off, and these are its last words.
+        logError(category, QStringLiteral("Failed to write config file to ") + configUrl + " - " +
+                               error + QStringLiteral("; the bridge is not started"));
+        m_config.clear();
+        m_recentOutput = {QStringLiteral("Corvel could not write %1: %2").arg(config, error)};
+        post(Notifications::serviceStarted);
+        post(Notifications::serviceTerminated);
+        return;
+    }
+    logInfo(category, QStringLiteral("Wrote config file to ") + configUrl);
 
     if (m_process)
         retire(m_process);

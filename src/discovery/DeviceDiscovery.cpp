@@ -128,10 +128,11 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
     if (announcement.searchTarget != searchTarget().text)
         return;
     if (announcement.isByeBye()) {
+        // Only the player itself can say it is leaving: a goodbye from elsewhere is forged.
         const QString udn = announcement.udn();
         std::vector<QString> gone;
         for (const auto &[location, heard] : m_heard) {
-            if (heard.udn == udn)
+            if (heard.udn == udn && fromItsOwnHost(announcement, location))
                 gone.push_back(location);
         }
         for (const QString &location : gone)
@@ -139,6 +140,8 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
         return;
     }
     const QString location = absoluteString(announcement.location);
+    if (!fromItsOwnHost(announcement, location))
+        return;
     const auto heard = m_heard.find(location);
     if (heard != m_heard.end() && heard->second.boot == bootMarker(announcement) &&
         announcement.announcement != QLatin1String("ssdp:update")) {
@@ -148,6 +151,20 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
     logInfo(category,
             QStringLiteral("Announcement (%1) from %2").arg(announcement.announcement, location));
     describe(announcement);
+}
+
+bool DeviceDiscovery::fromItsOwnHost(const SSDPMSearchResponse &response, const QString &location)
+{
+    const QHostAddress host(QUrl(location).host());
+    if (response.sender.isNull() ||
+        response.sender.isEqual(host, QHostAddress::ConvertV4MappedToIPv4))
+        return true;
+    const QString sender = response.sender.toString();
+    if (m_refusedSenders.size() < maxRefusedSendersLogged && m_refusedSenders.insert(sender).second)
+        logWarning(category,
+                   QStringLiteral("Ignoring SSDP from %1: it speaks for another host (%2)")
+                       .arg(sender, location.left(80)));
+    return false;
 }
 
 void DeviceDiscovery::depart(const QString &location, const QString &reason)
@@ -225,6 +242,9 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
                                response.searchTarget);
         return;
     }
+    const QString location = absoluteString(response.location);
+    if (!fromItsOwnHost(response, location))
+        return;
     if (++m_answersThisSearch > maxAnswersPerSearch) {
         if (m_answersThisSearch == maxAnswersPerSearch + 1) {
             logWarning(category,
@@ -233,7 +253,6 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
         }
         return;
     }
-    const QString location = absoluteString(response.location);
     if (const auto heard = m_heard.find(location); heard != m_heard.end())
         heard->second.expires = expiryOf(response);
     // Players answer each M-SEARCH of a search; one description per search is enough.

@@ -124,6 +124,11 @@ private:
     void describe(const SSDPMSearchResponse &response);
     // Starts waiting pipelines while there is room.
     void startWaitingPipelines();
+    // Whether the datagram came from the host its location names (or not from the network):
+    // a player always answers for itself, and a device that names another host would make
+    // Corvel fetch from wherever it says. A refusal is logged once per sender.
+    bool fromItsOwnHost(const SSDPMSearchResponse &response, const QString &location);
+    static constexpr size_t maxRefusedSendersLogged = 256;
     // Posts "deviceDeparted" for the location and forgets having heard it.
     void depart(const QString &location, const QString &reason);
     void expireUnheard();
@@ -142,8 +147,9 @@ private:
         QDeadlineTimer expires;
     };
     std::map<QString, Heard> m_heard;
-    std::set<QString> m_pipelines; // locations queued or being described
-    std::set<QString> m_described; // locations described in the current search
+    std::set<QString> m_pipelines;      // locations queued or being described
+    std::set<QString> m_described;      // locations described in the current search
+    std::set<QString> m_refusedSenders; // senders whose refusal was logged
     std::deque<std::pair<QByteArray, DescriptionParser::TopologyTable>> m_topologies;
     SSDPListener m_listener;
     QTimer m_refreshTimer;

@@ -120,7 +120,7 @@ void SSDPDiscoverySession::handleReadyRead(QUdpSocket *socket)
         const QNetworkDatagram datagram =
             socket->receiveDatagram(SSDPMSearchResponse::maxDatagramSize + 1);
         QString reason;
-        const auto response = SSDPMSearchResponse::parse(datagram.data(), &reason);
+        auto response = SSDPMSearchResponse::parse(datagram.data(), &reason);
         if (!response) {
             logDebug(category, QStringLiteral("Ignored a datagram from %1: %2")
                                    .arg(datagram.senderAddress().toString(), reason));
@@ -128,6 +128,7 @@ void SSDPDiscoverySession::handleReadyRead(QUdpSocket *socket)
         }
         if (!m_request.delegate)
             continue;
+        response->sender = datagram.senderAddress();
         if (response->kind == SSDPMSearchResponse::Kind::Device)
             m_request.delegate->discoveredDevice(*response, this);
         else

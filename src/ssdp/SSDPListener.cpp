@@ -117,12 +117,13 @@ void SSDPListener::readAnnouncements()
         if (!datagram.data().startsWith("NOTIFY"))
             continue;
         QString reason;
-        const auto announcement = SSDPMSearchResponse::parseAnnouncement(datagram.data(), &reason);
+        auto announcement = SSDPMSearchResponse::parseAnnouncement(datagram.data(), &reason);
         if (!announcement) {
             logDebug(category, QStringLiteral("Ignored an announcement from %1: %2")
                                    .arg(datagram.senderAddress().toString(), reason));
             continue;
         }
+        announcement->sender = datagram.senderAddress();
         emit announced(*announcement);
     }
 }

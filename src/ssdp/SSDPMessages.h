@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <QByteArray>
+#include <QHostAddress>
 #include <QList>
 #include <QMetaType>
 #include <QPair>
@@ -52,6 +53,8 @@ struct SSDPMSearchResponse
     // Every header in arrival order; names as received, values trimmed.
     QList<QPair<QString, QString>> headers;
     QByteArray raw;
+    // The address the datagram came from; null when it did not come from the network.
+    QHostAddress sender;
 
     // The first header of that name (case-insensitive), or nothing.
     std::optional<QString> header(const QString &name) const;

@@ -23,12 +23,6 @@ namespace {
 const QStringList bridgeEvents = {Notifications::serviceStarted, Notifications::serviceReady,
                                   Notifications::serviceTerminated};
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 DeviceSettings record(const QString &udn, const QString &name, bool coordinator = true,
                       bool active = true, bool enabled = true, bool knownTopology = true)
 {
@@ -59,6 +53,7 @@ private slots:
     void handleOutput();
     void launchReadyAndStop();
     void servesTheNamedInterface();
+    void aFileThatCannotBeWrittenStartsNoBridge();
     void interfaceOfTheSpeakers_data();
     void interfaceOfTheSpeakers();
     void watchdog_data();
@@ -250,6 +245,20 @@ void TestBridge::servesTheNamedInterface()
     QCOMPARE(ended.userInfo.value(UserInfoKey::launch).toULongLong(), bridge.currentLaunch());
     QVERIFY(ended.userInfo.value(UserInfoKey::cannotStart).toBool());
     QVERIFY(!bridge.running());
+}
+
+void TestBridge::aFileThatCannotBeWrittenStartsNoBridge()
+{
+    // Told as a start that ended at once (so retried with back-off), with why as last words.
+    AirConnect bridge;
+    bridge.setConfigPath(m_dir.filePath(QStringLiteral("gone/airupnp.xml")));
+    EventRecorder events(bridgeEvents);
+    QFile::remove(m_dir.filePath(QStringLiteral("args.txt"))); // an earlier bridge's
+    bridge.start({record("uuid:RINCON_A", "Den")});
+    CORVEL_WAIT(events.count(Notifications::serviceTerminated) == 1);
+    QVERIFY(events.count(Notifications::serviceStarted) == 1 && !bridge.running());
+    QVERIFY(!QFile::exists(m_dir.filePath(QStringLiteral("args.txt"))));
+    QVERIFY(bridge.recentOutput().value(0).startsWith("Corvel could not write "));
 }
 
 void TestBridge::interfaceOfTheSpeakers_data()

@@ -22,12 +22,6 @@ struct FakeDelegate : CrashReporterDelegate
     void crashPromptWillShow() override { ++offers; }
 };
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 void writeReport(const QString &folder, const QString &name)
 {
     QDir().mkpath(folder + "/reports");

@@ -314,6 +314,15 @@ void TestDiscovery::answerFloodIsBounded()
     discovery.discoveredDevice(router, discovery.session());
     QVERIFY(capture.has("Debug SSDP Ignoring an answer for another device type: " +
                         router.searchTarget));
+    // An answer that names another host than its sender is never fetched; said once.
+    SSDPMSearchResponse forged = router;
+    forged.searchTarget = discovery.searchTarget().text;
+    forged.sender = QHostAddress(QStringLiteral("127.0.0.7"));
+    discovery.discoveredDevice(forged, discovery.session());
+    discovery.discoveredDevice(forged, discovery.session());
+    QCOMPARE(capture.count("Warning SSDP Ignoring SSDP from 127.0.0.7: it speaks for another "
+                           "host (http://127.0.0.1:19999/d.xml)"),
+             1);
     for (int i = 0; i < DeviceDiscovery::maxAnswersPerSearch + 100; ++i) {
         SSDPMSearchResponse response;
         response.location = QUrl(QStringLiteral("http://127.0.0.1:%1/d.xml").arg(20000 + i));
@@ -344,6 +353,13 @@ void TestDiscovery::keepsWatching()
     simulator.announce(0, "ssdp:alive"); // nothing new: not described again
     simulator.announce(1, "ssdp:update");
     CORVEL_WAIT(events.count("deviceDiscovered") == 3);
+    // A goodbye counts only from the player itself.
+    SSDPMSearchResponse forged;
+    forged.announcement = QStringLiteral("ssdp:byebye");
+    forged.searchTarget = discovery.searchTarget().text;
+    forged.usn = QStringLiteral("uuid:") + simulator.players()[1].udn + QStringLiteral("::x");
+    forged.sender = QHostAddress(QStringLiteral("127.0.0.99"));
+    discovery.handleAnnouncement(forged);
     simulator.announce(0, "ssdp:byebye");
     CORVEL_WAIT(events.count("deviceDeparted") == 1);
     QCOMPARE(events.count("deviceDiscovered"), 3);

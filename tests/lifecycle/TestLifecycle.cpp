@@ -2,10 +2,7 @@
 // The lifecycle's rules as rows: the events that lead to a state, one more event, and the
 // state and commands that must follow. The facts and the clock are fields of the test.
 #include "FakeFacts.h"
-#include "Lifecycle.h"
 #include "TestSupport.h"
-
-#include <QtTest>
 
 namespace {
 using E = Lifecycle::Event;

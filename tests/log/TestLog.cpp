@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "AtomicFile.h"
 #include "Log.h"
 #include "LogExport.h"
 #include "TestSupport.h"
 
+#include <csignal>
 #include <QDir>
 #include <QTemporaryDir>
+#include <sys/resource.h>
 #include <thread>
 
 class TestLog : public QObject
@@ -20,6 +23,7 @@ private slots:
     void sessionFileMirrorsAndStaysBounded();
     void exportNameAndWrite_data();
     void exportNameAndWrite();
+    void aFileThatDoesNotFitIsNotReplaced();
 };
 
 void TestLog::echoAndRenderedLines_data()
@@ -163,6 +167,27 @@ void TestLog::exportNameAndWrite()
     qputenv("HOME", home);
     QCOMPARE(withoutDocuments, dir.path());
     QCOMPARE(withDocuments, dir.filePath(QStringLiteral("Documents")));
+}
+
+void TestLog::aFileThatDoesNotFitIsNotReplaced()
+{
+    // A full disk, as a file-size limit: the write fails and the old file stays whole.
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("airupnp.xml"));
+    QString error;
+    QVERIFY(writeFileAtomically(path, "old", &error));
+    const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit small{1000, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    const bool written = writeFileAtomically(path, QByteArray(5000, 'x'), &error);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, ignored);
+    QVERIFY2(!written && error.startsWith("wrote 1000 of 5000 bytes: "), qPrintable(error));
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"}); // no leftover
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll() == "old");
 }
 
 QTEST_GUILESS_MAIN(TestLog)

@@ -5,6 +5,7 @@
 #include "BuildConfig.h"
 #include "LogindResumeWatcher.h"
 #include "PactlSoundOutputs.h"
+#include "SessionBus.h"
 #include "TestSupport.h"
 #include "XdgAutostart.h"
 
@@ -12,16 +13,9 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QProcess>
-#include <QScopeGuard>
 #include <QTemporaryDir>
 
 namespace {
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 } // namespace
 
 class TestPlatform : public QObject
@@ -135,16 +129,10 @@ void TestPlatform::loadFailureSaysWhatIsMissing()
 void TestPlatform::resumeIsToldOncePerWake()
 {
     QTemporaryDir dir;
-    QProcess daemon;
-    daemon.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address",
-                                                 "--address=unix:path=" + dir.path() + "/bus"});
-    if (!daemon.waitForReadyRead(5000))
+    SessionBus bus(dir.path());
+    if (bus.address.isEmpty())
         QSKIP("dbus-daemon cannot run here");
-    const QString address = QString::fromUtf8(daemon.readLine()).trimmed();
-    const auto stop = qScopeGuard([&daemon] {
-        daemon.kill();
-        daemon.waitForFinished();
-    });
+    const QString &address = bus.address;
     // logind's side: the name and its signal; only logind's signals count.
     QDBusConnection logind = QDBusConnection::connectToBus(address, QStringLiteral("logind"));
     QDBusConnection other = QDBusConnection::connectToBus(address, QStringLiteral("other"));

@@ -31,12 +31,6 @@ const QByteArray validDocument =
     R"({"devices":[],"crashesByVersion":{"1.0.0":3},"installedAt":536457600.25,)"
     R"("lastRatingsPrompt":536457600.5,"hasPromptedForRating":true,"hasRated":false})";
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 const QUrl kitchen(QStringLiteral("http://192.0.2.10:1400/xml/device_description.xml"));
 
 DeviceInfo speaker(const QUrl &location, const QString &room, const QString &display)

@@ -86,6 +86,13 @@ private:
     QList<NotificationCenter::Token> m_tokens;
 };
 
+// A file's bytes, or an empty array when it cannot be read.
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 // A file under tests/data, or an empty array when it cannot be read.
 inline QByteArray testData(const QString &name)
 {

@@ -2,14 +2,11 @@
 // The tray shows the lifecycle and the records: titles, on/off command, icon look and tool tip
 // per state; one menu item per speaker found, kept in place across updates.
 #include "FakeFacts.h"
-#include "Lifecycle.h"
-#include "Settings.h"
 #include "TestSpeakers.h"
 #include "TestSupport.h"
 #include "TrayPresenter.h"
 
-#include <QApplication>
-#include <QtTest>
+#include "Settings.h"
 
 namespace {
 using E = Lifecycle::Event;

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QProcess>
+
+// A session bus of the test's own, on a socket file (abstract sockets belong to the network
+// namespace, which the bus would not share with a desktop anyway).
+struct SessionBus
+{
+    explicit SessionBus(const QString &dir)
+    {
+        daemon.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address",
+                                                     "--address=unix:path=" + dir + "/bus"});
+        if (daemon.waitForReadyRead(5000))
+            address = QString::fromUtf8(daemon.readLine()).trimmed();
+    }
+    ~SessionBus()
+    {
+        daemon.kill();
+        daemon.waitForFinished();
+    }
+    QProcess daemon;
+    QString address;
+};
