@@ -191,12 +191,17 @@
 <context>
     <name>DeviceSettings</name>
     <message>
-        <location filename="../src/settings/DeviceSettings.cpp" line="+11"/>
+        <location filename="../src/settings/DeviceSettings.cpp" line="+13"/>
         <source>A speaker needs a name: the old one stays.</source>
         <translation>Ein Lautsprecher braucht einen Namen: Der bisherige bleibt.</translation>
     </message>
     <message>
-        <location line="+5"/>
+        <location line="+4"/>
+        <source>A speaker name is one line of text, without control characters or line breaks.</source>
+        <translation>Ein Lautsprechername ist eine Zeile Text, ohne Steuerzeichen oder Zeilenumbrüche.</translation>
+    </message>
+    <message>
+        <location line="+8"/>
         <source>A speaker name can be at most %1 bytes long (about %1 letters, fewer with accents or emoji); &quot;%2&quot; has %3.</source>
         <translation>Ein Lautsprechername darf höchstens %1 Bytes lang sein (etwa %1 Buchstaben, weniger mit Umlauten, Akzenten oder Emoji); „%2“ hat %3.</translation>
     </message>
@@ -467,6 +472,11 @@
         <location line="+9"/>
         <source>No known speaker has the location or name &quot;%1&quot; (see corvel --list).</source>
         <translation>Kein bekannter Lautsprecher hat die Adresse oder den Namen „%1“ (siehe corvel --list).</translation>
+    </message>
+    <message>
+        <location line="+12"/>
+        <source>An argument of over %1 characters is refused.</source>
+        <translation>Ein Argument mit mehr als %1 Zeichen wird abgelehnt.</translation>
     </message>
 </context>
 <context>

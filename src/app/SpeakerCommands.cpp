@@ -42,7 +42,7 @@ std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
             *error = QCoreApplication::translate(
                          "SpeakerCommands",
                          "More than one speaker is named \"%1\"; give its location instead.")
-                         .arg(locationOrName);
+                         .arg(excerpt(locationOrName));
             return std::nullopt;
         }
         found = location;
@@ -51,13 +51,29 @@ std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
         *error = QCoreApplication::translate(
                      "SpeakerCommands",
                      "No known speaker has the location or name \"%1\" (see corvel --list).")
-                     .arg(locationOrName);
+                     .arg(excerpt(locationOrName));
     return found;
+}
+
+bool SpeakerCommands::refusedAsTooLong(std::initializer_list<QString> arguments, QString *error)
+{
+    // Arguments come over the session bus too, from any program: refused before any work.
+    for (const QString &argument : arguments) {
+        if (argument.size() > maxArgumentCharacters) {
+            *error = QCoreApplication::translate("SpeakerCommands",
+                                                 "An argument of over %1 characters is refused.")
+                         .arg(maxArgumentCharacters);
+            return true;
+        }
+    }
+    return false;
 }
 
 int SpeakerCommands::setEnabled(Settings &settings, const QString &locationOrName, bool enabled,
                                 QString *error)
 {
+    if (refusedAsTooLong({locationOrName}, error))
+        return 2;
     const auto location = findSpeaker(settings, locationOrName, error);
     if (!location)
         return 1;
@@ -69,6 +85,8 @@ int SpeakerCommands::setEnabled(Settings &settings, const QString &locationOrNam
 int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
                             const QString &newName, QString *error)
 {
+    if (refusedAsTooLong({locationOrName, newName}, error))
+        return 2;
     const auto location = findSpeaker(settings, locationOrName, error);
     if (!location)
         return 1;

@@ -3,6 +3,7 @@
 // and log lines as the preferences window's rows.
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <QString>
 #include <QUrl>
@@ -10,6 +11,9 @@
 class Settings;
 
 namespace SpeakerCommands {
+// Longer arguments are refused before any work, with *error saying so.
+constexpr qsizetype maxArgumentCharacters = 4096;
+bool refusedAsTooLong(std::initializer_list<QString> arguments, QString *error);
 // One line per known speaker: found in the last search or not, enabled or not, name, location.
 QString formatList(const Settings &settings);
 // The record named by its location text or, failing that, by its exact name. *error says why

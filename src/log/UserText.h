@@ -6,6 +6,12 @@
 #include <QCoreApplication>
 #include <QString>
 
+// The text for quoting in a message: its first max characters, then "…" when it was longer.
+inline QString excerpt(const QString &text, qsizetype max = 60)
+{
+    return text.size() <= max ? text : text.left(max) + QStringLiteral("…");
+}
+
 struct UserText
 {
     QString english;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "DeviceInfo.h"
 
+#include <algorithm>
+
 #include "JsonReader.h"
 
 #include <cmath>
@@ -106,13 +108,29 @@ bool DeviceInfo::hasOwnAirPlay() const
     return !model.isEmpty() && !withoutAirPlay.contains(model, Qt::CaseInsensitive);
 }
 
+bool DeviceInfo::isControlCharacter(QChar c)
+{
+    const char16_t u = c.unicode();
+    return u < 0x20 || (u >= 0x7F && u <= 0x9F) || u == 0x2028 || u == 0x2029;
+}
+
+namespace {
+// A text from a player as one line: its control characters (line breaks among them) become
+// spaces, and the ends are trimmed.
+QString oneLine(QString text)
+{
+    std::replace_if(text.begin(), text.end(), DeviceInfo::isControlCharacter, QLatin1Char(' '));
+    return text.trimmed();
+}
+} // namespace
+
 QString DeviceInfo::defaultName() const
 {
-    // Players send trailing line breaks and spaces; the name shown is trimmed.
+    // Players send trailing line breaks and spaces; the name shown is one trimmed line.
     if (roomName && displayName)
-        return roomName->trimmed() + QStringLiteral(" - ") + displayName->trimmed();
+        return oneLine(*roomName) + QStringLiteral(" - ") + oneLine(*displayName);
     if (friendlyName)
-        return friendlyName->trimmed();
+        return oneLine(*friendlyName);
     const QString host = location.host();
     if (!host.isEmpty())
         return host;

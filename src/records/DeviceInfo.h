@@ -69,6 +69,8 @@ struct DeviceInfo
     // The name a new speaker is shown under: "room - display name", else the friendly
     // name, else the location's host, else the location's text. Empty texts count as present.
     QString defaultName() const;
+    // Whether c breaks a line of text: C0 and C1 controls, DEL, line and paragraph separators.
+    static bool isControlCharacter(QChar c);
     // Whether the speaker is an AirPlay speaker itself: any model not on the list of those
     // without AirPlay. A description without a model number counts as without AirPlay.
     bool hasOwnAirPlay() const;

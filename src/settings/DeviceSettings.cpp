@@ -3,21 +3,29 @@
 
 #include "JsonReader.h"
 
+#include <algorithm>
+
 std::optional<UserText> speakerNameProblem(const QString &name)
 {
     if (name.trimmed().isEmpty())
         return UserText::make(
             "DeviceSettings",
             QT_TRANSLATE_NOOP("DeviceSettings", "A speaker needs a name: the old one stays."));
+    // One line: a line break would split "corvel --list" and the menu item.
+    if (std::any_of(name.cbegin(), name.cend(), DeviceInfo::isControlCharacter))
+        return UserText::make("DeviceSettings",
+                              QT_TRANSLATE_NOOP("DeviceSettings",
+                                                "A speaker name is one line of text, without "
+                                                "control characters or line breaks."));
     const qsizetype bytes = name.toUtf8().size();
     if (bytes <= maxSpeakerNameBytes)
         return std::nullopt;
-    return UserText::make("DeviceSettings",
-                          QT_TRANSLATE_NOOP("DeviceSettings",
-                                            "A speaker name can be at most %1 bytes long (about "
+    return UserText::make(
+        "DeviceSettings",
+        QT_TRANSLATE_NOOP("DeviceSettings", "A speaker name can be at most %1 bytes long (about "
                                             "%1 letters, fewer with accents or emoji); \"%2\" "
                                             "has %3."),
-                          QString::number(maxSpeakerNameBytes), name, QString::number(bytes));
+        QString::number(maxSpeakerNameBytes), excerpt(name), QString::number(bytes));
 }
 
 bool DeviceSettings::offeredToBridge() const

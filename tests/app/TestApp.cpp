@@ -373,6 +373,10 @@ void TestApp::speakerCommands()
     QCOMPARE(SpeakerCommands::rename(*settings, QStringLiteral("room 1 - one"), "x", &error), 1);
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(51, 'x'), &error), 2);
     QVERIFY(error.startsWith(QStringLiteral("A speaker name can be at most 50 bytes")));
+    // Arguments over a few KiB (they come over the bus too) are refused before any work.
+    QCOMPARE(SpeakerCommands::setEnabled(*settings, QString(5000, 'x'), true, &error), 2);
+    QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(5000, 'x'), &error), 2);
+    QVERIFY(error.size() < 100);
     QVERIFY(SpeakerCommands::formatList(*settings).startsWith(
         QStringLiteral("found      disabled  \"Room 1 - One\"\n")));
 }

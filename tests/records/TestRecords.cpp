@@ -109,6 +109,8 @@ void TestRecords::defaultName_data()
     QTest::newRow("room alone falls to friendly") << S("K") << S() << S("F") << loc << "F";
     QTest::newRow("trimmed of line breaks")
         << S("Den \n") << S("\tOne\n") << S() << loc << "Den - One";
+    QTest::newRow("one line") << S("Living\nRoom") << S("One\u2028") << S() << loc
+                              << "Living Room - One";
     QTest::newRow("host") << S() << S() << S() << loc << "192.0.2.10";
     QTest::newRow("no host gives the text") << S() << S() << S() << "urn:sonos:player"
                                             << "urn:sonos:player";

@@ -301,6 +301,11 @@ void TestSettings::renameRules_data()
     QTest::newRow("new name") << QStringLiteral("Terrace") << true;
     QTest::newRow("case differs") << QStringLiteral("caf\u00e9 - one") << true;
     QVERIFY(!speakerNameProblem(QString(50, 'x')) && speakerNameProblem(QString(51, 'x')));
+    // One line of text; a refusal quotes a long name only in part.
+    for (const char16_t control : {u'\n', u'\t', u'\x7f', u'\x85', u'\u2028', u'\u2029'})
+        QVERIFY(speakerNameProblem(QStringLiteral("Den") + QChar(control) + "One"));
+    QVERIFY(!speakerNameProblem(QStringLiteral("Caf\u00e9 \u2013 \U0001F3B5")));
+    QVERIFY(speakerNameProblem(QString(5000, 'x'))->english.size() < 250);
 }
 
 void TestSettings::renameRules()
