@@ -85,7 +85,7 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+170"/>
+        <location filename="../src/app/Controller.cpp" line="+173"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
@@ -475,6 +475,11 @@
     </message>
     <message>
         <location line="+12"/>
+        <source>The change is in effect but could not be saved: %1</source>
+        <translation>Die Änderung gilt, konnte aber nicht gespeichert werden: %1</translation>
+    </message>
+    <message>
+        <location line="+11"/>
         <source>An argument of over %1 characters is refused.</source>
         <translation>Ein Argument mit mehr als %1 Zeichen wird abgelehnt.</translation>
     </message>

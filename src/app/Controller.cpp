@@ -93,6 +93,9 @@ void Controller::start()
 void Controller::shutdown()
 {
     logInfo(QStringLiteral("applicationWillTerminate"));
+    // A change whose save failed gets one more try.
+    if (m_services.settings().saveError())
+        m_services.settings().save();
     handle(Event::Quit);
 }
 

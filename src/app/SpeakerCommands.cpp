@@ -55,6 +55,17 @@ std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
     return found;
 }
 
+int SpeakerCommands::savedOrSaid(const Settings &settings, QString *error)
+{
+    // A change that lives only in memory is no success for whoever asked for it.
+    if (!settings.saveError())
+        return 0;
+    *error = QCoreApplication::translate("SpeakerCommands",
+                                         "The change is in effect but could not be saved: %1")
+                 .arg(excerpt(*settings.saveError(), 200));
+    return 3;
+}
+
 bool SpeakerCommands::refusedAsTooLong(std::initializer_list<QString> arguments, QString *error)
 {
     // Arguments come over the session bus too, from any program: refused before any work.
@@ -79,7 +90,7 @@ int SpeakerCommands::setEnabled(Settings &settings, const QString &locationOrNam
         return 1;
     if (settings.setDeviceEnabled(*location, enabled))
         NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
-    return 0;
+    return savedOrSaid(settings, error);
 }
 
 int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
@@ -96,5 +107,5 @@ int SpeakerCommands::rename(Settings &settings, const QString &locationOrName,
     }
     if (settings.renameDevice(*location, newName))
         NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
-    return 0;
+    return savedOrSaid(settings, error);
 }

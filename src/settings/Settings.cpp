@@ -243,8 +243,12 @@ std::unique_ptr<Settings> Settings::load(std::unique_ptr<SettingsStorage> storag
 void Settings::save()
 {
     QString error;
-    if (!m_storage->write(QString::fromUtf8(encode()), &error))
-        logError(category, QStringLiteral("Failed to save settings: ") + error);
+    if (m_storage->write(QString::fromUtf8(encode()), &error)) {
+        m_saveError.reset();
+        return;
+    }
+    logError(category, QStringLiteral("Failed to save settings: ") + error);
+    m_saveError = error;
 }
 
 QString Settings::currentVersion()

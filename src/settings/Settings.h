@@ -61,6 +61,8 @@ public:
     // Writes the whole document to the store; a failure is logged and the session goes on
     // with the document in memory.
     void save();
+    // Why the last save failed; nothing when it succeeded (or none was made).
+    const std::optional<QString> &saveError() const { return m_saveError; }
 
     // The application's version, or "?.?.?" (with an error line) when it is not set.
     static QString currentVersion();
@@ -100,4 +102,5 @@ private:
     Settings(std::unique_ptr<SettingsStorage> storage, SettingsDocument document);
 
     std::unique_ptr<SettingsStorage> m_storage;
+    std::optional<QString> m_saveError;
 };

@@ -33,8 +33,12 @@ class MemorySettingsStorage : public SettingsStorage
 {
 public:
     std::optional<QString> read() override { return text; }
-    bool write(const QString &newText, QString *) override
+    bool write(const QString &newText, QString *error) override
     {
+        if (failure) {
+            *error = *failure;
+            return false;
+        }
         text = newText;
         ++writes;
         return true;
@@ -46,6 +50,7 @@ public:
     }
 
     std::optional<QString> text;
+    std::optional<QString> failure; // set: every write fails with it (a full or read-only disk)
     int writes = 0;
     QStringList kept;
 };

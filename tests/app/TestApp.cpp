@@ -176,7 +176,13 @@ void TestApp::launch()
     QSignalSpy quits(m_app.get(), &Controller::quitRequested);
     m_app->tray().menu()->actions().constLast()->trigger();
     QCOMPARE(quits.count(), 1);
+    // A save that failed during the session is tried once more at quit.
+    auto &store = static_cast<MemorySettingsStorage &>(m_world->settings->storage());
+    store.failure = QStringLiteral("Read-only file system");
+    m_world->settings->setDeviceEnabled(speaker(1).location, false);
+    store.failure.reset();
     m_app->shutdown();
+    QVERIFY(!m_world->settings->saveError() && store.text->contains("\"enabled\":false"));
     QCOMPARE(m_world->shutdowns, 1);
 }
 
@@ -379,6 +385,11 @@ void TestApp::speakerCommands()
     QVERIFY(error.size() < 100);
     QVERIFY(SpeakerCommands::formatList(*settings).startsWith(
         QStringLiteral("found      disabled  \"Room 1 - One\"\n")));
+    // A change that could not be saved is no success (a full or read-only disk).
+    auto &store = static_cast<MemorySettingsStorage &>(settings->storage());
+    store.failure = QStringLiteral("No space left on device");
+    QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", "Study 2", &error), 3);
+    QVERIFY(error.endsWith(QStringLiteral("could not be saved: No space left on device")));
 }
 
 QTEST_MAIN(TestApp)
