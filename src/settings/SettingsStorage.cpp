@@ -13,8 +13,15 @@ std::optional<QString> UserSettingsStorage::read()
 {
     QSettings store(QStringLiteral("Corvel"), QStringLiteral("Corvel"));
     const QVariant value = store.value(settingsKey);
-    if (!value.isValid())
+    if (!value.isValid()) {
+        // A file that holds something, but no document QSettings can find (binary garbage, a
+        // truncated write): its bytes are the stored text, so that it is kept aside like any
+        // unreadable document instead of being overwritten.
+        QFile file(store.fileName());
+        if (file.open(QIODevice::ReadOnly) && file.size() > 0)
+            return QString::fromUtf8(file.read(1 << 20));
         return std::nullopt;
+    }
     if (value.typeId() == QMetaType::QStringList) {
         // Unquoted text with commas (a hand edit) reads back as a list: the line as written
         // is the document.

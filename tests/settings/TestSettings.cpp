@@ -372,14 +372,17 @@ void TestSettings::userStoreSurvivesAndFails()
     edited.write("[General]\nsettings=" + validDocument + "\n");
     edited.close();
     QCOMPARE(UserSettingsStorage().read(), QString::fromUtf8(validDocument));
-    // An unreadable one is kept beside the fresh document.
-    QVERIFY(edited.open(QIODevice::WriteOnly) && edited.write("[General]\nsettings=garbage\n"));
-    edited.close();
-    Settings::load(std::make_unique<UserSettingsStorage>());
-    const QStringList kept = QDir(folder).entryList({"Corvel.conf.unreadable-*"});
-    QCOMPARE(kept.size(), 1);
-    QCOMPARE(readFile(folder + "/" + kept[0]), QByteArray("[General]\nsettings=garbage\n"));
-    QVERIFY(QFile::remove(folder + "/" + kept[0]));
+    // An unreadable one is kept beside the fresh document, binary garbage too.
+    for (const QByteArray &garbage :
+         {QByteArray("[General]\nsettings=garbage\n"), QByteArray("\x00\xff\xfe\x01[\x80", 6)}) {
+        QVERIFY(edited.open(QIODevice::WriteOnly) && edited.write(garbage));
+        edited.close();
+        Settings::load(std::make_unique<UserSettingsStorage>());
+        const QStringList kept = QDir(folder).entryList({"Corvel.conf.unreadable-*"});
+        QCOMPARE(kept.size(), 1);
+        QCOMPARE(readFile(folder + "/" + kept[0]), garbage);
+        QVERIFY(QFile::remove(folder + "/" + kept[0]));
+    }
     QVERIFY(QFile::remove(folder + "/Corvel.conf"));
     QVERIFY(QFile::rename(m_config.filePath("kept"), folder + "/Corvel.conf"));
 }
