@@ -268,15 +268,37 @@ void AirConnect::handleOutput(const QByteArray &chunk)
         if (searched.contains(readinessMarker))
             setReady();
     }
-    logDebug(category, text);
+    // A chatty bridge must not flood the log and the journal.
+    if (!m_logWindow.isValid() || m_logWindow.elapsed() >= 1000) {
+        reportUnloggedOutput();
+        m_logWindow.start();
+        m_loggedBytes = 0;
+    }
+    if (m_loggedBytes + chunk.size() <= maxLoggedOutputPerSecond) {
+        m_loggedBytes += chunk.size();
+        logDebug(category, text);
+    } else {
+        m_unloggedBytes += chunk.size();
+    }
     for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
         m_recentOutput.append(line.trimmed());
     if (m_recentOutput.size() > recentLineCount)
         m_recentOutput.remove(0, m_recentOutput.size() - recentLineCount);
 }
 
+void AirConnect::reportUnloggedOutput()
+{
+    if (m_unloggedBytes == 0)
+        return;
+    logWarning(category, QStringLiteral("%1 bytes of the bridge's output were not logged (it "
+                                        "wrote more than %2 KiB a second)")
+                             .arg(std::exchange(m_unloggedBytes, 0))
+                             .arg(maxLoggedOutputPerSecond / 1024));
+}
+
 void AirConnect::handleTermination(QProcess *process, quint64 launch)
 {
+    reportUnloggedOutput();
     const auto retired = std::find(m_retired.begin(), m_retired.end(), process);
     if (retired != m_retired.end())
         m_retired.erase(retired);

@@ -6,6 +6,7 @@
 #include "DeviceSettings.h"
 
 #include <functional>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QProcess>
 #include <QStringList>
@@ -21,6 +22,9 @@ public:
     static constexpr int quitGraceMs = 3000;
     // The most output passed to handleOutput at once.
     static constexpr qint64 maxOutputChunk = 8192;
+    // The most of the bridge's output logged (and so echoed to standard error) per second; the
+    // rest is counted and said in one line.
+    static constexpr qint64 maxLoggedOutputPerSecond = 64 * 1024;
 
     // The process-wide supervisor: the first one constructed, else created on first use.
     static AirConnect &shared();
@@ -87,6 +91,11 @@ private:
     quint64 m_launch = 0; // counts launches, so late exits of older bridges are told apart
     QString m_configPath;
     QString m_markerTail; // end of the previous chunk, so a marker split across reads matches
+    // Logs how much output went unlogged in the window that ended, if any.
+    void reportUnloggedOutput();
+    QElapsedTimer m_logWindow; // the second the logged output is counted in
+    qint64 m_loggedBytes = 0;
+    qint64 m_unloggedBytes = 0;
     bool m_bridgeMissing = false;
     bool m_launchPending = false;
     std::vector<QProcess *> m_retired;
