@@ -233,6 +233,22 @@ bool CrashReporter::alwaysSend() const
 
 void CrashReporter::processPendingReports()
 {
+    // The oldest go first (the names sort by time); on every path, headless too.
+    const QStringList waiting = pendingReports();
+    const QDateTime oldest = QDateTime::currentDateTimeUtc().addDays(-maxReportAgeDays);
+    int removed = 0;
+    for (qsizetype i = 0; i < waiting.size(); ++i) {
+        if ((i < waiting.size() - maxWaitingReports ||
+             QFileInfo(waiting[i]).lastModified().toUTC() < oldest) &&
+            QFile::remove(waiting[i]))
+            ++removed;
+    }
+    if (removed > 0)
+        REPORTER_LOG(Info, QStringLiteral("Removed %1 crash report(s): %2 at most are kept, for "
+                                          "%3 days")
+                               .arg(removed)
+                               .arg(maxWaitingReports)
+                               .arg(maxReportAgeDays));
     Reports reports;
     for (const QString &path : pendingReports()) {
         QFile file(path);

@@ -71,6 +71,10 @@ public:
     bool alwaysSend() const;
     // Offers every pending report, in one prompt.
     void processPendingReports();
+    // Waiting reports kept at most, and for at most this many days: a crash loop under a
+    // service manager that restarts Corvel must not fill the disk.
+    static constexpr int maxWaitingReports = 10;
+    static constexpr int maxReportAgeDays = 30;
 
     // Writes a crash record for signal to the prepared path; async-signal-safe.
     static void writeCrashRecord(int signal);

@@ -62,6 +62,7 @@ private slots:
     void answers_data();
     void answers();
     void failedSendKeepsTheReportAndLogs();
+    void waitingReportsAreCappedInNumberAndAge();
 };
 
 void TestCrash::realCrashLeavesOneReport_data()
@@ -188,6 +189,26 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     CORVEL_WAIT(handled.size() == 2);
     QVERIFY(handled.last().at(1).toBool());
     QVERIFY(reporter.pendingReports().isEmpty());
+}
+
+void TestCrash::waitingReportsAreCappedInNumberAndAge()
+{
+    // A crash loop with nobody to ask (headless): the newest ten stay, none older than 30 days.
+    QTemporaryDir state;
+    for (int n = 10; n < 24; ++n)
+        writeReport(state.path(), QStringLiteral("crash-%1-1.txt").arg(n));
+    QFile old(state.filePath(QStringLiteral("reports/crash-23-1.txt")));
+    QVERIFY(old.open(QIODevice::ReadWrite) &&
+            old.setFileTime(QDateTime::currentDateTimeUtc().addDays(-31),
+                            QFileDevice::FileModificationTime));
+    old.close();
+    CrashReporter reporter;
+    reporter.setStateFolder(state.path());
+    reporter.processPendingReports();
+    QStringList left;
+    for (const QString &path : reporter.pendingReports())
+        left << QFileInfo(path).fileName().section('-', 1, 1);
+    QCOMPARE(left, QStringList({"14", "15", "16", "17", "18", "19", "20", "21", "22"}));
 }
 
 int main(int argc, char *argv[])
