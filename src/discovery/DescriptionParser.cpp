@@ -137,6 +137,8 @@ DescriptionParser::parseDeviceDescription(const QByteArray &body, const QUrl &lo
     for (const pugi::xml_node &entry : device.child("iconList").children()) {
         if (entry.type() != pugi::node_element)
             continue;
+        if (info.iconList.size() == maxIcons)
+            break;
         auto icon = std::make_shared<DeviceInfo::Icon>();
         readElements(entry, *icon, iconFields);
         if (const auto url = childText(entry, "url"); url && !url->isEmpty()) {

@@ -15,6 +15,10 @@ std::optional<qint64> parseInteger(const QString &text);
 // The C library's strtof in the C locale; no leading white space, consumed to the end.
 std::optional<float> parseFloat(const QString &text);
 
+// A player lists a handful of icons; a description with more keeps the first ones, so that a
+// hostile document cannot fill memory and the settings with them.
+constexpr size_t maxIcons = 16;
+
 // The DeviceInfo described by the direct children of /root/device, or nothing when the
 // document has no such element (also for a body that is not XML at all).
 std::optional<DeviceInfo> parseDeviceDescription(const QByteArray &body, const QUrl &location,

@@ -276,8 +276,26 @@ const DescriptionParser::TopologyTable &DeviceDiscovery::topologyTable(const QBy
 
 void DeviceDiscovery::describe(const SSDPMSearchResponse &response)
 {
-    if (!m_pipelines.insert(absoluteString(response.location)).second)
+    const QString location = absoluteString(response.location);
+    if (m_pipelines.count(location))
         return;
+    const QString host = response.location.host();
+    if (!m_heard.count(location)) {
+        auto load = qsizetype(m_pipelineHosts.count(host));
+        for (const auto &entry : m_heard)
+            load += entry.second.host == host ? 1 : 0;
+        if (load >= maxLocationsPerHost) {
+            if (m_crowdedHosts.size() < maxRefusedSendersLogged &&
+                m_crowdedHosts.insert(host).second)
+                logWarning(category, QStringLiteral("%1 names more speakers than a player has; "
+                                                    "ignoring all but %2")
+                                         .arg(host)
+                                         .arg(maxLocationsPerHost));
+            return;
+        }
+    }
+    m_pipelines.insert(location);
+    m_pipelineHosts.insert(host);
     m_waiting.push_back(response);
     startWaitingPipelines();
 }
@@ -390,8 +408,9 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
 {
     // Every pipeline ends here, once: when it is done, its place goes to the next answer.
     const QString location = absoluteString(response.location);
-    const auto next = qScopeGuard([this, location] {
+    const auto next = qScopeGuard([this, location, host = response.location.host()] {
         m_pipelines.erase(location);
+        m_pipelineHosts.erase(m_pipelineHosts.find(host));
         --m_inFlight;
         startWaitingPipelines();
     });
@@ -408,7 +427,7 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
     // A player that moved is heard at its new location only.
     const QString udn = info->udn.value_or(response.udn());
     std::erase_if(m_heard, [&udn](const auto &entry) { return entry.second.udn == udn; });
-    m_heard[location] = {udn, bootMarker(response), expiryOf(response)};
+    m_heard[location] = {udn, bootMarker(response), expiryOf(response), response.location.host()};
     m_devices.insert_or_assign(info->location, *info);
     NotificationCenter::defaultCenter().post(
         Notifications::deviceDiscovered,

@@ -52,6 +52,9 @@ public:
     // search are fetched at all.
     static constexpr int maxPipelinesInFlight = 32;
     static constexpr int maxAnswersPerSearch = 1024;
+    // A player describes itself at one location; a host that names more than this many is
+    // not believed beyond them (a flood of new UUIDs from one device stays bounded).
+    static constexpr int maxLocationsPerHost = 4;
 
     // The process-wide discovery: the first one constructed, else created on first use.
     static DeviceDiscovery &shared();
@@ -145,11 +148,14 @@ private:
         QString udn;
         QString boot; // the boot and configuration counters it announced
         QDeadlineTimer expires;
+        QString host;
     };
     std::map<QString, Heard> m_heard;
-    std::set<QString> m_pipelines;      // locations queued or being described
-    std::set<QString> m_described;      // locations described in the current search
-    std::set<QString> m_refusedSenders; // senders whose refusal was logged
+    std::set<QString> m_pipelines;          // locations queued or being described
+    std::set<QString> m_described;          // locations described in the current search
+    std::set<QString> m_refusedSenders;     // senders whose refusal was logged
+    std::multiset<QString> m_pipelineHosts; // the host of each location in m_pipelines
+    std::set<QString> m_crowdedHosts;       // hosts whose refusal was logged
     std::deque<std::pair<QByteArray, DescriptionParser::TopologyTable>> m_topologies;
     SSDPListener m_listener;
     QTimer m_refreshTimer;

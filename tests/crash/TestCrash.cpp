@@ -205,10 +205,9 @@ void TestCrash::waitingReportsAreCappedInNumberAndAge()
     CrashReporter reporter;
     reporter.setStateFolder(state.path());
     reporter.processPendingReports();
-    QStringList left;
-    for (const QString &path : reporter.pendingReports())
-        left << QFileInfo(path).fileName().section('-', 1, 1);
-    QCOMPARE(left, QStringList({"14", "15", "16", "17", "18", "19", "20", "21", "22"}));
+    const QStringList left = reporter.pendingReports();
+    QVERIFY(left.size() == 9 && left.first().endsWith("/crash-14-1.txt") &&
+            left.last().endsWith("/crash-22-1.txt"));
 }
 
 int main(int argc, char *argv[])

@@ -135,6 +135,14 @@ void TestDiscovery::notADescriptionAndHostileDocuments()
         "<root><device><iconList><icon><url>http://[x</url></icon></iconList></device></root>",
         location, {});
     QVERIFY(!icons->iconList[0]->url);
+    // Thousands of icons keep the first few.
+    QByteArray many = "<root><device><iconList>";
+    for (int i = 0; i < 5000; ++i)
+        many += "<icon><url>/i" + QByteArray::number(i) + ".png</url></icon>";
+    const auto capped = DescriptionParser::parseDeviceDescription(
+        many + "</iconList></device></root>", location, {});
+    QVERIFY(capped->iconList.size() == DescriptionParser::maxIcons &&
+            capped->iconList.back()->url->path() == QStringLiteral("/i15.png"));
 }
 
 void TestDiscovery::topology_data()
@@ -323,18 +331,30 @@ void TestDiscovery::answerFloodIsBounded()
     QCOMPARE(capture.count("Warning SSDP Ignoring SSDP from 127.0.0.7: it speaks for another "
                            "host (http://127.0.0.1:19999/d.xml)"),
              1);
+    // A host that names ever more speakers is believed for a few.
+    for (int port = 20000; port < 20010; ++port) {
+        SSDPMSearchResponse response;
+        response.location = QUrl(QStringLiteral("http://127.0.0.5:%1/d.xml").arg(port));
+        response.searchTarget = discovery.searchTarget().text;
+        discovery.discoveredDevice(response, discovery.session());
+    }
+    QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.5:"),
+             DeviceDiscovery::maxLocationsPerHost);
+    QCOMPARE(capture.count("Warning SSDP 127.0.0.5 names more speakers than a player has"), 1);
     for (int i = 0; i < DeviceDiscovery::maxAnswersPerSearch + 100; ++i) {
         SSDPMSearchResponse response;
-        response.location = QUrl(QStringLiteral("http://127.0.0.1:%1/d.xml").arg(20000 + i));
+        response.location =
+            QUrl(QStringLiteral("http://127.1.%1.%2:1400/d.xml").arg(i / 250).arg(i % 250 + 1));
         response.searchTarget = discovery.searchTarget().text;
         discovery.discoveredDevice(response, discovery.session());
     }
     QCOMPARE(capture.count("Info - Fetching XML from "), DeviceDiscovery::maxPipelinesInFlight);
     QCOMPARE(capture.count("Warning SSDP More than 1024 answers to one search"), 1);
+    // 1,024 answers in all: 10 of 127.0.0.5 (4 fetched), then the flood up to its 1,014th.
     CORVEL_WAIT(capture.count("Warning SSDP fetchDeviceInfo failed: ") ==
-                DeviceDiscovery::maxAnswersPerSearch);
-    QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.1:21023/"), 1);
-    QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.1:21024/"), 0);
+                DeviceDiscovery::maxAnswersPerSearch - 10 + DeviceDiscovery::maxLocationsPerHost);
+    QCOMPARE(capture.count("Info - Fetching XML from http://127.1.4.14:1400/"), 1);
+    QCOMPARE(capture.count("Info - Fetching XML from http://127.1.4.15:1400/"), 0);
     discovery.stopSearching();
 }
 
