@@ -390,6 +390,8 @@ void TestApp::speakerCommands()
     store.failure = QStringLiteral("No space left on device");
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", "Study 2", &error), 3);
     QVERIFY(error.endsWith(QStringLiteral("could not be saved: No space left on device")));
+    QCOMPARE(SpeakerCommands::setEnabled(*settings, speaker(3).location.toString(), true, &error),
+             3);
 }
 
 QTEST_MAIN(TestApp)
