@@ -95,8 +95,6 @@ void TestLifecycle::rules_data()
     row("running, the bridge ends by itself -> retry in 2 s, told once",
         {"@running", "-bridge", "exit"}, S::Retrying,
         {"AllowSleep", "TellRetrying", "StartRetryTimer"});
-    row("retrying, the retry timer -> start the bridge", {"@crashed", "retry"}, S::Retrying,
-        {"StartBridge"});
     row("retrying, the restart cannot launch -> another failure, not told again",
         {"@crashed", "retry", "launchFailed"}, S::Retrying, {"StartRetryTimer"});
     row("retrying, ends again -> retry, not told again", {"@crashed", "retry", "started", "exit"},

@@ -42,7 +42,6 @@ void TestTray::showsTheState_data()
         QTest::addRow("%s", name) << codes << QString(title) << QString(command) << int(look)
                                   << (tip.isEmpty() ? QString(title) : tip);
     };
-    row("starting up", {}, T::statusOff, T::commandTurnOn, TrayLook::Busy);
     row("running: the tool tip counts the offered speakers",
         {E::SearchStarted, E::BridgeStarted, E::BridgeReady}, T::statusRunning, T::commandTurnOff,
         TrayLook::Running, QStringLiteral("Corvel: Running — 2 speakers"));
