@@ -106,8 +106,7 @@ void Controller::handle(Event event, quint64 launch)
     for (const Lifecycle::Command command : m_lifecycle.handle(event, launch))
         run(command);
     // The tray and systemd hear of changes only: speakers found in a burst cost nothing here.
-    if (m_lifecycle.state() != before || m_lifecycle.onOffTurnsOn() != turnedOnBefore ||
-        event == Event::OnOff) {
+    if (m_lifecycle.state() != before || m_lifecycle.onOffTurnsOn() != turnedOnBefore) {
         m_tray.refresh();
         reportToServiceManager();
     }
