@@ -132,7 +132,7 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
         const QString udn = announcement.udn();
         std::vector<QString> gone;
         for (const auto &[location, heard] : m_heard) {
-            if (heard.udn == udn && fromItsOwnHost(announcement, location))
+            if (heard.udn == udn && fromItsOwnHost(announcement, heard.host, location))
                 gone.push_back(location);
         }
         for (const QString &location : gone)
@@ -140,7 +140,7 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
         return;
     }
     const QString location = absoluteString(announcement.location);
-    if (!fromItsOwnHost(announcement, location))
+    if (!fromItsOwnHost(announcement, announcement.location.host(), location))
         return;
     const auto heard = m_heard.find(location);
     if (heard != m_heard.end() && heard->second.boot == bootMarker(announcement) &&
@@ -153,11 +153,11 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
     describe(announcement);
 }
 
-bool DeviceDiscovery::fromItsOwnHost(const SSDPMSearchResponse &response, const QString &location)
+bool DeviceDiscovery::fromItsOwnHost(const SSDPMSearchResponse &response, const QString &host,
+                                     const QString &location)
 {
-    const QHostAddress host(QUrl(location).host());
     if (response.sender.isNull() ||
-        response.sender.isEqual(host, QHostAddress::ConvertV4MappedToIPv4))
+        response.sender.isEqual(QHostAddress(host), QHostAddress::ConvertV4MappedToIPv4))
         return true;
     const QString sender = response.sender.toString();
     if (m_refusedSenders.size() < maxRefusedSendersLogged && m_refusedSenders.insert(sender).second)
@@ -243,7 +243,7 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
         return;
     }
     const QString location = absoluteString(response.location);
-    if (!fromItsOwnHost(response, location))
+    if (!fromItsOwnHost(response, response.location.host(), location))
         return;
     if (++m_answersThisSearch > maxAnswersPerSearch) {
         if (m_answersThisSearch == maxAnswersPerSearch + 1) {

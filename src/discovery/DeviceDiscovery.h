@@ -127,10 +127,11 @@ private:
     void describe(const SSDPMSearchResponse &response);
     // Starts waiting pipelines while there is room.
     void startWaitingPipelines();
-    // Whether the datagram came from the host its location names (or not from the network):
-    // a player always answers for itself, and a device that names another host would make
-    // Corvel fetch from wherever it says. A refusal is logged once per sender.
-    bool fromItsOwnHost(const SSDPMSearchResponse &response, const QString &location);
+    // Whether the datagram came from host, the one its location names (or not from the
+    // network): a player always answers for itself, and a device that names another host would
+    // make Corvel fetch from wherever it says. A refusal is logged once per sender.
+    bool fromItsOwnHost(const SSDPMSearchResponse &response, const QString &host,
+                        const QString &location);
     static constexpr size_t maxRefusedSendersLogged = 256;
     // Posts "deviceDeparted" for the location and forgets having heard it.
     void depart(const QString &location, const QString &reason);
