@@ -37,6 +37,7 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
             return {C::StopRetryTimer, C::Search, C::Watch};
         }
         enter(S::Off, true);
+        m_changedSince = -1;
         Commands commands{C::StopRetryTimer, C::StopApplyTimer, C::AnnounceStopped, C::StopWatching,
                           C::StopSearching};
         for (const Command command : stopBridge())
@@ -68,9 +69,15 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
     case Event::SpeakerFound:
     case Event::SpeakerDeparted:
     case Event::SpeakerChanged:
-        return {C::StartApplyTimer}; // each change starts the quiet time afresh
+        // Each change starts the quiet time afresh, until the first waited maxApplyWaitMs.
+        if (m_changedSince < 0)
+            m_changedSince = m_now();
+        if (m_now() - m_changedSince >= maxApplyWaitMs)
+            return {};
+        return {C::StartApplyTimer};
 
     case Event::ApplyTimerFired:
+        m_changedSince = -1;
         return applyChanges();
 
     case Event::BridgeStarted:

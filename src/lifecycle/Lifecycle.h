@@ -87,6 +87,9 @@ public:
 
     // Changes to the speakers reach the bridge once they have been quiet this long.
     static constexpr int applyDelayMs = 2000;
+    // A steady trickle of changes must not hold them back for ever: once changes have waited
+    // this long, further ones no longer restart the quiet time.
+    static constexpr int maxApplyWaitMs = 10000;
     // A bridge that ends by itself is started again after 2, 4, 8 ... 60 seconds; after
     // maxFailures such ends within failureWindowMs Corvel stops trying. Running that long
     // without failing starts the count afresh.
@@ -123,6 +126,7 @@ private:
 
     const Facts &m_facts;
     std::function<qint64()> m_now;
+    qint64 m_changedSince = -1; // when the first change not yet applied came; -1: none
     State m_state = State::StartingUp;
     bool m_onOffTurnsOn = true;
     bool m_stoppedByUser = false;

@@ -120,6 +120,12 @@ void TestLifecycle::rules_data()
         S::Searching, {"StartBridge"});
     row("running, a speaker renamed -> wait for quiet", {"@running", "changed"}, S::Running,
         {"StartApplyTimer"});
+    row("a steady trickle of changes -> no longer restarts the quiet time after 10 s",
+        {"@running", "changed", "t+4", "changed", "t+4", "changed", "t+2", "changed"}, S::Running,
+        {});
+    row("applied after a trickle -> the next change waits for quiet again",
+        {"@running", "changed", "t+10", "changed", "apply", "t+1", "changed"}, S::Running,
+        {"StartApplyTimer"});
     row("running, quiet after a change -> restart", {"@running", "+differs", "apply"}, S::Starting,
         {"RestartBridge"});
     row("running, quiet, nothing the bridge sees -> no restart", {"@running", "apply"}, S::Running,
