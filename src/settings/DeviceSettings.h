@@ -19,6 +19,8 @@ struct DeviceSettings
     // True when the bridge is to offer the speaker: a known coordinator, found in this
     // run and enabled by the user.
     bool offeredToBridge() const;
+    // Whether the user changed the record: named it, or switched it from its default.
+    bool touchedByUser() const { return nameChanged || enabled == info.hasOwnAirPlay(); }
 
     QJsonObject toJson() const;
     // "name" and "info" are required; a missing or unreadable "topology", "enabled" or

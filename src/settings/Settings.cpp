@@ -89,10 +89,24 @@ bool SettingsDocument::validBridgePorts(const QString &text)
 QByteArray SettingsDocument::encode() const
 {
     QJsonArray deviceArray;
-    for (const auto &[location, record] : devices) {
-        deviceArray.append(absoluteString(location));
-        deviceArray.append(record.toJson());
+    // Past the cap, records the user changed come first, then those found in this run.
+    size_t room = maxStoredSpeakers;
+    const bool crowded = devices.size() > maxStoredSpeakers;
+    for (const int pass : {0, 1, 2}) {
+        for (const auto &[location, record] : devices) {
+            const int rank = !crowded || record.touchedByUser() ? 0 : record.active ? 1 : 2;
+            if (rank != pass || (rank > 0 && room == 0))
+                continue;
+            deviceArray.append(absoluteString(location));
+            deviceArray.append(record.toJson());
+            room -= room > 0 ? 1 : 0;
+        }
     }
+    if (deviceArray.size() / 2 < qsizetype(devices.size()))
+        logWarning(QStringLiteral("More than %1 speakers known: writing %2 of %3")
+                       .arg(maxStoredSpeakers)
+                       .arg(deviceArray.size() / 2)
+                       .arg(devices.size()));
     QJsonObject crashes;
     for (const auto &[version, count] : crashesByVersion)
         crashes.insert(version, QJsonValue(count));

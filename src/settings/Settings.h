@@ -26,6 +26,11 @@ struct SettingsDocument
     // Whether text is "first:count" with the whole range within 1024..65535.
     static bool validBridgePorts(const QString &text);
 
+    // No home has this many players: past it, only the records the user changed (named,
+    // switched) and then those found in this run are written, so a flood of made-up
+    // speakers cannot grow the file without bound.
+    static constexpr size_t maxStoredSpeakers = 256;
+
     DeviceMap devices;
     BridgeDelay bridgeDelay = BridgeDelay::Balanced;
     QString bridgePorts = QString::fromLatin1(defaultBridgePorts);

@@ -60,6 +60,7 @@ private slots:
     void speakersWithTheirOwnAirPlayStartNotOffered_data();
     void speakersWithTheirOwnAirPlayStartNotOffered();
     void addressChangeMovesTheChoices();
+    void aFloodOfSpeakersIsNotWritten();
     void renameRules_data();
     void renameRules();
     void enableAndUnknownLocations();
@@ -290,6 +291,31 @@ void TestSettings::addressChangeMovesTheChoices()
     info.udn.reset();
     settings->mergeDiscoveredSpeaker(info, {true, "g"});
     QCOMPARE(settings->devices.size(), 2u);
+}
+
+void TestSettings::aFloodOfSpeakersIsNotWritten()
+{
+    // Past the cap: every record the user changed, then the ones found now, never the rest.
+    MemorySettingsStorage memory;
+    auto settings = loadFrom(memory);
+    const auto at = [](int n) {
+        return QUrl(QStringLiteral("http://198.51.100.1:%1/").arg(n));
+    };
+    const int cap = int(SettingsDocument::maxStoredSpeakers);
+    for (int n = 1; n <= cap + 40; ++n)
+        settings->mergeDiscoveredSpeaker(speaker(at(n), "Room", "One"), {true, "g"});
+    settings->renameDevice(at(cap + 30), QStringLiteral("Mine"));
+    settings->setDeviceEnabled(at(cap + 31), false);
+    settings->markAllDevicesNotActive();
+    settings->mergeDiscoveredSpeaker(speaker(at(cap + 40), "Room", "One"), {true, "g"});
+    LogCapture capture;
+    const auto stored = SettingsDocument::decode(settings->encode(), nullptr);
+    QVERIFY(capture.dump().contains(
+        QStringLiteral("writing %1 of %2").arg(cap).arg(cap + 40).toUtf8()));
+    QCOMPARE(stored->devices.size(), size_t(cap));
+    for (const int kept : {cap + 30, cap + 31, cap + 40})
+        QVERIFY2(stored->devices.count(at(kept)), qPrintable(at(kept).toString()));
+    QCOMPARE(stored->devices.at(at(cap + 30)).name, QStringLiteral("Mine"));
 }
 
 void TestSettings::renameRules_data()
