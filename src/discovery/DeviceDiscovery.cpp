@@ -150,7 +150,7 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
     }
     logInfo(category,
             QStringLiteral("Announcement (%1) from %2").arg(announcement.announcement, location));
-    describe(announcement);
+    describe(announcement, false);
 }
 
 bool DeviceDiscovery::fromItsOwnHost(const SSDPMSearchResponse &response, const QString &host,
@@ -177,13 +177,28 @@ void DeviceDiscovery::depart(const QString &location, const QString &reason)
 
 void DeviceDiscovery::expireUnheard()
 {
-    std::vector<QString> gone;
     for (const auto &[location, heard] : m_heard) {
-        if (heard.expires.hasExpired())
-            gone.push_back(location);
+        if (!heard.expires.hasExpired())
+            continue;
+        // A player that missed its announcements but still answers stays: one fetch decides.
+        fetchXML(QUrl(location), [this, location,
+                                  udn = heard.udn](const std::optional<DiscoveryError> &error,
+                                                   const QByteArray &body) {
+            const auto entry = m_heard.find(location);
+            if (entry == m_heard.end() || entry->second.udn != udn)
+                return; // heard anew, or gone, meanwhile
+            const auto info =
+                error
+                    ? std::nullopt
+                    : DescriptionParser::parseDeviceDescription(body, QUrl(location), std::nullopt);
+            if (info && info->udn == udn) {
+                entry->second.expires = QDeadlineTimer(defaultMaxAgeSeconds * 1000);
+                logInfo(category, QStringLiteral("Speaker at %1 still answers").arg(location));
+                return;
+            }
+            depart(location, QStringLiteral("not heard from within its max-age"));
+        });
     }
-    for (const QString &location : gone)
-        depart(location, QStringLiteral("not heard from within its max-age"));
 }
 
 SSDPSearchTarget DeviceDiscovery::searchTarget() const
@@ -258,7 +273,7 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
     // Players answer each M-SEARCH of a search; one description per search is enough.
     if (m_described.count(location))
         return;
-    describe(response);
+    describe(response, true);
 }
 
 const DescriptionParser::TopologyTable &DeviceDiscovery::topologyTable(const QByteArray &body)
@@ -274,12 +289,26 @@ const DescriptionParser::TopologyTable &DeviceDiscovery::topologyTable(const QBy
     return m_topologies.back().second;
 }
 
-void DeviceDiscovery::describe(const SSDPMSearchResponse &response)
+bool DeviceDiscovery::known(const QString &location, const QString &udn) const
+{
+    return m_devices.count(QUrl(location)) || (!udn.isEmpty() && m_knownUdns.count(udn));
+}
+
+void DeviceDiscovery::describe(const SSDPMSearchResponse &response, bool answered)
 {
     const QString location = absoluteString(response.location);
+    const QString host = response.location.host();
     if (m_pipelines.count(location))
         return;
-    const QString host = response.location.host();
+    const bool isKnown = known(location, response.udn());
+    if (!isKnown && m_devices.size() >= maxSpeakersKnown) {
+        if (!m_toldTooMany)
+            logWarning(
+                category,
+                QStringLiteral("%1 speakers known: describing no new ones").arg(maxSpeakersKnown));
+        m_toldTooMany = true;
+        return;
+    }
     if (!m_heard.count(location)) {
         auto load = qsizetype(m_pipelineHosts.count(host));
         for (const auto &entry : m_heard)
@@ -294,9 +323,21 @@ void DeviceDiscovery::describe(const SSDPMSearchResponse &response)
             return;
         }
     }
+    if (m_pipelineHosts.count(host) >= maxFetchesPerHost)
+        return; // the host's next answer is fetched once one of its own is done
     m_pipelines.insert(location);
     m_pipelineHosts.insert(host);
-    m_waiting.push_back(response);
+    if (answered || isKnown) {
+        m_waiting.push_back(response);
+    } else {
+        if (m_unsolicited.size() >= maxUnsolicitedWaiting) {
+            const SSDPMSearchResponse &oldest = m_unsolicited.front();
+            m_pipelines.erase(absoluteString(oldest.location));
+            m_pipelineHosts.erase(m_pipelineHosts.find(oldest.location.host()));
+            m_unsolicited.pop_front();
+        }
+        m_unsolicited.push_back(response);
+    }
     startWaitingPipelines();
 }
 
@@ -307,9 +348,19 @@ void DeviceDiscovery::startWaitingPipelines()
     if (m_starting)
         return;
     m_starting = true;
-    while (m_inFlight < maxPipelinesInFlight && !m_waiting.empty()) {
-        const SSDPMSearchResponse response = m_waiting.front();
-        m_waiting.pop_front();
+    while (m_inFlight < maxPipelinesInFlight) {
+        SSDPMSearchResponse response;
+        if (!m_waiting.empty()) {
+            response = m_waiting.front();
+            m_waiting.pop_front();
+        } else if (!m_unsolicited.empty() &&
+                   int(m_unsolicitedRunning.size()) < maxUnsolicitedInFlight) {
+            response = m_unsolicited.back();
+            m_unsolicited.pop_back();
+            m_unsolicitedRunning.insert(absoluteString(response.location));
+        } else {
+            break;
+        }
         ++m_inFlight;
         fetchDeviceInfo(response);
     }
@@ -368,37 +419,72 @@ void DeviceDiscovery::fetchDeviceInfo(const SSDPMSearchResponse &response)
                            std::nullopt, response);
         return;
     }
-    fetchXML(
-        response.location, [this, response, topologyUrl](const std::optional<DiscoveryError> &error,
-                                                         const QByteArray &body) {
-            // parseDeviceDescription
-            if (error) {
-                handleDeviceResult(error, std::nullopt, std::nullopt, response);
-                return;
-            }
-            auto info =
-                DescriptionParser::parseDeviceDescription(body, response.location, response.server);
-            if (!info) {
-                handleDeviceResult(DiscoveryError::own(DiscoveryError::invalidDeviceXML),
-                                   std::nullopt, std::nullopt, response);
-                return;
-            }
-            const QString key = DescriptionParser::udnKey(*info);
-            fetchXML(topologyUrl, [this, response, topologyUrl, info = std::move(*info),
-                                   key](const std::optional<DiscoveryError> &topologyError,
-                                        const QByteArray &topologyBody) {
-                // fetchTopology: never fails the pipeline.
-                DeviceTopology topology;
-                if (topologyError) {
-                    logError(QStringLiteral("Failed to fetch topology from ") +
-                             absoluteString(topologyUrl));
-                    topology = DescriptionParser::ownGroup(key);
-                } else {
-                    topology = DescriptionParser::topologyFor(topologyTable(topologyBody), key);
-                }
-                handleDeviceResult(std::nullopt, info, topology, response);
-            });
-        });
+    fetchXML(response.location,
+             [this, response](const std::optional<DiscoveryError> &error, const QByteArray &body) {
+                 // parseDeviceDescription
+                 if (error) {
+                     handleDeviceResult(error, std::nullopt, std::nullopt, response);
+                     return;
+                 }
+                 auto info = DescriptionParser::parseDeviceDescription(body, response.location,
+                                                                       response.server);
+                 if (!info) {
+                     handleDeviceResult(DiscoveryError::own(DiscoveryError::invalidDeviceXML),
+                                        std::nullopt, std::nullopt, response);
+                     return;
+                 }
+                 confirmMove(response, std::move(*info));
+             });
+}
+
+void DeviceDiscovery::confirmMove(const SSDPMSearchResponse &response, DeviceInfo info)
+{
+    // A speaker is who it says only if the place it was known at no longer answers as it:
+    // another device reusing its UDN must not take its record.
+    const auto previous = std::find_if(m_devices.begin(), m_devices.end(), [&](const auto &entry) {
+        return entry.second.udn == info.udn && entry.first.url != info.location;
+    });
+    if (!info.udn || previous == m_devices.end()) {
+        fetchTopology(response, std::move(info));
+        return;
+    }
+    const QUrl old = previous->first;
+    fetchXML(old, [this, response, old, info = std::move(info)](
+                      const std::optional<DiscoveryError> &error, const QByteArray &body) mutable {
+        const auto there = error
+                               ? std::nullopt
+                               : DescriptionParser::parseDeviceDescription(body, old, std::nullopt);
+        if (there && there->udn == info.udn) {
+            logWarning(category,
+                       QStringLiteral("Ignoring %1: it claims to be %2, which still "
+                                      "answers at %3")
+                           .arg(absoluteString(response.location), *info.udn, absoluteString(old)));
+            handleDeviceResult(DiscoveryError::own(DiscoveryError::invalidDeviceLocation),
+                               std::nullopt, std::nullopt, response);
+            return;
+        }
+        fetchTopology(response, std::move(info));
+    });
+}
+
+void DeviceDiscovery::fetchTopology(const SSDPMSearchResponse &response, DeviceInfo info)
+{
+    const QUrl topologyUrl = response.location.resolved(QUrl(QStringLiteral("/status/topology")));
+    const QString key = DescriptionParser::udnKey(info);
+    fetchXML(topologyUrl, [this, response, topologyUrl, info = std::move(info),
+                           key](const std::optional<DiscoveryError> &topologyError,
+                                const QByteArray &topologyBody) {
+        // Never fails the pipeline.
+        DeviceTopology topology;
+        if (topologyError) {
+            logError(QStringLiteral("Failed to fetch topology from ") +
+                     absoluteString(topologyUrl));
+            topology = DescriptionParser::ownGroup(key);
+        } else {
+            topology = DescriptionParser::topologyFor(topologyTable(topologyBody), key);
+        }
+        handleDeviceResult(std::nullopt, info, topology, response);
+    });
 }
 
 void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &error,
@@ -411,6 +497,7 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
     const auto next = qScopeGuard([this, location, host = response.location.host()] {
         m_pipelines.erase(location);
         m_pipelineHosts.erase(m_pipelineHosts.find(host));
+        m_unsolicitedRunning.erase(location);
         --m_inFlight;
         startWaitingPipelines();
     });
@@ -428,7 +515,12 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
     const QString udn = info->udn.value_or(response.udn());
     std::erase_if(m_heard, [&udn](const auto &entry) { return entry.second.udn == udn; });
     m_heard[location] = {udn, bootMarker(response), expiryOf(response), response.location.host()};
+    std::erase_if(m_devices, [&](const auto &entry) {
+        return entry.second.udn == info->udn && entry.first.url != info->location;
+    });
     m_devices.insert_or_assign(info->location, *info);
+    if (info->udn)
+        m_knownUdns.insert(*info->udn);
     NotificationCenter::defaultCenter().post(
         Notifications::deviceDiscovered,
         {{UserInfoKey::response, QVariant::fromValue(response)},

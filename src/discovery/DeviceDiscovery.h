@@ -45,7 +45,9 @@ class DeviceDiscovery : public QObject, public SSDPDiscoveryDelegate
     Q_OBJECT
 
 public:
-    static constexpr int defaultTransferTimeoutMs = 60000;
+    // Players answer within milliseconds; a server still sending after 5 s is not a player,
+    // and a short deadline keeps slow servers from holding the fetches for long.
+    static constexpr int defaultTransferTimeoutMs = 5000;
     static constexpr qint64 maxBodyBytes = 1024 * 1024;
     // A flood of answers must not become a flood of connections: at most this many answers
     // are fetched at once (the rest wait their turn), and at most maxAnswersPerSearch of one
@@ -53,8 +55,18 @@ public:
     static constexpr int maxPipelinesInFlight = 32;
     static constexpr int maxAnswersPerSearch = 1024;
     // A player describes itself at one location; a host that names more than this many is
-    // not believed beyond them (a flood of new UUIDs from one device stays bounded).
+    // not believed beyond them (a flood of new UUIDs from one device stays bounded), and no
+    // host has more than maxFetchesPerHost of its locations fetched at once.
     static constexpr int maxLocationsPerHost = 4;
+    static constexpr int maxFetchesPerHost = 2;
+    // Answers to Corvel's searches and speakers already known are fetched first. Announcements
+    // of unknown speakers wait in a short queue of their own (newest first, the oldest dropped
+    // when it is full) and hold at most maxUnsolicitedInFlight fetches, so a flood of them
+    // never stands between a search and its answers.
+    static constexpr size_t maxUnsolicitedWaiting = 64;
+    static constexpr int maxUnsolicitedInFlight = 24;
+    // No home has this many players: past it, only speakers already known are described.
+    static constexpr size_t maxSpeakersKnown = 256;
 
     // The process-wide discovery: the first one constructed, else created on first use.
     static DeviceDiscovery &shared();
@@ -123,8 +135,15 @@ private:
     // The parsed form of a topology document, parsed only when this search has not seen it.
     const DescriptionParser::TopologyTable &topologyTable(const QByteArray &body);
     static constexpr size_t maxTopologiesKept = 4;
-    // Queues a pipeline for the player, unless one for its location is queued or running.
-    void describe(const SSDPMSearchResponse &response);
+    // Queues a pipeline for the player, unless one for its location is queued or running;
+    // answered: the datagram answered one of Corvel's searches.
+    void describe(const SSDPMSearchResponse &response, bool answered);
+    // Whether the speaker at location, or with udn, was described before.
+    bool known(const QString &location, const QString &udn) const;
+    // Ends the pipeline when the description claims a UDN described at another location that
+    // still answers as that speaker (one fetch); otherwise goes on with the topology.
+    void confirmMove(const SSDPMSearchResponse &response, DeviceInfo info);
+    void fetchTopology(const SSDPMSearchResponse &response, DeviceInfo info);
     // Starts waiting pipelines while there is room.
     void startWaitingPipelines();
     // Whether the datagram came from host, the one its location names (or not from the
@@ -135,6 +154,8 @@ private:
     static constexpr size_t maxRefusedSendersLogged = 256;
     // Posts "deviceDeparted" for the location and forgets having heard it.
     void depart(const QString &location, const QString &reason);
+    // Departs each player unheard within its max-age, once one fetch shows it no longer
+    // answers; one that answers counts as heard.
     void expireUnheard();
     void handleDeviceResult(const std::optional<DiscoveryError> &error,
                             const std::optional<DeviceInfo> &info,
@@ -163,7 +184,11 @@ private:
     bool m_watching = false;
     std::map<LocationKey, DeviceInfo> m_devices;
     int m_transferTimeoutMs = defaultTransferTimeoutMs;
-    std::deque<SSDPMSearchResponse> m_waiting;
+    std::deque<SSDPMSearchResponse> m_waiting;     // answers and known speakers, in order
+    std::deque<SSDPMSearchResponse> m_unsolicited; // announcements of unknown ones
+    std::set<QString> m_unsolicitedRunning;        // their locations being fetched
+    std::set<QString> m_knownUdns;                 // of the speakers in m_devices
+    bool m_toldTooMany = false;
     int m_inFlight = 0;
     int m_answersThisSearch = 0;
     bool m_starting = false;

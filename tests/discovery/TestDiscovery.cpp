@@ -58,6 +58,7 @@ private slots:
     void playerFaults_data();
     void playerFaults();
     void answerFloodIsBounded();
+    void aHostIsBelievedForFewSpeakers();
     void keepsWatching();
     void httpFraming_data();
     void httpFraming();
@@ -309,53 +310,95 @@ void TestDiscovery::playerFaults()
 
 void TestDiscovery::answerFloodIsBounded()
 {
-    // Answers naming ports where nothing listens: 32 fetches at once, 1,024 per search.
+    // 32 fetches at once, 2 per host, 24 for announcements nobody asked for (the newest 64
+    // waiting, behind every answer to a search), 1,024 answers per search.
     CORVEL_REQUIRE_PRIVATE_NETWORK();
+    QTcpServer silent; // accepts on every loopback address and never answers
+    QVERIFY(silent.listen(QHostAddress::AnyIPv4));
+    const auto at = [&](const QString &host, const QString &path = QStringLiteral("d.xml")) {
+        SSDPMSearchResponse response;
+        response.location =
+            QUrl(QStringLiteral("http://%1:%2/%3").arg(host).arg(silent.serverPort()).arg(path));
+        response.searchTarget = QStringLiteral("urn:schemas-upnp-org:device:ZonePlayer:1");
+        response.announcement = QStringLiteral("ssdp:alive");
+        return response;
+    };
     DeviceDiscovery discovery;
-    discovery.setTransferTimeout(2000);
+    discovery.setTransferTimeout(600);
     LogCapture capture;
-    discovery.searchForDevices(5);
+    discovery.searchForDevices(10);
     // A router answering with its own type is not a speaker.
-    SSDPMSearchResponse router;
-    router.location = QUrl(QStringLiteral("http://127.0.0.1:19999/d.xml"));
+    SSDPMSearchResponse router = at(QStringLiteral("127.0.0.1"));
     router.searchTarget = QStringLiteral("urn:schemas-upnp-org:device:InternetGatewayDevice:1");
     discovery.discoveredDevice(router, discovery.session());
     QVERIFY(capture.has("Debug SSDP Ignoring an answer for another device type: " +
                         router.searchTarget));
     // An answer that names another host than its sender is never fetched; said once.
-    SSDPMSearchResponse forged = router;
-    forged.searchTarget = discovery.searchTarget().text;
+    SSDPMSearchResponse forged = at(QStringLiteral("127.0.0.1"));
     forged.sender = QHostAddress(QStringLiteral("127.0.0.7"));
     discovery.discoveredDevice(forged, discovery.session());
     discovery.discoveredDevice(forged, discovery.session());
     QCOMPARE(capture.count("Warning SSDP Ignoring SSDP from 127.0.0.7: it speaks for another "
-                           "host (http://127.0.0.1:19999/d.xml)"),
+                           "host (http://127.0.0.1:"),
              1);
-    // A host that names ever more speakers is believed for a few.
-    for (int port = 20000; port < 20010; ++port) {
-        SSDPMSearchResponse response;
-        response.location = QUrl(QStringLiteral("http://127.0.0.5:%1/d.xml").arg(port));
-        response.searchTarget = discovery.searchTarget().text;
+    const auto fetches = [&](const QString &prefix) {
+        return capture.count("Info - Fetching XML from http://" + prefix);
+    };
+    for (int i = 1; i <= 200; ++i)
+        discovery.handleAnnouncement(at(QStringLiteral("127.2.0.%1").arg(i)));
+    QCOMPARE(fetches("127.2.0."), DeviceDiscovery::maxUnsolicitedInFlight);
+    for (int i = 0; i < 10; ++i)
+        discovery.discoveredDevice(at(QStringLiteral("127.0.0.5"), QString::number(i)),
+                                   discovery.session());
+    QCOMPARE(fetches("127.0.0.5:"), DeviceDiscovery::maxFetchesPerHost);
+    for (int i = 1; i <= 10; ++i)
+        discovery.discoveredDevice(at(QStringLiteral("127.3.0.%1").arg(i)), discovery.session());
+    QCOMPARE(fetches("127.3.0."), 6); // the room left of 32
+    // As slots free up, the waiting answers go first, then the newest announcements.
+    CORVEL_WAIT(fetches("127.2.0.") == 24 + int(DeviceDiscovery::maxUnsolicitedWaiting));
+    const QStringList lines = capture.lines();
+    const auto firstIndex = [&](const QString &prefix) {
+        for (qsizetype i = 0; i < lines.size(); ++i) {
+            if (lines[i].startsWith("Info - Fetching XML from http://" + prefix))
+                return i;
+        }
+        return qsizetype(-1);
+    };
+    QVERIFY(firstIndex(QStringLiteral("127.3.0.10:")) < firstIndex(QStringLiteral("127.2.0.200:")));
+    QVERIFY(firstIndex(QStringLiteral("127.2.0.200:")) <
+            firstIndex(QStringLiteral("127.2.0.137:")));
+    QCOMPARE(fetches("127.2.0.136:"), 0); // dropped from the full queue
+    for (int i = 0; i < DeviceDiscovery::maxAnswersPerSearch; ++i) {
+        auto response = at(QStringLiteral("127.1.%1.%2").arg(i / 250).arg(i % 250 + 1));
+        response.location.setPort(9); // refused at once
         discovery.discoveredDevice(response, discovery.session());
     }
-    QCOMPARE(capture.count("Info - Fetching XML from http://127.0.0.5:"),
-             DeviceDiscovery::maxLocationsPerHost);
-    QCOMPARE(capture.count("Warning SSDP 127.0.0.5 names more speakers than a player has"), 1);
-    for (int i = 0; i < DeviceDiscovery::maxAnswersPerSearch + 100; ++i) {
-        SSDPMSearchResponse response;
-        response.location =
-            QUrl(QStringLiteral("http://127.1.%1.%2:1400/d.xml").arg(i / 250).arg(i % 250 + 1));
-        response.searchTarget = discovery.searchTarget().text;
-        discovery.discoveredDevice(response, discovery.session());
-    }
-    QCOMPARE(capture.count("Info - Fetching XML from "), DeviceDiscovery::maxPipelinesInFlight);
     QCOMPARE(capture.count("Warning SSDP More than 1024 answers to one search"), 1);
-    // 1,024 answers in all: 10 of 127.0.0.5 (4 fetched), then the flood up to its 1,014th.
-    CORVEL_WAIT(capture.count("Warning SSDP fetchDeviceInfo failed: ") ==
-                DeviceDiscovery::maxAnswersPerSearch - 10 + DeviceDiscovery::maxLocationsPerHost);
-    QCOMPARE(capture.count("Info - Fetching XML from http://127.1.4.14:1400/"), 1);
-    QCOMPARE(capture.count("Info - Fetching XML from http://127.1.4.15:1400/"), 0);
+    // 1,024 answers in all: 20 before the flood, then the flood up to its 1,004th.
+    CORVEL_WAIT(fetches("127.1.") == DeviceDiscovery::maxAnswersPerSearch - 20);
+    QCOMPARE(fetches("127.1.4.4:"), 1);
+    QCOMPARE(fetches("127.1.4.5:"), 0);
     discovery.stopSearching();
+}
+
+void TestDiscovery::aHostIsBelievedForFewSpeakers()
+{
+    // Six "players" on one address: two fetched at a time, four believed in all.
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    auto household = SpeakerSimulator::household(6, 6);
+    for (size_t i = 0; i < household.size(); ++i) {
+        household[i].address = household[0].address;
+        household[i].port = quint16(1400 + i);
+    }
+    SpeakerSimulator simulator(household);
+    QVERIFY(simulator.start(nullptr));
+    DeviceDiscovery discovery;
+    EventRecorder events(discoveryEvents);
+    LogCapture capture;
+    discovery.searchForDevices(1.3);
+    CORVEL_WAIT(events.count("discoveryComplete") == 1);
+    QCOMPARE(discovery.devices().size(), size_t(DeviceDiscovery::maxLocationsPerHost));
+    QCOMPARE(capture.count("Warning SSDP 127.0.1.1 names more speakers than a player has"), 1);
 }
 
 void TestDiscovery::keepsWatching()
@@ -392,6 +435,20 @@ void TestDiscovery::keepsWatching()
     QCOMPARE(events.count("discoveryStarted") + events.count("discoveryComplete"), 0);
     QVERIFY(!discovery.session());
     QProcess::execute("ip", {"addr", "del", "127.0.9.9/32", "dev", "lo"}); // searches send from it
+    // Another host claiming a known speaker's UDN takes its place only once the speaker's
+    // own address no longer answers as it.
+    SimulatedPlayer twin = simulator.players()[1];
+    twin.address = QHostAddress(QStringLiteral("127.0.1.60"));
+    auto impostor = std::make_unique<SpeakerSimulator>(std::vector{twin});
+    QVERIFY(impostor->start(nullptr));
+    CORVEL_WAIT(capture.count("Warning SSDP Ignoring " + twin.location().toString() +
+                              ": it claims to be uuid:" + twin.udn + ", which still answers at " +
+                              simulator.players()[1].location().toString()) == 1);
+    QCOMPARE(events.count("deviceDiscovered"), 5);
+    simulator.players()[1].fault = SimulatedPlayer::DescriptionHtml; // another device there now
+    impostor->announce(0, "ssdp:update");
+    CORVEL_WAIT(events.count("deviceDiscovered") == 6);
+    QCOMPARE(speakers(events).back().first.location, twin.location());
 }
 
 QTEST_GUILESS_MAIN(TestDiscovery)
