@@ -85,7 +85,7 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+173"/>
+        <location filename="../src/app/Controller.cpp" line="+172"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
@@ -331,7 +331,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+431"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+456"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -366,12 +366,17 @@
         <translation>Verzögerung</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-348"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-373"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
     <message>
-        <location line="+344"/>
+        <location line="+31"/>
+        <source>Your changes could not be saved (%1). They apply until Corvel quits, and Corvel tries to save them again then.</source>
+        <translation>Ihre Änderungen konnten nicht gespeichert werden (%1). Sie gelten, bis Corvel beendet wird, und Corvel versucht dann erneut, sie zu speichern.</translation>
+    </message>
+    <message>
+        <location line="+338"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>

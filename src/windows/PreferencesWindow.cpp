@@ -93,6 +93,30 @@ void PreferencesWindow::setClosingQuits(bool quits)
         m_noTrayLabel->setVisible(quits);
 }
 
+void PreferencesWindow::showSaveState()
+{
+    const auto &error = m_controls.settings().saveError();
+    if (!error && !m_saveErrorLabel)
+        return;
+    if (!m_saveErrorLabel) {
+        m_saveErrorLabel = new QLabel(this);
+        m_saveErrorLabel->setObjectName(QStringLiteral("saveErrorLabel"));
+        m_saveErrorLabel->setWordWrap(true);
+        m_saveErrorLabel->setForegroundRole(QPalette::BrightText);
+        m_saveErrorLabel->setBackgroundRole(QPalette::Highlight);
+        m_saveErrorLabel->setAutoFillBackground(true);
+        m_saveErrorLabel->setMargin(6);
+        if (auto *box = qobject_cast<QBoxLayout *>(layout()))
+            box->insertWidget(0, m_saveErrorLabel);
+    }
+    if (error)
+        m_saveErrorLabel->setText(
+            tr("Your changes could not be saved (%1). They apply until Corvel quits, and Corvel "
+               "tries to save them again then.")
+                .arg(excerpt(*error, 120)));
+    m_saveErrorLabel->setVisible(error.has_value());
+}
+
 void PreferencesWindow::closeEvent(QCloseEvent *event)
 {
     QWidget::closeEvent(event);
@@ -158,6 +182,7 @@ void PreferencesWindow::startObserving()
     observe(Notifications::serviceTerminated, buttonAndSpinner);
     observe(Notifications::appStopped, buttonAndSpinner);
     observe(Notifications::bridgeMissing, buttonAndSpinner);
+    observe(Notifications::deviceSettingsChanged, &PreferencesWindow::showSaveState);
 
     m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
     updateSoundOutputsCheckBox();

@@ -88,6 +88,8 @@ private:
     bool tableKeyPressed(const QKeyEvent *event);
     // Draws the current row as such while the list has the keyboard.
     void showCurrentRow();
+    // Says, above the list, that the last change could not be saved, while that is so.
+    void showSaveState();
 
     Controls &m_controls;
     Platform m_platform;
@@ -103,6 +105,7 @@ private:
     bool m_offersSetup = false; // the button opens the bridge setup
     bool m_closingQuits = false;
     QLabel *m_noTrayLabel = nullptr;
+    QLabel *m_saveErrorLabel = nullptr;
     QNetworkAccessManager m_network;
     // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a
     // table reload never asks a speaker for the same icon twice.

@@ -74,6 +74,7 @@ private slots:
     void button();
     void buttonFollowsBridgeEventsOnly();
     void startStopAndObservers();
+    void aFailedSaveIsShownUntilOneSucceeds();
     void startAtLoginAndSoundOutputs();
     void nameFieldEditsWithItsOwnKeys();
     void germanTranslation();
@@ -443,7 +444,7 @@ void TestPreferences::startStopAndObservers()
     m_controls->add(1);
     m_controls->bridge = true;
     m_window->show();
-    QCOMPARE(m_window->observerCount(), 8);
+    QCOMPARE(m_window->observerCount(), 9);
     startStop()->click();
     QCOMPARE(m_controls->bridgeStops, 1);
     QCOMPARE(startStop()->text(), QStringLiteral("&Start"));
@@ -455,7 +456,25 @@ void TestPreferences::startStopAndObservers()
     m_window->hide();
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before);
     m_window->show();
-    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 8);
+    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 9);
+}
+
+void TestPreferences::aFailedSaveIsShownUntilOneSucceeds()
+{
+    m_controls->add(1);
+    auto &storage = static_cast<MemorySettingsStorage &>(m_controls->settings().storage());
+    storage.failure = QStringLiteral("No space left on device");
+    m_window->show();
+    QCheckBox *box = m_window->row(0)->checkbox();
+    box->click();
+    settle();
+    auto *label = m_window->findChild<QLabel *>("saveErrorLabel");
+    QVERIFY(label && label->isVisible());
+    QVERIFY(label->text().contains(QStringLiteral("(No space left on device)")));
+    storage.failure.reset();
+    box->click();
+    settle();
+    QVERIFY(!label->isVisible());
 }
 
 void TestPreferences::startAtLoginAndSoundOutputs()
