@@ -43,6 +43,29 @@
     </message>
 </context>
 <context>
+    <name>BridgeOutput</name>
+    <message>
+        <location filename="../src/bridge/BridgeOutput.cpp" line="+35"/>
+        <source>Another program holds the bridge&apos;s ports (%1): close it, or another copy of the bridge, and turn Corvel off and on.</source>
+        <translation>Ein anderes Programm belegt die Ports der Brücke (%1): Beenden Sie es oder eine weitere Kopie der Brücke und schalten Sie Corvel aus und wieder ein.</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>The bridge could not start UPnP (%1): the network is not ready yet. Corvel tries again when it is.</source>
+        <translation>Die Brücke konnte UPnP nicht starten (%1): Das Netzwerk ist noch nicht bereit. Corvel versucht es erneut, sobald es bereit ist.</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>The bridge could not offer %1 as an AirPlay target: another program may hold its ports.</source>
+        <translation>Die Brücke konnte %1 nicht als AirPlay-Ziel anbieten: Möglicherweise belegt ein anderes Programm die Ports.</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>%1 stopped the stream right after fetching it: the speaker refused the audio format. Updating the bridge usually helps.</source>
+        <translation>%1 hat die Wiedergabe gleich nach dem Abruf beendet: Der Lautsprecher hat das Audioformat abgelehnt. Meist hilft es, die Brücke zu aktualisieren.</translation>
+    </message>
+</context>
+<context>
     <name>BridgeSetupWindow</name>
     <message>
         <location filename="../src/windows/BridgeSetupWindow.cpp" line="+21"/>
@@ -85,7 +108,7 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+172"/>
+        <location filename="../src/app/Controller.cpp" line="+173"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
@@ -125,6 +148,11 @@
         <location line="+2"/>
         <source>(nothing)</source>
         <translation>(nichts)</translation>
+    </message>
+    <message>
+        <location line="+146"/>
+        <source>Corvel</source>
+        <translation>Corvel</translation>
     </message>
 </context>
 <context>
@@ -191,7 +219,7 @@
 <context>
     <name>DeviceSettings</name>
     <message>
-        <location filename="../src/settings/DeviceSettings.cpp" line="+13"/>
+        <location filename="../src/settings/DeviceSettings.cpp" line="+14"/>
         <source>A speaker needs a name: the old one stays.</source>
         <translation>Ein Lautsprecher braucht einen Namen: Der bisherige bleibt.</translation>
     </message>
@@ -331,7 +359,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+456"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+457"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -366,7 +394,7 @@
         <translation>Verzögerung</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-373"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-374"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
@@ -376,7 +404,7 @@
         <translation>Ihre Änderungen konnten nicht gespeichert werden (%1). Sie gelten, bis Corvel beendet wird, und Corvel versucht dann erneut, sie zu speichern.</translation>
     </message>
     <message>
-        <location line="+338"/>
+        <location line="+339"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>
@@ -469,7 +497,7 @@
 <context>
     <name>SpeakerCommands</name>
     <message>
-        <location filename="../src/app/SpeakerCommands.cpp" line="+42"/>
+        <location filename="../src/app/SpeakerCommands.cpp" line="+41"/>
         <source>More than one speaker is named &quot;%1&quot;; give its location instead.</source>
         <translation>Mehrere Lautsprecher heißen „%1“; geben Sie stattdessen seine Adresse (Location) an.</translation>
     </message>
@@ -512,7 +540,7 @@
         <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
     </message>
     <message>
-        <location line="+67"/>
+        <location line="+70"/>
         <source>%1 — Already an AirPlay speaker</source>
         <translation>%1 — Bereits ein AirPlay-Lautsprecher</translation>
     </message>
@@ -554,9 +582,52 @@
     </message>
 </context>
 <context>
+    <name>SpeakerState</name>
+    <message>
+        <location filename="../src/settings/DeviceSettings.cpp" line="+53"/>
+        <source>Not found</source>
+        <translation>Nicht gefunden</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>In %1&apos;s group</source>
+        <translation>In der Gruppe von %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>In a group</source>
+        <translation>In einer Gruppe</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Not offered</source>
+        <translation>Nicht angeboten</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Not offered by the bridge</source>
+        <translation>Von der Brücke nicht angeboten</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Ready</source>
+        <translation>Bereit</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Playing</source>
+        <translation>Spielt</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Not answering</source>
+        <translation>Antwortet nicht</translation>
+    </message>
+</context>
+<context>
     <name>TrayPresenter</name>
     <message>
-        <location filename="../src/tray/TrayPresenter.cpp" line="+27"/>
+        <location filename="../src/tray/TrayPresenter.cpp" line="+31"/>
         <location line="+2"/>
         <source>Speakers</source>
         <translation>Lautsprecher</translation>
@@ -582,7 +653,7 @@
         <translation>Corvel &amp;beenden</translation>
     </message>
     <message>
-        <location line="+108"/>
+        <location line="+109"/>
         <source>Corvel: Running — 1 speaker</source>
         <translation>Corvel: Läuft — 1 Lautsprecher</translation>
     </message>
@@ -590,6 +661,11 @@
         <location line="+1"/>
         <source>Corvel: Running — %1 speakers</source>
         <translation>Corvel: Läuft — %1 Lautsprecher</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>%1 ready, %2 playing</source>
+        <translation>%1 bereit, %2 spielen</translation>
     </message>
     <message>
         <location filename="../src/tray/TrayPresenter.h" line="+30"/>

@@ -42,6 +42,9 @@ AppServices AppServices::real()
     services.bridgeOutput = [] {
         return AirConnect::shared().recentOutput();
     };
+    services.bridgeSpeakers = [] {
+        return AirConnect::shared().speakerOutput().speakers();
+    };
     services.watch = [](bool on) {
         if (on)
             DeviceDiscovery::shared().startWatching();

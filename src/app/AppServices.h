@@ -4,6 +4,7 @@
 #pragma once
 
 #include "BridgeNetwork.h"
+#include "BridgeOutput.h"
 #include "ConfigWriter.h"
 #include "DeviceSettings.h"
 
@@ -35,6 +36,8 @@ struct AppServices
     std::function<QList<BridgeNetwork::Address>()> localAddresses;
     // The bridge's last output lines.
     std::function<QStringList()> bridgeOutput;
+    // What the running bridge said of each speaker, by the name it used.
+    std::function<std::map<QString, BridgeSpeakerState>()> bridgeSpeakers;
     // Starts or stops watching for speakers between searches.
     std::function<void(bool)> watch;
     // Stops the bridge and waits a bounded time for it to exit (at quit).

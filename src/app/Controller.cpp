@@ -107,6 +107,7 @@ void Controller::handle(Event event, quint64 launch)
         run(command);
     // The tray and systemd hear of changes only: speakers found in a burst cost nothing here.
     if (m_lifecycle.state() != before || m_lifecycle.onOffTurnsOn() != turnedOnBefore) {
+        showBridgeView(); // "Not offered by the bridge" is said only of a running one
         m_tray.refresh();
         reportToServiceManager();
     }
@@ -231,9 +232,12 @@ void Controller::reportToServiceManager()
                          .mid(QStringLiteral("Corvel: ").size());
     if (state == State::Running) {
         const int offered = m_tray.offeredCount();
-        status = QStringLiteral("Running: %1 speaker%2 offered")
+        const auto [ready, playing] = readyAndPlaying(m_services.settings().devices);
+        status = QStringLiteral("Running: %1 speaker%2 offered, %3 ready, %4 playing")
                      .arg(offered)
-                     .arg(offered == 1 ? QString() : QStringLiteral("s"));
+                     .arg(offered == 1 ? QString() : QStringLiteral("s"))
+                     .arg(ready)
+                     .arg(playing);
     }
     if (status == m_reportedStatus && m_toldReady)
         return;
@@ -312,12 +316,62 @@ void Controller::addObservers()
                                  launch);
             });
         }));
+    m_observers.push_back(
+        center.addObserver(Notifications::bridgeSpeakersChanged, [this](const Notification &) {
+            mainQueueAsync([self = QPointer<Controller>(this)] {
+                if (self)
+                    self->showBridgeView();
+            });
+        }));
+    // Each fault of the bridge is told once, in its own words; the log keeps every one.
+    m_observers.push_back(
+        center.addObserver(Notifications::bridgeProblem, [this](const Notification &n) {
+            const QString text = n.userInfo.value(UserInfoKey::problem).toString();
+            mainQueueAsync([self = QPointer<Controller>(this), text] {
+                if (self && !text.isEmpty() && !self->m_toldProblems.contains(text)) {
+                    self->m_toldProblems.insert(text);
+                    self->m_notices.show(tr("Corvel"), text);
+                }
+            });
+        }));
     m_observers.push_back(center.addObserver(
         Notifications::bridgeMissing, hop(Event::BridgeMissing, [this](const Notification &n) {
             m_lookedIn = n.userInfo.value(UserInfoKey::lookedIn).toStringList();
             if (m_windows)
                 m_windows->setBridgeLookedIn(m_lookedIn);
         })));
+}
+
+void Controller::showBridgeView()
+{
+    const auto said = m_services.bridgeSpeakers ? m_services.bridgeSpeakers()
+                                                : std::map<QString, BridgeSpeakerState>();
+    const bool running = m_lifecycle.state() == State::Running;
+    bool changed = false;
+    for (auto &entry : m_services.settings().devices) {
+        DeviceSettings &record = entry.second;
+        // The bridge names a speaker by its room when it adds it, by its name later on.
+        auto found = said.find(record.name);
+        if (found == said.end())
+            found = said.find(record.info.roomName.value_or(QString()));
+        BridgeView view = BridgeView::Unknown;
+        if (found != said.end() && record.offeredToBridge()) {
+            view = found->second == BridgeSpeakerState::Playing ? BridgeView::Playing
+                   : found->second == BridgeSpeakerState::Ready ? BridgeView::Ready
+                   : found->second == BridgeSpeakerState::Gone  ? BridgeView::Unresponsive
+                                                                : BridgeView::NotOffered;
+        } else if (running && record.offeredToBridge()) {
+            view = BridgeView::NotOffered;
+        }
+        changed = changed || record.bridgeView != view;
+        record.bridgeView = view;
+    }
+    if (!changed)
+        return;
+    m_tray.scheduleSpeakerItems();
+    if (m_lifecycle.state() == State::Running) // the only status that counts them
+        reportToServiceManager();
+    NotificationCenter::defaultCenter().post(Notifications::speakerStatesChanged);
 }
 
 void Controller::setNoTray(bool noTray)

@@ -17,6 +17,7 @@
 
 #include <QElapsedTimer>
 #include <QObject>
+#include <QSet>
 #include <QTimer>
 
 class Controller : public QObject,
@@ -94,6 +95,9 @@ private:
     BridgeOptions bridgeOptions(const std::vector<DeviceSettings> &records) const;
     // Tells systemd (under a Type=notify unit) the state, and once that start-up is done.
     void reportToServiceManager();
+    // Brings each record's bridgeView in line with what the bridge said; tells the tray, the
+    // service manager and the windows ("speakerStatesChanged") when something changed.
+    void showBridgeView();
 
     Services m_services;
     Platform m_platform;
@@ -105,7 +109,8 @@ private:
     TrayPresenter m_tray;
     Notices m_notices;
     Windows *m_windows = nullptr;
-    QStringList m_lookedIn; // where the missing bridge was looked for
+    QStringList m_lookedIn;       // where the missing bridge was looked for
+    QSet<QString> m_toldProblems; // the bridge's faults told to the user
     std::vector<NotificationCenter::Token> m_observers;
     QTimer m_applyTimer;
     QTimer m_retryTimer;

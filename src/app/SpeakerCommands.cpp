@@ -14,14 +14,13 @@ QString SpeakerCommands::formatList(const Settings &settings)
         return QStringLiteral("No speakers known yet.\n");
     QString text;
     for (const auto &[location, record] : settings.devices) {
-        const bool group = record.topology && !record.topology->coordinator;
-        text += QStringLiteral("%1  %2  %3%4\n    %5\n")
-                    .arg(record.active ? QStringLiteral("found    ") : QStringLiteral("not found"),
-                         record.enabled ? QStringLiteral("enabled ") : QStringLiteral("disabled"),
-                         QStringLiteral("\"%1\"").arg(record.name),
-                         group ? QStringLiteral(" (group member: played through its coordinator)")
-                               : QString(),
-                         absoluteString(location));
+        // The state column is what the running Corvel knows of the bridge.
+        const QString state = speakerStateText(record, settings.devices);
+        text +=
+            QStringLiteral("%1  %2  %3\n    %4\n")
+                .arg(record.enabled ? QStringLiteral("enabled ") : QStringLiteral("disabled"),
+                     QStringLiteral("\"%1\"").arg(record.name),
+                     state.isEmpty() ? QStringLiteral("found") : state, absoluteString(location));
     }
     return text;
 }

@@ -140,6 +140,7 @@ void AirConnect::launch(const QString &bridgePath, const std::vector<DeviceSetti
     m_process = process;
     const quint64 launch = m_launch;
     m_markerTail.clear();
+    forgetSpeakers();
 
     process->setProgram(bridgePath);
     // -b takes the interface's name: with an address the bridge would not follow a change of
@@ -259,6 +260,7 @@ void AirConnect::handleOutput(const QByteArray &chunk)
     const QString decoded = decoder.decode(chunk);
     if (decoder.hasError())
         return; // not UTF-8: dropped without a message
+    readLines(decoded);
     const QString text = decoded.trimmed();
     if (text.isEmpty())
         return;
@@ -284,6 +286,42 @@ void AirConnect::handleOutput(const QByteArray &chunk)
         m_recentOutput.append(line.trimmed());
     if (m_recentOutput.size() > recentLineCount)
         m_recentOutput.remove(0, m_recentOutput.size() - recentLineCount);
+}
+
+void AirConnect::readLines(const QString &decoded)
+{
+    QString pending = std::exchange(m_partialLine, QString()) + decoded;
+    const qsizetype end = pending.lastIndexOf(QLatin1Char('\n'));
+    m_partialLine = pending.mid(end + 1);
+    if (m_partialLine.size() > 4096)
+        m_partialLine.clear(); // no line of the bridge is this long
+    if (end < 0)
+        return;
+    pending.truncate(end);
+    if (!m_clock.isValid())
+        m_clock.start();
+    const qint64 now = m_clock.elapsed();
+    bool changed = false;
+    for (const QString &line : pending.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        changed = m_output.take(line, now) || changed;
+    while (const auto problem = m_output.takeProblem()) {
+        logWarning(category, problem->english);
+        NotificationCenter::defaultCenter().post(Notifications::bridgeProblem,
+                                                 {{UserInfoKey::launch, m_launch},
+                                                  {UserInfoKey::problem, problem->shown},
+                                                  {UserInfoKey::problemKind, int(problem->kind)}});
+    }
+    if (changed)
+        post(Notifications::bridgeSpeakersChanged);
+}
+
+void AirConnect::forgetSpeakers()
+{
+    m_partialLine.clear();
+    const bool knew = !m_output.speakers().empty();
+    m_output.reset();
+    if (knew)
+        post(Notifications::bridgeSpeakersChanged);
 }
 
 void AirConnect::reportUnloggedOutput()
@@ -314,6 +352,7 @@ void AirConnect::handleTermination(QProcess *process, quint64 launch)
     if (m_process == process)
         m_process = nullptr;
     m_ready = false;
+    forgetSpeakers();
     logInfo(category, QStringLiteral("Terminated"));
     // The bridge says "Cannot start" and exits 1 when the interface it serves has no IPv4
     // address yet: a network that is not ready, not a failing bridge.

@@ -2,6 +2,7 @@
 // Starts, watches and stops the AirConnect bridge, and reports it as events.
 #pragma once
 
+#include "BridgeOutput.h"
 #include "ConfigWriter.h"
 #include "DeviceSettings.h"
 
@@ -49,6 +50,9 @@ public:
                        const BridgeOptions &options = {}) const;
     // The last lines the bridge wrote (at most recentLineCount), oldest first.
     QStringList recentOutput() const { return m_recentOutput; }
+    // What the running bridge said of each speaker; empty while none runs. Changes are posted
+    // as "bridgeSpeakersChanged", faults it reported as "bridgeProblem".
+    const BridgeOutput &speakerOutput() const { return m_output; }
     static constexpr int recentLineCount = 10;
     // Which launch the bridge events are about; they carry it as UserInfoKey::launch.
     quint64 currentLaunch() const { return m_launch; }
@@ -90,10 +94,16 @@ private:
     QTimer m_startTimer;
     quint64 m_launch = 0; // counts launches, so late exits of older bridges are told apart
     QString m_configPath;
-    QString m_markerTail; // end of the previous chunk, so a marker split across reads matches
+    // Reads whole lines of the bridge's output into m_output.
+    void readLines(const QString &decoded);
+    void forgetSpeakers();
+    BridgeOutput m_output;
+    QString m_partialLine; // the output's last line until its end arrives
+    QString m_markerTail;  // end of the previous chunk, so a marker split across reads matches
     // Logs how much output went unlogged in the window that ended, if any.
     void reportUnloggedOutput();
     QElapsedTimer m_logWindow; // the second the logged output is counted in
+    QElapsedTimer m_clock;     // the times the output's lines are read at
     qint64 m_loggedBytes = 0;
     qint64 m_unloggedBytes = 0;
     bool m_bridgeMissing = false;

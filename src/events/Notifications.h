@@ -17,6 +17,12 @@ inline const QString serviceTerminated = QStringLiteral("serviceTerminated");
 inline const QString bridgeMissing = QStringLiteral("bridgeMissing");
 inline const QString appStopped = QStringLiteral("appStopped");
 inline const QString deviceSettingsChanged = QStringLiteral("deviceSettingsChanged");
+// The running bridge said something new of a speaker (offered, playing, grouped, gone).
+inline const QString bridgeSpeakersChanged = QStringLiteral("bridgeSpeakersChanged");
+// The bridge reported a fault; the payload says it in one sentence for the user.
+inline const QString bridgeProblem = QStringLiteral("bridgeProblem");
+// The controller brought the speakers' states in line with the bridge's.
+inline const QString speakerStatesChanged = QStringLiteral("speakerStatesChanged");
 } // namespace Notifications
 
 // Keys of the "deviceDiscovered", "deviceDeparted" and bridge payloads.
@@ -28,6 +34,9 @@ inline const QString lookedIn = QStringLiteral("lookedIn"); // QStringList, of "
 // bool, of "serviceTerminated": the bridge could not start for want of a network address.
 inline const QString cannotStart = QStringLiteral("cannotStart");
 inline const QString response = QStringLiteral("response");
+// QString and int, of "bridgeProblem": the sentence for the user, and BridgeProblem::Kind.
+inline const QString problem = QStringLiteral("problem");
+inline const QString problemKind = QStringLiteral("problemKind");
 inline const QString deviceInfo = QStringLiteral("deviceInfo");
 inline const QString deviceTopology = QStringLiteral("deviceTopology");
 } // namespace UserInfoKey

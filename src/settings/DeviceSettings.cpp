@@ -4,6 +4,7 @@
 #include "JsonReader.h"
 
 #include <algorithm>
+#include <QCoreApplication>
 
 std::optional<UserText> speakerNameProblem(const QString &name)
 {
@@ -70,4 +71,47 @@ std::optional<DeviceSettings> DeviceSettings::fromJson(const QJsonObject &object
     const auto nameChanged = object.value(QStringLiteral("nameChanged"));
     record.nameChanged = nameChanged.isBool() ? nameChanged.toBool() : false;
     return record;
+}
+
+QString speakerStateText(const DeviceSettings &record, const DeviceMap &devices)
+{
+    if (!record.active)
+        return QCoreApplication::translate("SpeakerState", "Not found");
+    if (record.topology && !record.topology->coordinator) {
+        // A member plays through its group's coordinator, which the bridge offers for both.
+        for (const auto &entry : devices) {
+            const DeviceSettings &other = entry.second;
+            if (other.topology && other.topology->coordinator &&
+                other.topology->group == record.topology->group)
+                return QCoreApplication::translate("SpeakerState", "In %1's group").arg(other.name);
+        }
+        return QCoreApplication::translate("SpeakerState", "In a group");
+    }
+    if (!record.enabled)
+        return QCoreApplication::translate("SpeakerState", "Not offered");
+    switch (record.bridgeView) {
+    case BridgeView::Unknown:
+        break;
+    case BridgeView::NotOffered:
+        return QCoreApplication::translate("SpeakerState", "Not offered by the bridge");
+    case BridgeView::Ready:
+        return QCoreApplication::translate("SpeakerState", "Ready");
+    case BridgeView::Playing:
+        return QCoreApplication::translate("SpeakerState", "Playing");
+    case BridgeView::Unresponsive:
+        return QCoreApplication::translate("SpeakerState", "Not answering");
+    }
+    return {};
+}
+
+std::pair<int, int> readyAndPlaying(const DeviceMap &devices)
+{
+    int ready = 0;
+    int playing = 0;
+    for (const auto &entry : devices) {
+        const BridgeView view = entry.second.bridgeView;
+        ready += view == BridgeView::Ready || view == BridgeView::Playing ? 1 : 0;
+        playing += view == BridgeView::Playing ? 1 : 0;
+    }
+    return {ready, playing};
 }

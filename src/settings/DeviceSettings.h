@@ -7,6 +7,9 @@
 
 #include <map>
 
+// What the running bridge does with a speaker; known only while Corvel runs, never stored.
+enum class BridgeView { Unknown, NotOffered, Ready, Playing, Unresponsive };
+
 struct DeviceSettings
 {
     QString name;
@@ -15,6 +18,7 @@ struct DeviceSettings
     bool active = false; // found since this process read or created the record; never stored
     bool enabled = true;
     bool nameChanged = false;
+    BridgeView bridgeView = BridgeView::Unknown; // never stored
 
     // True when the bridge is to offer the speaker: a known coordinator, found in this
     // run and enabled by the user.
@@ -34,3 +38,9 @@ constexpr int maxSpeakerNameBytes = 50;
 std::optional<UserText> speakerNameProblem(const QString &name);
 
 using DeviceMap = std::map<LocationKey, DeviceSettings>;
+
+// The speaker's state in a few words of the user's language ("Playing", "Ready", "In Living
+// Room's group", "Not offered by the bridge"); empty when there is nothing to say (no bridge).
+QString speakerStateText(const DeviceSettings &record, const DeviceMap &devices);
+// How many offered speakers the bridge has ready (playing ones included) and playing.
+std::pair<int, int> readyAndPlaying(const DeviceMap &devices);

@@ -9,9 +9,13 @@
 
 namespace {
 // A speaker's name as a menu item shows it: a lone "&" would become a keyboard mnemonic.
-QString menuItemText(QString name)
+// The speaker's name and, after a dash, what it is doing.
+QString menuItemText(const DeviceSettings &record, const DeviceMap &devices)
 {
-    return name.replace(QLatin1Char('&'), QStringLiteral("&&"));
+    QString name = record.name;
+    name.replace(QLatin1Char('&'), QStringLiteral("&&"));
+    const QString state = speakerStateText(record, devices);
+    return state.isEmpty() ? name : name + QStringLiteral(" — ") + state;
 }
 } // namespace
 
@@ -140,8 +144,10 @@ QString TrayPresenter::toolTip() const
     if (state != State::Running)
         return statusTitle(state);
     const int offered = offeredCount();
-    return offered == 1 ? tr("Corvel: Running — 1 speaker")
-                        : tr("Corvel: Running — %1 speakers").arg(offered);
+    const auto [ready, playing] = readyAndPlaying(m_settings().devices);
+    const QString speakers = offered == 1 ? tr("Corvel: Running — 1 speaker")
+                                          : tr("Corvel: Running — %1 speakers").arg(offered);
+    return speakers + QLatin1Char('\n') + tr("%1 ready, %2 playing").arg(ready).arg(playing);
 }
 
 void TrayPresenter::updateSpeakerItems()
@@ -160,7 +166,7 @@ void TrayPresenter::updateSpeakerItems()
             item = makeSpeakerItem(record);
             added.append({item, int(items.size())});
         } else {
-            const QString text = menuItemText(record.name);
+            const QString text = menuItemText(record, m_settings().devices);
             if (item->text() != text)
                 item->setText(text);
             item->setChecked(record.enabled);
@@ -209,7 +215,7 @@ void TrayPresenter::scheduleSpeakerItems()
 
 QAction *TrayPresenter::makeSpeakerItem(const DeviceSettings &record)
 {
-    auto *item = new QAction(menuItemText(record.name), &m_menu);
+    auto *item = new QAction(menuItemText(record, m_settings().devices), &m_menu);
     item->setCheckable(true);
     item->setChecked(record.enabled);
     item->setEnabled(false);

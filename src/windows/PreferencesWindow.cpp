@@ -183,6 +183,7 @@ void PreferencesWindow::startObserving()
     observe(Notifications::appStopped, buttonAndSpinner);
     observe(Notifications::bridgeMissing, buttonAndSpinner);
     observe(Notifications::deviceSettingsChanged, &PreferencesWindow::showSaveState);
+    observe(Notifications::speakerStatesChanged, &PreferencesWindow::reloadData);
 
     m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
     updateSoundOutputsCheckBox();
@@ -323,7 +324,7 @@ QListWidgetItem *PreferencesWindow::addRow(int index, const QUrl &location,
 void PreferencesWindow::fillRow(QListWidgetItem *item, const DeviceSettings &record)
 {
     auto *rowView = qobject_cast<SpeakerRow *>(m_ui->tableView->itemWidget(item));
-    rowView->fill(record);
+    rowView->fill(record, speakerStateText(record, m_controls.settings().devices));
     item->setData(Qt::AccessibleTextRole, record.name);
     // Corvel's own speaker stands in until (or unless) the speaker's icon arrives; it is
     // drawn once, not for every row of every reload.

@@ -108,7 +108,7 @@ void SpeakerRow::setNoSpeakersFound(bool noSpeakers)
         control->setVisible(!noSpeakers);
 }
 
-void SpeakerRow::fill(const DeviceSettings &record)
+void SpeakerRow::fill(const DeviceSettings &record, const QString &state)
 {
     // A name being edited is the user's until the edit ends.
     if (!isRenaming() && m_titleField->text() != record.name) {
@@ -116,7 +116,10 @@ void SpeakerRow::fill(const DeviceSettings &record)
         m_titleField->setCursorPosition(0); // a long name shows its start
     }
     // A speaker that plays AirPlay itself starts not offered; the row says why.
-    const QString place = record.info.friendlyName.value_or(record.info.location.host());
+    // What the speaker is doing comes first, then where it is.
+    QString place = record.info.friendlyName.value_or(record.info.location.host());
+    if (!state.isEmpty())
+        place = state + QStringLiteral(" · ") + place;
     const bool ownAirPlay = record.info.hasOwnAirPlay();
     m_subtitleLabel->setText(ownAirPlay ? tr("%1 — Already an AirPlay speaker").arg(place) : place);
     m_subtitleLabel->setToolTip(ownAirPlay ? tr("This speaker plays AirPlay itself: offered "

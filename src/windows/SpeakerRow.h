@@ -28,7 +28,8 @@ public:
     // Shows the no-speakers message alone, or the speaker's controls.
     void setNoSpeakersFound(bool noSpeakers);
     // Shows the record's name (unless it is being edited), subtitle and choice.
-    void fill(const DeviceSettings &record);
+    // state: what the speaker is doing, in a few words (empty: nothing to say).
+    void fill(const DeviceSettings &record, const QString &state = {});
     // Draws the row as the list's current one.
     void setCurrent(bool current);
 

@@ -31,6 +31,7 @@ struct FakeWorld
     int searchStops = 0;
     int starts = 0;
     int shutdowns = 0;
+    std::map<QString, BridgeSpeakerState> said; // what the bridge says of the speakers
     bool running = false;
     bool watching = false;
     bool slowStop = false; // a stopped bridge exits only when the test says so
@@ -86,6 +87,9 @@ struct FakeWorld
         };
         s.bridgeOutput = [] {
             return QStringList{"last words"};
+        };
+        s.bridgeSpeakers = [this] {
+            return said;
         };
         s.watch = [this](bool on) {
             watching = on;
@@ -344,6 +348,7 @@ void TestApp::tellsTheServiceManager()
     std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
     QCOMPARE(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     qputenv("NOTIFY_SOCKET", path);
+    m_world->said = {{QStringLiteral("Room 1"), BridgeSpeakerState::Playing}};
     m_app->start();
     discover(1);
     post(Notifications::discoveryComplete);
@@ -356,8 +361,9 @@ void TestApp::tellsTheServiceManager()
     for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
         messages << QString::fromUtf8(buffer, int(n));
     ::close(fd);
+    // The bridge names the speaker by its room: it is told as playing.
     QCOMPARE(messages, QStringList({"STATUS=Looking For Speakers...", "STATUS=Starting...\nREADY=1",
-                                    "STATUS=Running: 1 speaker offered"}));
+                                    "STATUS=Running: 1 speaker offered, 1 ready, 1 playing"}));
 }
 
 void TestApp::speakerCommands()
@@ -383,8 +389,10 @@ void TestApp::speakerCommands()
     QCOMPARE(SpeakerCommands::setEnabled(*settings, QString(5000, 'x'), true, &error), 2);
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(5000, 'x'), &error), 2);
     QVERIFY(error.size() < 100);
-    QVERIFY(SpeakerCommands::formatList(*settings).startsWith(
-        QStringLiteral("found      disabled  \"Room 1 - One\"\n")));
+    const QString list = SpeakerCommands::formatList(*settings);
+    QVERIFY2(list.startsWith(QStringLiteral("disabled  \"Room 1 - One\"  Not offered\n")),
+             qPrintable(list));
+    QVERIFY(list.contains(QStringLiteral("\"Room 2 - One\"  In Room 1 - One's group\n")));
     // A change that could not be saved is no success (a full or read-only disk).
     auto &store = static_cast<MemorySettingsStorage &>(settings->storage());
     store.failure = QStringLiteral("No space left on device");

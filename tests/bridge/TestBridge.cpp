@@ -5,6 +5,7 @@
 #include "AtomicFile.h"
 #include "BridgeLocator.h"
 #include "BridgeNetwork.h"
+#include "BridgeOutput.h"
 #include "BuildConfig.h"
 #include "ConfigWriter.h"
 #include "NotificationCenter.h"
@@ -51,6 +52,8 @@ private slots:
     void configFile();
     void handleOutput_data();
     void handleOutput();
+    void speakersFromOutput_data();
+    void speakersFromOutput();
     void launchReadyAndStop();
     void servesTheNamedInterface();
     void aFileThatCannotBeWrittenStartsNoBridge();
@@ -189,6 +192,101 @@ void TestBridge::handleOutput()
     QCOMPARE(capture.lines(), expected);
     bridge.handleOutput("adding renderer again"); // readiness is posted once
     QCOMPARE(events.names(), QStringList{"serviceReady"});
+}
+
+void TestBridge::speakersFromOutput_data()
+{
+    // Lines as the bridge prints them (six decimals before late 2023, three since); "+N"
+    // lets N ms pass. speakers: "name=state" (Ready, Playing, Member, Gone); problems: kinds.
+    QTest::addColumn<QStringList>("lines");
+    QTest::addColumn<QStringList>("speakers");
+    QTest::addColumn<QList<int>>("problems");
+    const QString add = "[12:00:01.%1] AddMRDevice:1021 [0x55d0a0%2]: adding renderer (%3) with "
+                        "mac BBBB662697CA";
+    const auto added = [&](const QString &pointer, const QString &name, bool wide = false) {
+        return add.arg(wide ? "123456" : "123", pointer, name);
+    };
+    using P = BridgeProblem;
+    QTest::newRow("added, either timestamp width")
+        << QStringList{added("10", "Living Room"), added("20", "Master Bathroom", true)}
+        << QStringList{"Living Room=Ready", "Master Bathroom=Ready"} << QList<int>{};
+    QTest::newRow("plays, then the bridge stops it")
+        << QStringList{added("10", "Den"),
+                       "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI "
+                       "http://x/stream-1.wav "
+                       "(cookie 0x1)",
+                       "[12:00:03.001] ActionHandler:410 [0x55d0a010]: uPNP playing",
+                       "[12:00:09.001] HandleRAOP:700 [0x55d0a010]: Stop"}
+        << QStringList{"Den=Ready"} << QList<int>{};
+    QTest::newRow("playing") << QStringList{added("10", "Den"),
+                                            "[12:00:03.001] ActionHandler:410 [0x55d0a010]: uPNP "
+                                            "playing"}
+                             << QStringList{"Den=Playing"} << QList<int>{};
+    QTest::newRow("a member is skipped, a coordinator becomes one")
+        << QStringList{added("10", "Den"),
+                       "[12:00:01.500] AddMRDevice:990 [0x55d0a030] skipping Sonos slave Kitchen",
+                       "[12:00:04.000] UpdateThread:1200 [0x55d0a010]: Sonos Study is now slave"}
+        << QStringList{"Den=Member", "Kitchen=Member"} << QList<int>{};
+    QTest::newRow("removed; its pointer reused by the next speaker")
+        << QStringList{added("10", "Den"),
+                       "[12:05:00.000] UpdateThread:1300 [0x55d0a010]: removing unresponsive "
+                       "player (Study)",
+                       "[12:05:00.500] ActionHandler:410 [0x55d0a010]: uPNP playing",
+                       added("10", "Patio")}
+        << QStringList{"Den=Gone", "Patio=Ready"} << QList<int>{};
+    QTest::newRow("bye-bye") << QStringList{added("10", "Den"),
+                                            "[12:05:00.000] HandleDevice:800 [0x55d0a010]: "
+                                            "renderer <Study> bye-bye, doing a targeted search"}
+                             << QStringList{"Den=Gone"} << QList<int>{};
+    QTest::newRow("the speaker drops the stream it just fetched")
+        << QStringList{added("10", "Den"),
+                       "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI http://x (cookie "
+                       "0x1)",
+                       "+10000", "[12:00:12.001] ActionHandler:420 [0x55d0a010]: uPNP stopped"}
+        << QStringList{"Den=Ready"} << QList<int>{P::StreamDropped};
+    QTest::newRow("stopped long after fetching: no problem")
+        << QStringList{added("10", "Den"),
+                       "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI http://x (cookie "
+                       "0x1)",
+                       "+20000", "[12:00:22.001] ActionHandler:420 [0x55d0a010]: uPNP stopped"}
+        << QStringList{"Den=Ready"} << QList<int>{};
+    QTest::newRow("the bridge's faults")
+        << QStringList{"[09:00:00.000000] Start:300 UPnP init in 192.0.2.4:49152 (eth0) failed: "
+                       "-203",
+                       "[09:00:00.000] raopsr_create:99 Cannot bind or listen RTSP listener: "
+                       "Address in use",
+                       "[09:00:00.000] UpdateThread:700 [0x55d0a040]: cannot create RAOP "
+                       "instance (Den)"}
+        << QStringList{} << QList<int>{P::UpnpFailed, P::PortsInUse, P::TargetFailed};
+    QTest::newRow("unknown lines and other pointers change nothing")
+        << QStringList{"Starting airupnp version: 1.8.3", "[0x7f00]: uPNP playing",
+                       "[12:00:00.000] main:10 adding renderer without a pointer", "garbage ["}
+        << QStringList{} << QList<int>{};
+}
+
+void TestBridge::speakersFromOutput()
+{
+    QFETCH(QStringList, lines);
+    QFETCH(QStringList, speakers);
+    QFETCH(QList<int>, problems);
+    BridgeOutput output;
+    qint64 now = 0;
+    for (const QString &line : lines) {
+        if (line.startsWith('+'))
+            now += line.mid(1).toLongLong();
+        else
+            output.take(line, now);
+    }
+    QStringList said;
+    for (const auto &[name, state] : output.speakers())
+        said << name + "=" + QStringList{"Ready", "Playing", "Member", "Gone"}.at(int(state));
+    QCOMPARE(said, speakers);
+    QList<int> kinds;
+    while (const auto problem = output.takeProblem()) {
+        QVERIFY(!problem->shown.isEmpty() && !problem->english.contains("%1"));
+        kinds << problem->kind;
+    }
+    QCOMPARE(kinds, problems);
 }
 
 void TestBridge::launchReadyAndStop()

@@ -44,7 +44,7 @@ void TestTray::showsTheState_data()
     };
     row("running: the tool tip counts the offered speakers",
         {E::SearchStarted, E::BridgeStarted, E::BridgeReady}, T::statusRunning, T::commandTurnOff,
-        TrayLook::Running, QStringLiteral("Corvel: Running — 2 speakers"));
+        TrayLook::Running, QStringLiteral("Corvel: Running — 2 speakers\n0 ready, 0 playing"));
     row("retrying is a problem",
         {E::SearchStarted, E::BridgeStarted, E::BridgeReady, E::BridgeEnded}, T::statusRetrying,
         T::commandTurnOff, TrayLook::Problem);
@@ -101,6 +101,7 @@ void TestTray::speakerItems()
     for (int n : {3, 1, 2})
         settings->mergeDiscoveredSpeaker(speaker(n), {n != 1, "G"});
     settings->setDeviceEnabled(speaker(2).location, false);
+    settings->devices.at(speaker(3).location).bridgeView = BridgeView::Playing;
     tray.updateSpeakerItems();
     const QList<QAction *> actions = menu->actions();
     QCOMPARE(actions.size(), 13);
@@ -109,7 +110,9 @@ void TestTray::speakerItems()
         names << item->text();
         QVERIFY(item->isCheckable() && !item->isEnabled());
     }
-    QCOMPARE(names, QStringList({"Room 1 - One", "Room 2 - One", "Room 3 - One"})); // by location
+    // By location, each with what it is doing.
+    QCOMPARE(names, QStringList({"Room 1 - One — In Room 2 - One's group",
+                                 "Room 2 - One — Not offered", "Room 3 - One — Playing"}));
     QCOMPARE(tray.speakerItems(), actions.mid(TrayPresenter::firstDeviceMenuIndex, 3));
     QCOMPARE(actions.at(7), formerFourth);
     QVERIFY(!tray.speakerItems()[1]->isChecked() && tray.speakerItems()[2]->isChecked());
@@ -118,7 +121,7 @@ void TestTray::speakerItems()
     QVERIFY(settings->renameDevice(speaker(1).location, "Kids & Guests"));
     tray.updateSpeakerItems();
     QCOMPARE(tray.speakerItems()[0], first);
-    QCOMPARE(first->text(), QStringLiteral("Kids && Guests"));
+    QCOMPARE(first->text(), QStringLiteral("Kids && Guests — In Room 2 - One's group"));
     // Past twelve speakers they move into the "Speakers" submenu; the menu keeps its length.
     for (int n = 4; n <= TrayPresenter::maxInlineSpeakers + 1; ++n)
         settings->mergeDiscoveredSpeaker(speaker(n), {true, "G"});

@@ -146,7 +146,10 @@ void TestPreferences::rows()
     }
     for (int i = 0; i < m_window->rowCount(); ++i) {
         SpeakerRow *row = m_window->row(i);
-        QCOMPARE(row->subtitleLabel()->text(), row->deviceLocation->host());
+        const bool offered = row->deviceLocation != location(2);
+        QCOMPARE(row->subtitleLabel()->text(),
+                 (offered ? QString() : QStringLiteral("Not offered · ")) +
+                     row->deviceLocation->host());
         QCOMPARE(row->checkbox()->isChecked(), row->deviceLocation != location(2));
     }
     // A long name shows its start; a speaker that plays AirPlay itself says so.
@@ -444,7 +447,7 @@ void TestPreferences::startStopAndObservers()
     m_controls->add(1);
     m_controls->bridge = true;
     m_window->show();
-    QCOMPARE(m_window->observerCount(), 9);
+    QCOMPARE(m_window->observerCount(), 10);
     startStop()->click();
     QCOMPARE(m_controls->bridgeStops, 1);
     QCOMPARE(startStop()->text(), QStringLiteral("&Start"));
@@ -456,7 +459,7 @@ void TestPreferences::startStopAndObservers()
     m_window->hide();
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before);
     m_window->show();
-    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 9);
+    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 10);
 }
 
 void TestPreferences::aFailedSaveIsShownUntilOneSucceeds()

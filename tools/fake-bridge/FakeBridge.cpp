@@ -2,7 +2,10 @@
 // Behaves like the AirConnect bridge as far as Corvel can see, steered by environment:
 //   FAKE_BRIDGE_RECORD_DIR   write args.txt (one argument a line), config.xml (a copy of
 //                            the -x file) and pid there at start
-//   FAKE_BRIDGE_READY_MS     print "adding renderer ..." after this many ms (never if unset)
+//   FAKE_BRIDGE_READY_MS     after this many ms, print "adding renderer" as the bridge does for
+//                            each enabled speaker of the -x file (a made-up one if none),
+//                            then each line of FAKE_BRIDGE_SAY (lines in the bridge's
+//                            language, "@N" standing for the Nth speaker's pointer)
 //   FAKE_BRIDGE_EXIT_MS      exit by itself after this many ms, with FAKE_BRIDGE_EXIT_CODE
 //   FAKE_BRIDGE_CRASH_MS     abort after this many ms
 //   FAKE_BRIDGE_IGNORE_TERM  1: ignore SIGTERM
@@ -18,10 +21,12 @@
 #include <cstring>
 #include <fstream>
 #include <ifaddrs.h>
+#include <iterator>
 #include <netinet/in.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 volatile std::sig_atomic_t g_terminate = 0;
@@ -55,10 +60,60 @@ void say(const std::string &line)
     std::fputs((line + "\n").c_str(), stderr);
     std::fflush(stderr);
 }
+
+// The names of the enabled <device> entries of the bridge's file, in order.
+std::vector<std::string> offeredNames(const std::string &config)
+{
+    std::vector<std::string> names;
+    for (size_t at = config.find("<device>"); at != std::string::npos;
+         at = config.find("<device>", at + 1)) {
+        const size_t end = config.find("</device>", at);
+        const std::string device = config.substr(at, end - at);
+        const size_t name = device.find("<name>");
+        if (name == std::string::npos || device.find("<enabled>1</enabled>") == std::string::npos)
+            continue;
+        names.push_back(device.substr(name + 6, device.find("</name>") - name - 6));
+    }
+    return names;
+}
+
+// Prints what the real bridge prints once it has found the speakers: "[HH:MM:SS.mmm]
+// Function:LINE [pointer]: adding renderer (name) with mac ...", then the scripted lines
+// (older bridges' six-decimal stamps).
+void announce(const std::vector<std::string> &names)
+{
+    std::vector<std::string> pointers;
+    for (size_t i = 0; i < names.size(); ++i) {
+        pointers.push_back("0x55d0a0" + std::to_string(10 + i * 10));
+        say("[00:00:00.500] AddMRDevice:1021 [" + pointers.back() + "]: adding renderer (" +
+            names[i] + ") with mac 48A6B800000" + std::to_string(i));
+    }
+    const char *script = std::getenv("FAKE_BRIDGE_SAY");
+    std::string lines = script ? script : "";
+    for (size_t start = 0; start < lines.size();) {
+        size_t end = lines.find('\n', start);
+        if (end == std::string::npos)
+            end = lines.size();
+        std::string line = lines.substr(start, end - start);
+        for (size_t at; (at = line.find('@')) != std::string::npos;) {
+            const size_t index = size_t(std::strtoul(line.c_str() + at + 1, nullptr, 10));
+            line.replace(at, 2, index < pointers.size() ? pointers[index] : "0x0");
+        }
+        say("[00:00:01.000000] UpdateThread:700 " + line);
+        start = end + 1;
+    }
+}
 } // namespace
 
 int main(int argc, char **argv)
 {
+    std::string configText;
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], "-x") == 0) {
+            std::ifstream config(argv[i + 1], std::ios::binary);
+            configText.assign(std::istreambuf_iterator<char>(config), {});
+        }
+    }
     const char *recordDir = std::getenv("FAKE_BRIDGE_RECORD_DIR");
     if (recordDir && *recordDir) {
         std::ofstream args(std::string(recordDir) + "/args.txt");
@@ -107,8 +162,10 @@ int main(int argc, char **argv)
             return 0;
         }
         if (!announced && readyMs >= 0 && elapsed >= readyMs) {
-            say("[00:00:00.500000] AddMRDevice:     adding renderer (Living Room) with mac "
-                "48-A6-B8-00-00-01");
+            std::vector<std::string> names = offeredNames(configText);
+            if (names.empty())
+                names = {"Living Room"};
+            announce(names);
             announced = true;
         }
         if (crashMs >= 0 && elapsed >= crashMs)
