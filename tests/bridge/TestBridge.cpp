@@ -201,6 +201,7 @@ void TestBridge::speakersFromOutput_data()
     QTest::addColumn<QStringList>("lines");
     QTest::addColumn<QStringList>("speakers");
     QTest::addColumn<QList<int>>("problems");
+    QTest::addColumn<int>("changes"); // lines that changed what is known of the speakers
     const QString add = "[12:00:01.%1] AddMRDevice:1021 [0x55d0a0%2]: adding renderer (%3) with "
                         "mac BBBB662697CA";
     const auto added = [&](const QString &pointer, const QString &name, bool wide = false) {
@@ -209,7 +210,7 @@ void TestBridge::speakersFromOutput_data()
     using P = BridgeProblem;
     QTest::newRow("added, either timestamp width")
         << QStringList{added("10", "Living Room"), added("20", "Master Bathroom", true)}
-        << QStringList{"Living Room=Ready", "Master Bathroom=Ready"} << QList<int>{};
+        << QStringList{"Living Room=Ready", "Master Bathroom=Ready"} << QList<int>{} << 2;
     QTest::newRow("plays, then the bridge stops it")
         << QStringList{added("10", "Den"),
                        "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI "
@@ -217,39 +218,39 @@ void TestBridge::speakersFromOutput_data()
                        "(cookie 0x1)",
                        "[12:00:03.001] ActionHandler:410 [0x55d0a010]: uPNP playing",
                        "[12:00:09.001] HandleRAOP:700 [0x55d0a010]: Stop"}
-        << QStringList{"Den=Ready"} << QList<int>{};
+        << QStringList{"Den=Ready"} << QList<int>{} << 3;
     QTest::newRow("playing") << QStringList{added("10", "Den"),
                                             "[12:00:03.001] ActionHandler:410 [0x55d0a010]: uPNP "
                                             "playing"}
-                             << QStringList{"Den=Playing"} << QList<int>{};
+                             << QStringList{"Den=Playing"} << QList<int>{} << 2;
     QTest::newRow("a member is skipped, a coordinator becomes one")
         << QStringList{added("10", "Den"),
                        "[12:00:01.500] AddMRDevice:990 [0x55d0a030] skipping Sonos slave Kitchen",
                        "[12:00:04.000] UpdateThread:1200 [0x55d0a010]: Sonos Study is now slave"}
-        << QStringList{"Den=Member", "Kitchen=Member"} << QList<int>{};
+        << QStringList{"Den=Member", "Kitchen=Member"} << QList<int>{} << 3;
     QTest::newRow("removed; its pointer reused by the next speaker")
         << QStringList{added("10", "Den"),
                        "[12:05:00.000] UpdateThread:1300 [0x55d0a010]: removing unresponsive "
                        "player (Study)",
                        "[12:05:00.500] ActionHandler:410 [0x55d0a010]: uPNP playing",
                        added("10", "Patio")}
-        << QStringList{"Den=Gone", "Patio=Ready"} << QList<int>{};
+        << QStringList{"Den=Gone", "Patio=Ready"} << QList<int>{} << 3;
     QTest::newRow("bye-bye") << QStringList{added("10", "Den"),
                                             "[12:05:00.000] HandleDevice:800 [0x55d0a010]: "
                                             "renderer <Study> bye-bye, doing a targeted search"}
-                             << QStringList{"Den=Gone"} << QList<int>{};
+                             << QStringList{"Den=Gone"} << QList<int>{} << 2;
     QTest::newRow("the speaker drops the stream it just fetched")
         << QStringList{added("10", "Den"),
                        "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI http://x (cookie "
                        "0x1)",
                        "+10000", "[12:00:12.001] ActionHandler:420 [0x55d0a010]: uPNP stopped"}
-        << QStringList{"Den=Ready"} << QList<int>{P::StreamDropped};
+        << QStringList{"Den=Ready"} << QList<int>{P::StreamDropped} << 1;
     QTest::newRow("stopped long after fetching: no problem")
         << QStringList{added("10", "Den"),
                        "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI http://x (cookie "
                        "0x1)",
                        "+20000", "[12:00:22.001] ActionHandler:420 [0x55d0a010]: uPNP stopped"}
-        << QStringList{"Den=Ready"} << QList<int>{};
+        << QStringList{"Den=Ready"} << QList<int>{} << 1;
     QTest::newRow("the bridge's faults")
         << QStringList{"[09:00:00.000000] Start:300 UPnP init in 192.0.2.4:49152 (eth0) failed: "
                        "-203",
@@ -257,11 +258,11 @@ void TestBridge::speakersFromOutput_data()
                        "Address in use",
                        "[09:00:00.000] UpdateThread:700 [0x55d0a040]: cannot create RAOP "
                        "instance (Den)"}
-        << QStringList{} << QList<int>{P::UpnpFailed, P::PortsInUse, P::TargetFailed};
+        << QStringList{} << QList<int>{P::UpnpFailed, P::PortsInUse, P::TargetFailed} << 0;
     QTest::newRow("unknown lines and other pointers change nothing")
         << QStringList{"Starting airupnp version: 1.8.3", "[0x7f00]: uPNP playing",
                        "[12:00:00.000] main:10 adding renderer without a pointer", "garbage ["}
-        << QStringList{} << QList<int>{};
+        << QStringList{} << QList<int>{} << 0;
 }
 
 void TestBridge::speakersFromOutput()
@@ -269,14 +270,17 @@ void TestBridge::speakersFromOutput()
     QFETCH(QStringList, lines);
     QFETCH(QStringList, speakers);
     QFETCH(QList<int>, problems);
+    QFETCH(int, changes);
     BridgeOutput output;
     qint64 now = 0;
+    int changed = 0;
     for (const QString &line : lines) {
         if (line.startsWith('+'))
             now += line.mid(1).toLongLong();
         else
-            output.take(line, now);
+            changed += output.take(line, now) ? 1 : 0;
     }
+    QCOMPARE(changed, changes);
     QStringList said;
     for (const auto &[name, state] : output.speakers())
         said << name + "=" + QStringList{"Ready", "Playing", "Member", "Gone"}.at(int(state));

@@ -95,6 +95,12 @@ void TestLifecycle::rules_data()
     row("running, the bridge ends by itself -> retry in 2 s, told once",
         {"@running", "-bridge", "exit"}, S::Retrying,
         {"AllowSleep", "TellRetrying", "StartRetryTimer"});
+    row("four ends, off and on, one more -> a first failure again, not the give-up",
+        {"@crashed",      "retry",       "+bridge", "started", "-bridge", "exit",
+         "retry",         "+bridge",     "started", "-bridge", "exit",    "retry",
+         "+bridge",       "started",     "-bridge", "exit",    "onoff",   "onoff",
+         "searchStarted", "searchEnded", "+bridge", "started", "-bridge", "exit"},
+        S::Retrying, {"AllowSleep", "TellRetrying", "StartRetryTimer"});
     row("retrying, the restart cannot launch -> another failure, not told again",
         {"@crashed", "retry", "launchFailed"}, S::Retrying, {"StartRetryTimer"});
     row("retrying, ends again -> retry, not told again", {"@crashed", "retry", "started", "exit"},
