@@ -344,8 +344,8 @@
     </message>
     <message>
         <location line="+5"/>
-        <source>Checked speakers are offered as AirPlay sound outputs. Click a name, or press F2, to rename it. Only the coordinator of each speaker group is listed.</source>
-        <translation>Angehakte Lautsprecher werden als AirPlay-Tonausgänge angeboten. Klicken Sie auf einen Namen oder drücken Sie F2, um ihn umzubenennen. Von jeder Lautsprechergruppe steht nur der Koordinator in der Liste.</translation>
+        <source>Checked speakers are offered as AirPlay sound outputs. Click a name, or press F2, to rename it. Group members are listed under the speaker that plays for their group.</source>
+        <translation>Angehakte Lautsprecher werden als AirPlay-Tonausgänge angeboten. Klicken Sie auf einen Namen oder drücken Sie F2, um ihn umzubenennen. Gruppenmitglieder stehen unter dem Lautsprecher, der für ihre Gruppe spielt.</translation>
     </message>
     <message>
         <location line="+9"/>
@@ -359,7 +359,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+457"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+490"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -394,7 +394,7 @@
         <translation>Verzögerung</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-374"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-407"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
@@ -404,7 +404,7 @@
         <translation>Ihre Änderungen konnten nicht gespeichert werden (%1). Sie gelten, bis Corvel beendet wird, und Corvel versucht dann erneut, sie zu speichern.</translation>
     </message>
     <message>
-        <location line="+339"/>
+        <location line="+372"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>
@@ -550,7 +550,7 @@
         <translation>Dieser Lautsprecher spielt selbst AirPlay: zusätzlich über die Brücke angeboten, erscheint er doppelt.</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+11"/>
         <source>Offer %1</source>
         <translation>%1 anbieten</translation>
     </message>

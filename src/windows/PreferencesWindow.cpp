@@ -201,10 +201,29 @@ void PreferencesWindow::stopObserving()
 }
 
 namespace {
-// A row is shown for each group coordinator found in this run.
+// A row is shown for each speaker found in this run; members follow their coordinator.
 bool isListed(const DeviceSettings &record)
 {
-    return record.active && record.topology && record.topology->coordinator;
+    return record.active && record.topology;
+}
+
+bool isMember(const DeviceSettings &record)
+{
+    return record.topology && !record.topology->coordinator;
+}
+
+// The name a row sorts under: its group coordinator's, for a member whose coordinator is found.
+const QString &groupName(const DeviceSettings &record, const DeviceMap &devices)
+{
+    if (isMember(record)) {
+        for (const auto &entry : devices) {
+            const DeviceSettings &other = entry.second;
+            if (other.active && other.topology && other.topology->coordinator &&
+                other.topology->group == record.topology->group)
+                return other.name;
+        }
+    }
+    return record.name;
 }
 } // namespace
 
@@ -247,17 +266,30 @@ void PreferencesWindow::layoutRows()
     collator.setNumericMode(true);
     collator.setCaseSensitivity(Qt::CaseInsensitive);
     // Sort keys are made once per name: a household of hundreds sorts in a millisecond.
-    std::vector<std::pair<QCollatorSortKey, const DeviceMap::value_type *>> sorted;
+    struct Sorted
+    {
+        QCollatorSortKey group;
+        bool member;
+        QCollatorSortKey name;
+        const DeviceMap::value_type *entry;
+    };
+    std::vector<Sorted> sorted;
     for (const auto &entry : devices) {
         if (isListed(entry.second) || (searching && m_items.contains(entry.first.url)))
-            sorted.emplace_back(collator.sortKey(entry.second.name), &entry);
+            sorted.push_back({collator.sortKey(groupName(entry.second, devices)),
+                              isMember(entry.second), collator.sortKey(entry.second.name), &entry});
     }
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const auto &a, const auto &b) { return a.first.compare(b.first) < 0; });
+    std::stable_sort(sorted.begin(), sorted.end(), [](const Sorted &a, const Sorted &b) {
+        if (const int group = a.group.compare(b.group))
+            return group < 0;
+        if (a.member != b.member)
+            return b.member;
+        return a.name.compare(b.name) < 0;
+    });
     std::vector<const DeviceMap::value_type *> shown;
     shown.reserve(sorted.size());
     for (const auto &entry : sorted)
-        shown.push_back(entry.second);
+        shown.push_back(entry.entry);
 
     QSet<QUrl> keep;
     for (const auto *entry : shown)
@@ -402,7 +434,8 @@ bool PreferencesWindow::tableKeyPressed(const QKeyEvent *event)
         return false;
     switch (event->key()) {
     case Qt::Key_Space:
-        rowView->checkbox()->click();
+        if (!rowView->checkbox()->isHidden()) // a group member has no choice of its own
+            rowView->checkbox()->click();
         return true;
     case Qt::Key_F2:
     case Qt::Key_Return:

@@ -125,8 +125,12 @@ void SpeakerRow::fill(const DeviceSettings &record, const QString &state)
     m_subtitleLabel->setToolTip(ownAirPlay ? tr("This speaker plays AirPlay itself: offered "
                                                 "through the bridge too, it is listed twice.")
                                            : QString());
-    // The row shows the record's choice, so the window and the tray's check marks agree.
+    // The row shows the record's choice, so the window and the tray's check marks agree. A
+    // group member has no choice of its own (its coordinator plays for it): indented, no box.
     m_checkbox->setChecked(record.enabled);
+    const bool member = record.topology && !record.topology->coordinator;
+    m_checkbox->setVisible(!member);
+    layout()->setContentsMargins(member ? 36 : 8, 4, 8, 4);
     // Told to assistive technology only when the name changes, not on every reload.
     if (std::exchange(m_accessibleFor, record.name) != record.name) {
         m_checkbox->setAccessibleName(tr("Offer %1").arg(record.name));

@@ -121,7 +121,8 @@ void TestPreferences::rows_data()
     QTest::addColumn<QStringList>("names");
     QTest::newRow("none: the no-speakers row") << QList<int>() << QStringList{QString()};
     QTest::newRow("natural order of names, not of addresses")
-        << QList<int>{10, 2, 1} << QStringList{"Room 1 - One", "Room 2 - One", "Room 10 - One"};
+        << QList<int>{10, 2, 1}
+        << QStringList{"Room 1 - One", "Room 2 - One", "Room 10 - One", "Attic - One"};
 }
 
 void TestPreferences::rows()
@@ -130,10 +131,11 @@ void TestPreferences::rows()
     QFETCH(QStringList, names);
     for (int n : speakers)
         m_controls->add(n);
-    m_controls->add(20, false);       // a group member: no row
     m_controls->add(21, true, false); // not found in this run: no row
-    if (!speakers.empty())
+    if (!speakers.empty()) {
+        m_controls->add(20, false, true, "Attic"); // a member: under its group's coordinator
         m_controls->settings().setDeviceEnabled(location(2), false);
+    }
     m_window->resize(420, 320);
     m_window->show();
     QCOMPARE(shownNames(), names);
@@ -147,9 +149,13 @@ void TestPreferences::rows()
     for (int i = 0; i < m_window->rowCount(); ++i) {
         SpeakerRow *row = m_window->row(i);
         const bool offered = row->deviceLocation != location(2);
+        const bool member = row->deviceLocation == location(20);
         QCOMPARE(row->subtitleLabel()->text(),
-                 (offered ? QString() : QStringLiteral("Not offered · ")) +
+                 (member    ? QStringLiteral("In Room 10 - One's group · ")
+                  : offered ? QString()
+                            : QStringLiteral("Not offered · ")) +
                      row->deviceLocation->host());
+        QCOMPARE(row->checkbox()->isVisibleTo(row), !member);
         QCOMPARE(row->checkbox()->isChecked(), row->deviceLocation != location(2));
     }
     // A long name shows its start; a speaker that plays AirPlay itself says so.
