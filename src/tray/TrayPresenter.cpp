@@ -158,21 +158,61 @@ void TrayPresenter::updateSpeakerItems()
     QList<QAction *> items;
     QHash<QString, QAction *> byLocation;
     QList<std::pair<QAction *, int>> added; // with their place in items
-    for (const auto &[location, record] : m_settings().devices) {
-        if (!record.active)
+    const DeviceMap &devices = m_settings().devices;
+    // Members follow their group's coordinator (found in this run); the rest by location.
+    std::vector<std::pair<QString, const DeviceMap::value_type *>> ordered;
+    for (const auto &entry : devices) {
+        if (!entry.second.active)
             continue;
+        const auto &topology = entry.second.topology;
+        QString anchor = entry.first.text;
+        if (topology && !topology->coordinator) {
+            for (const auto &other : devices) {
+                if (other.second.active && other.second.topology &&
+                    other.second.topology->coordinator &&
+                    other.second.topology->group == topology->group) {
+                    anchor = other.first.text + QStringLiteral("\n") + entry.first.text;
+                    break;
+                }
+            }
+        }
+        ordered.emplace_back(anchor, &entry);
+    }
+    std::sort(ordered.begin(), ordered.end(),
+              [](const auto &a, const auto &b) { return a.first < b.first; });
+    for (const auto &[anchor, entry] : ordered) {
+        const auto &[location, record] = *entry;
         QAction *item = m_itemByLocation.take(location.text);
         if (!item) {
             item = makeSpeakerItem(record);
             added.append({item, int(items.size())});
         } else {
-            const QString text = menuItemText(record, m_settings().devices);
+            const QString text = menuItemText(record, devices);
             if (item->text() != text)
                 item->setText(text);
             item->setChecked(record.enabled);
         }
         byLocation.insert(location.text, item);
         items.append(item);
+    }
+    // A kept item whose place changed (its group did) is put in again like a new one.
+    QList<QAction *> kept;
+    for (QAction *item : std::as_const(m_speakerItems)) {
+        if (items.contains(item))
+            kept.append(item);
+    }
+    QList<QAction *> keptNow;
+    for (QAction *item : std::as_const(items)) {
+        if (kept.contains(item))
+            keptNow.append(item);
+    }
+    if (kept != keptNow) {
+        added.clear();
+        for (int i = 0; i < items.size(); ++i) {
+            m_menu.removeAction(items[i]);
+            m_speakersMenu.removeAction(items[i]);
+            added.append({items[i], i});
+        }
     }
     QMenu *const container = items.size() > maxInlineSpeakers ? &m_speakersMenu : &m_menu;
     for (QAction *gone : std::as_const(m_itemByLocation)) {

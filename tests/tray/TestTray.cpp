@@ -110,18 +110,24 @@ void TestTray::speakerItems()
         names << item->text();
         QVERIFY(item->isCheckable() && !item->isEnabled());
     }
-    // By location, each with what it is doing.
-    QCOMPARE(names, QStringList({"Room 1 - One — In Room 2 - One's group",
-                                 "Room 2 - One — Not offered", "Room 3 - One — Playing"}));
+    // By location, members under their coordinator, each with what it is doing.
+    QCOMPARE(names,
+             QStringList({"Room 2 - One — Not offered", "Room 1 - One — In Room 2 - One's group",
+                          "Room 3 - One — Playing"}));
     QCOMPARE(tray.speakerItems(), actions.mid(TrayPresenter::firstDeviceMenuIndex, 3));
     QCOMPARE(actions.at(7), formerFourth);
-    QVERIFY(!tray.speakerItems()[1]->isChecked() && tray.speakerItems()[2]->isChecked());
+    QVERIFY(!tray.speakerItems()[0]->isChecked() && tray.speakerItems()[2]->isChecked());
     // Items are kept across updates; an "&" in a name is shown, not taken for a mnemonic.
-    QAction *first = tray.speakerItems()[0];
+    QAction *first = tray.speakerItems()[1];
     QVERIFY(settings->renameDevice(speaker(1).location, "Kids & Guests"));
     tray.updateSpeakerItems();
-    QCOMPARE(tray.speakerItems()[0], first);
+    QCOMPARE(tray.speakerItems()[1], first);
     QCOMPARE(first->text(), QStringLiteral("Kids && Guests — In Room 2 - One's group"));
+    // It becomes a coordinator: its item moves to its own place in the menu.
+    settings->mergeDiscoveredSpeaker(speaker(1), {true, "G"});
+    tray.updateSpeakerItems();
+    QCOMPARE(tray.speakerItems()[0], first);
+    QCOMPARE(tray.speakerItems(), menu->actions().mid(TrayPresenter::firstDeviceMenuIndex, 3));
     // Past twelve speakers they move into the "Speakers" submenu; the menu keeps its length.
     for (int n = 4; n <= TrayPresenter::maxInlineSpeakers + 1; ++n)
         settings->mergeDiscoveredSpeaker(speaker(n), {true, "G"});
