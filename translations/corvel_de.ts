@@ -108,7 +108,7 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+173"/>
+        <location filename="../src/app/Controller.cpp" line="+185"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
@@ -150,7 +150,7 @@
         <translation>(nichts)</translation>
     </message>
     <message>
-        <location line="+146"/>
+        <location line="+198"/>
         <source>Corvel</source>
         <translation>Corvel</translation>
     </message>
@@ -380,8 +380,8 @@
     </message>
     <message>
         <location line="+1"/>
-        <source>Turns on AirPlay (RAOP) discovery in PipeWire or PulseAudio, now and at every login, so the speakers appear in your sound settings</source>
-        <translation>Schaltet die AirPlay-Erkennung (RAOP) in PipeWire oder PulseAudio ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
+        <source>Each speaker becomes a sound output of this computer: what plays into it goes straight to the speaker</source>
+        <translation>Jeder Lautsprecher wird zu einer Tonausgabe dieses Computers: Was darin abgespielt wird, geht direkt an den Lautsprecher</translation>
     </message>
     <message>
         <location line="+7"/>
@@ -454,9 +454,9 @@
         <translation>Hält 1 s Ton gegen Störungen im Netzwerk vor; er beginnt etwa 2 s später.</translation>
     </message>
     <message>
-        <location line="+25"/>
-        <source>Turns on AirPlay (RAOP) discovery in your sound server, now and at every login, so the speakers appear in your sound settings</source>
-        <translation>Schaltet die AirPlay-Erkennung (RAOP) in Ihrem Soundserver ein, jetzt und bei jeder Anmeldung, damit die Lautsprecher in Ihren Toneinstellungen erscheinen</translation>
+        <location line="+26"/>
+        <source>Each speaker becomes a sound output of this computer: what plays into it goes straight to the speaker, with no bridge in between</source>
+        <translation>Jeder Lautsprecher wird zu einer Tonausgabe dieses Computers: Was darin abgespielt wird, geht direkt an den Lautsprecher, ohne Brücke dazwischen</translation>
     </message>
     <message>
         <location line="+2"/>
@@ -464,22 +464,7 @@
         <translation>Kein Soundserver hat geantwortet: Corvel braucht PipeWire (mit pipewire-pulse) oder PulseAudio</translation>
     </message>
     <message>
-        <location line="+23"/>
-        <source>Sound outputs</source>
-        <translation>Tonausgänge</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>The speakers could not be made sound outputs.</source>
-        <translation>Die Lautsprecher konnten nicht zu Tonausgängen gemacht werden.</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>The speakers could not be removed from the sound outputs.</source>
-        <translation>Die Lautsprecher konnten nicht aus den Tonausgängen entfernt werden.</translation>
-    </message>
-    <message>
-        <location line="+11"/>
+        <location line="+31"/>
         <source>Save Log</source>
         <translation>Protokoll speichern</translation>
     </message>
@@ -604,6 +589,11 @@
         <translation>Nicht angeboten</translation>
     </message>
     <message>
+        <location line="+2"/>
+        <source>Playing from this computer</source>
+        <translation>Spielt von diesem Computer</translation>
+    </message>
+    <message>
         <location line="+5"/>
         <source>Not offered by the bridge</source>
         <translation>Von der Brücke nicht angeboten</translation>
@@ -622,6 +612,19 @@
         <location line="+2"/>
         <source>Not answering</source>
         <translation>Antwortet nicht</translation>
+    </message>
+</context>
+<context>
+    <name>SpeakerStreams</name>
+    <message>
+        <location filename="../src/stream/SpeakerStreams.cpp" line="+128"/>
+        <source>No sound server answered, so the speakers are not sound outputs of this computer: Corvel needs PipeWire (with pipewire-pulse) or PulseAudio, and tries again.</source>
+        <translation>Kein Soundserver hat geantwortet, daher sind die Lautsprecher keine Tonausgaben dieses Computers: Corvel braucht PipeWire (mit pipewire-pulse) oder PulseAudio und versucht es erneut.</translation>
+    </message>
+    <message>
+        <location line="+124"/>
+        <source>Sound from %1</source>
+        <translation>Ton von %1</translation>
     </message>
 </context>
 <context>
@@ -726,6 +729,34 @@
         <location line="+1"/>
         <source>&amp;Install Bridge…</source>
         <translation>Bridge &amp;installieren…</translation>
+    </message>
+</context>
+<context>
+    <name>UpnpControl</name>
+    <message>
+        <location filename="../src/stream/UpnpControl.cpp" line="+54"/>
+        <source>The speaker did not answer Corvel: it may be off or out of reach.</source>
+        <translation>Der Lautsprecher hat Corvel nicht geantwortet: Er ist vielleicht aus oder nicht erreichbar.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>The speaker was busy changing what it plays; Corvel tries again when sound plays next.</source>
+        <translation>Der Lautsprecher wechselte gerade, was er spielt; Corvel versucht es beim nächsten Ton erneut.</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>The speaker refused the audio format of this computer&apos;s sound.</source>
+        <translation>Der Lautsprecher hat das Audioformat des Tons dieses Computers abgelehnt.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>The speaker could not fetch this computer&apos;s sound: a firewall on this computer may block it.</source>
+        <translation>Der Lautsprecher konnte den Ton dieses Computers nicht abrufen: Vielleicht blockiert ihn eine Firewall auf diesem Computer.</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>The speaker refused to play this computer&apos;s sound (UPnP error %1).</source>
+        <translation>Der Lautsprecher hat es abgelehnt, den Ton dieses Computers zu spielen (UPnP-Fehler %1).</translation>
     </message>
 </context>
 <context>

@@ -26,6 +26,15 @@ Controller::Controller(Services services, Platform platform, bool withTray, QObj
     connect(&m_applyTimer, &QTimer::timeout, this, [this] { handle(Event::ApplyTimerFired); });
     m_retryTimer.setSingleShot(true);
     connect(&m_retryTimer, &QTimer::timeout, this, [this] { handle(Event::RetryTimerFired); });
+    m_streamsTimer.setSingleShot(true);
+    m_streamsTimer.setInterval(0);
+    connect(&m_streamsTimer, &QTimer::timeout, this, &Controller::updateStreams);
+    m_streams.onPlayingChanged = [this] {
+        showPlayingHere();
+    };
+    m_streams.onProblem = [this](const QString &text) {
+        tellProblem(text);
+    };
     connect(&m_tray, &TrayPresenter::onOffClicked, this, &Controller::onOffClicked);
     connect(&m_tray, &TrayPresenter::preferencesClicked, this, [this] {
         logInfo(QStringLiteral("preferencesClicked"));
@@ -96,6 +105,8 @@ void Controller::shutdown()
     // A change whose save failed gets one more try.
     if (m_services.settings().saveError())
         m_services.settings().save();
+    // The speakers playing this computer's sound are told to stop while Corvel can still ask.
+    m_streams.shutdown(2000);
     handle(Event::Quit);
 }
 
@@ -108,6 +119,7 @@ void Controller::handle(Event event, quint64 launch)
     // The tray and systemd hear of changes only: speakers found in a burst cost nothing here.
     if (m_lifecycle.state() != before || m_lifecycle.onOffTurnsOn() != turnedOnBefore) {
         showBridgeView(); // "Not offered by the bridge" is said only of a running one
+        m_streamsTimer.start();
         m_tray.refresh();
         reportToServiceManager();
     }
@@ -266,9 +278,12 @@ void Controller::addObservers()
             });
         };
     };
-    m_observers.push_back(center.addObserver(
-        Notifications::deviceSettingsChanged,
-        hop(Event::SpeakerChanged, [this](const Notification &) { m_tray.updateSpeakerItems(); })));
+    m_observers.push_back(
+        center.addObserver(Notifications::deviceSettingsChanged,
+                           hop(Event::SpeakerChanged, [this](const Notification &) {
+                               m_tray.updateSpeakerItems();
+                               m_streamsTimer.start();
+                           })));
     // Known speakers are marked not found at once, before any answer of the search can be
     // merged; the titles and the menu follow on the main loop.
     m_observers.push_back(
@@ -291,6 +306,7 @@ void Controller::addObservers()
             m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second);
             later(n);
             m_tray.scheduleSpeakerItems();
+            m_streamsTimer.start();
         }));
     m_observers.push_back(
         center.addObserver(Notifications::deviceDeparted, [this](const Notification &n) {
@@ -298,6 +314,7 @@ void Controller::addObservers()
             if (!m_services.settings().markDeviceNotActive(location))
                 return;
             m_tray.updateSpeakerItems();
+            m_streamsTimer.start();
             handle(Event::SpeakerDeparted);
         }));
     // The decision runs as a hop so it sees the menu updates queued by earlier speakers.
@@ -328,10 +345,8 @@ void Controller::addObservers()
         center.addObserver(Notifications::bridgeProblem, [this](const Notification &n) {
             const QString text = n.userInfo.value(UserInfoKey::problem).toString();
             mainQueueAsync([self = QPointer<Controller>(this), text] {
-                if (self && !text.isEmpty() && !self->m_toldProblems.contains(text)) {
-                    self->m_toldProblems.insert(text);
-                    self->m_notices.show(tr("Corvel"), text);
-                }
+                if (self)
+                    self->tellProblem(text);
             });
         }));
     m_observers.push_back(center.addObserver(
@@ -370,6 +385,38 @@ void Controller::showBridgeView()
         return;
     m_tray.scheduleSpeakerItems();
     if (m_lifecycle.state() == State::Running) // the only status that counts them
+        reportToServiceManager();
+    NotificationCenter::defaultCenter().post(Notifications::speakerStatesChanged);
+}
+
+void Controller::tellProblem(const QString &text)
+{
+    if (text.isEmpty() || m_toldProblems.contains(text))
+        return;
+    m_toldProblems.insert(text);
+    m_notices.show(tr("Corvel"), text);
+}
+
+void Controller::updateStreams()
+{
+    m_streams.setEnabled(m_services.settings().soundOutputs && !m_lifecycle.stoppedByUser());
+    m_streams.update(m_services.settings().devices, m_services.searchRunning());
+}
+
+void Controller::showPlayingHere()
+{
+    const QSet<QString> playing = m_streams.playingHere();
+    bool changed = false;
+    for (auto &entry : m_services.settings().devices) {
+        DeviceSettings &record = entry.second;
+        const bool now = record.info.udn && playing.contains(*record.info.udn);
+        changed = changed || now != record.playingHere;
+        record.playingHere = now;
+    }
+    if (!changed)
+        return;
+    m_tray.scheduleSpeakerItems();
+    if (m_lifecycle.state() == State::Running)
         reportToServiceManager();
     NotificationCenter::defaultCenter().post(Notifications::speakerStatesChanged);
 }

@@ -11,6 +11,7 @@
 #include "Notices.h"
 #include "NotificationCenter.h"
 #include "Platform.h"
+#include "SpeakerStreams.h"
 #include "SystemSleep.h"
 #include "TrayPresenter.h"
 #include "Windows.h"
@@ -98,6 +99,10 @@ private:
     // Brings each record's bridgeView in line with what the bridge said; tells the tray, the
     // service manager and the windows ("speakerStatesChanged") when something changed.
     void showBridgeView();
+    // The speakers' sound outputs follow the settings and whether Corvel is on.
+    void updateStreams();
+    void showPlayingHere();
+    void tellProblem(const QString &text);
 
     Services m_services;
     Platform m_platform;
@@ -114,6 +119,8 @@ private:
     std::vector<NotificationCenter::Token> m_observers;
     QTimer m_applyTimer;
     QTimer m_retryTimer;
+    SpeakerStreams m_streams;
+    QTimer m_streamsTimer;    // gathers a burst of changes into one update of the outputs
     bool m_toldReady = false; // systemd has had READY=1
     QString m_reportedStatus; // the STATUS systemd has
 };

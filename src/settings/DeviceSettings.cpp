@@ -89,6 +89,8 @@ QString speakerStateText(const DeviceSettings &record, const DeviceMap &devices)
     }
     if (!record.enabled)
         return QCoreApplication::translate("SpeakerState", "Not offered");
+    if (record.playingHere)
+        return QCoreApplication::translate("SpeakerState", "Playing from this computer");
     switch (record.bridgeView) {
     case BridgeView::Unknown:
         break;
@@ -110,8 +112,9 @@ std::pair<int, int> readyAndPlaying(const DeviceMap &devices)
     int playing = 0;
     for (const auto &entry : devices) {
         const BridgeView view = entry.second.bridgeView;
-        ready += view == BridgeView::Ready || view == BridgeView::Playing ? 1 : 0;
-        playing += view == BridgeView::Playing ? 1 : 0;
+        const bool plays = view == BridgeView::Playing || entry.second.playingHere;
+        ready += plays || view == BridgeView::Ready ? 1 : 0;
+        playing += plays ? 1 : 0;
     }
     return {ready, playing};
 }

@@ -19,6 +19,7 @@ struct DeviceSettings
     bool enabled = true;
     bool nameChanged = false;
     BridgeView bridgeView = BridgeView::Unknown; // never stored
+    bool playingHere = false;                    // plays this computer's sound; never stored
 
     // True when the bridge is to offer the speaker: a known coordinator, found in this
     // run and enabled by the user.

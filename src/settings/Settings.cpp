@@ -117,7 +117,8 @@ QByteArray SettingsDocument::encode() const
                            {QStringLiteral("hasPromptedForRating"), hasPromptedForRating},
                            {QStringLiteral("hasRated"), hasRated},
                            {QStringLiteral("bridgeDelay"), bridgeDelayKey(bridgeDelay)},
-                           {QStringLiteral("bridgePorts"), bridgePorts}};
+                           {QStringLiteral("bridgePorts"), bridgePorts},
+                           {QStringLiteral("soundOutputs"), soundOutputs}};
     return QJsonDocument(json).toJson(QJsonDocument::Compact);
 }
 
@@ -200,6 +201,11 @@ std::optional<SettingsDocument> SettingsDocument::decode(const QByteArray &json,
             logWarning(category, QStringLiteral("Invalid bridgePorts in the settings, using \"%1\"")
                                      .arg(QLatin1String(defaultBridgePorts)));
     }
+    const QJsonValue outputs = parsed.object().value(QStringLiteral("soundOutputs"));
+    if (outputs.isBool())
+        document.soundOutputs = outputs.toBool();
+    else if (!outputs.isUndefined())
+        logWarning(category, QStringLiteral("Invalid soundOutputs in the settings, using false"));
     return document;
 }
 
@@ -338,6 +344,17 @@ bool Settings::setBridgeDelay(BridgeDelay delay)
         return false;
     logInfo(category, QStringLiteral("Bridge delay set to ") + bridgeDelayKey(delay));
     bridgeDelay = delay;
+    save();
+    return true;
+}
+
+bool Settings::setSoundOutputs(bool on)
+{
+    if (on == soundOutputs)
+        return false;
+    logInfo(category, on ? QStringLiteral("Speakers as sound outputs turned on")
+                         : QStringLiteral("Speakers as sound outputs turned off"));
+    soundOutputs = on;
     save();
     return true;
 }

@@ -34,6 +34,8 @@ struct SettingsDocument
     DeviceMap devices;
     BridgeDelay bridgeDelay = BridgeDelay::Balanced;
     QString bridgePorts = QString::fromLatin1(defaultBridgePorts);
+    // Each offered speaker is a sound output of this computer, streamed by Corvel.
+    bool soundOutputs = false;
     std::map<QString, qint64> crashesByVersion;
     double installedAt = 0; // seconds since 2001-01-01 UTC
     double lastRatingsPrompt = 0;
@@ -89,6 +91,9 @@ public:
     bool renameDevice(const QUrl &location, const QString &newName);
     // Chooses the bridge's delay; saves. False when it was the choice already.
     bool setBridgeDelay(BridgeDelay delay);
+    // Makes the speakers sound outputs of this computer, or no longer; saves. False when it
+    // was so already.
+    bool setSoundOutputs(bool on);
     // Switches the speaker on or off for the bridge; saves. False for an unknown location.
     bool setDeviceEnabled(const QUrl &location, bool enabled);
     // The records found in this run, in location order.

@@ -551,17 +551,18 @@ void PreferencesWindow::setUpDelayChoice()
 
 void PreferencesWindow::updateSoundOutputsCheckBox()
 {
+    m_ui->soundOutputsCheckBox->setChecked(m_controls.settings().soundOutputs);
     QPointer<PreferencesWindow> self(this);
     m_platform.soundOutputs->status([self](const SoundOutputs::Status &status) {
         if (!self)
             return;
         QCheckBox *box = self->m_ui->soundOutputsCheckBox;
-        box->setChecked(status.raopDiscoveryActive);
         const bool server = status.server != SoundOutputs::Server::None;
-        box->setEnabled(server);
+        // Once on, the box can always be turned off again.
+        box->setEnabled(server || box->isChecked());
         box->setToolTip(
-            server ? tr("Turns on AirPlay (RAOP) discovery in your sound server, now and at "
-                        "every login, so the speakers appear in your sound settings")
+            server ? tr("Each speaker becomes a sound output of this computer: what plays into "
+                        "it goes straight to the speaker, with no bridge in between")
                    : tr("No sound server answered: Corvel needs PipeWire (with pipewire-pulse) "
                         "or PulseAudio"));
     });
@@ -570,29 +571,24 @@ void PreferencesWindow::updateSoundOutputsCheckBox()
 void PreferencesWindow::soundOutputsChecked()
 {
     const bool enable = m_ui->soundOutputsCheckBox->isChecked();
-    // The box waits, greyed, for the sound server's answer.
-    m_ui->soundOutputsCheckBox->setEnabled(false);
-    QPointer<PreferencesWindow> self(this);
-    m_platform.soundOutputs->setEnabled(enable, [self, enable](bool ok, const QString &error) {
-        if (!self)
+    if (m_controls.settings().setSoundOutputs(enable))
+        NotificationCenter::defaultCenter().post(Notifications::deviceSettingsChanged);
+    showSaveState();
+    if (!enable)
+        return;
+    // The sound server's AirPlay discovery, which earlier versions turned on for this box,
+    // would list every speaker a second time.
+    std::shared_ptr<SoundOutputs> outputs = m_platform.soundOutputs;
+    outputs->status([outputs](const SoundOutputs::Status &status) {
+        if (!status.raopDiscoveryActive)
             return;
-        self->m_ui->soundOutputsCheckBox->setEnabled(true);
-        if (ok) {
-            logInfo(category, enable ? QStringLiteral("Enabled speakers as sound outputs")
-                                     : QStringLiteral("Disabled speakers as sound outputs"));
-            return;
-        }
-        logError(category, error);
-        self->m_ui->soundOutputsCheckBox->setChecked(!enable);
-        auto *alert = new QMessageBox(
-            QMessageBox::Warning, tr("Sound outputs"),
-            enable ? tr("The speakers could not be made sound outputs.")
-                   : tr("The speakers could not be removed from the sound outputs."),
-            QMessageBox::Ok, self);
-        alert->setObjectName(QStringLiteral("soundOutputsErrorMessageBox"));
-        alert->setInformativeText(error);
-        alert->setAttribute(Qt::WA_DeleteOnClose);
-        alert->open();
+        outputs->setEnabled(false, [](bool ok, const QString &error) {
+            if (ok)
+                logInfo(category, QStringLiteral("Turned off AirPlay discovery in the sound "
+                                                 "server: Corvel makes the outputs itself"));
+            else
+                logError(category, error);
+        });
     });
 }
 

@@ -77,7 +77,8 @@ void TestSettings::firstStartAndAValidDocument()
     MemorySettingsStorage memory;
     loadFrom(memory); // nothing stored: a fresh document, saved compact
     const QJsonObject json = QJsonDocument::fromJson(memory.text->toUtf8()).object();
-    QVERIFY(json.size() == 8 && !memory.text->contains(QLatin1Char('\n')));
+    QVERIFY(json.size() == 9 && !memory.text->contains(QLatin1Char('\n')));
+    QCOMPARE(json.value("soundOutputs"), QJsonValue(false));
     QCOMPARE(json.value("bridgeDelay").toString(), QStringLiteral("balanced"));
     QCOMPARE(json.value("bridgePorts").toString(), QStringLiteral("49200:64"));
     // Dates count from 2001-01-01 UTC.
@@ -95,17 +96,20 @@ void TestSettings::firstStartAndAValidDocument()
     // The bridge's delay and ports: read when known; a value this version cannot use falls
     // back to the default and never sets the speakers aside.
     memory.text = QString::fromUtf8(validDocument)
-                      .insert(1, R"("bridgeDelay":"steady","bridgePorts":"50000:8",)");
+                      .insert(1, R"("bridgeDelay":"steady","bridgePorts":"50000:8",)"
+                                 R"("soundOutputs":true,)");
     const auto chosen = loadFrom(memory);
-    QVERIFY(chosen->bridgeDelay == BridgeDelay::Steady && chosen->bridgePorts == "50000:8");
+    QVERIFY(chosen->bridgeDelay == BridgeDelay::Steady && chosen->bridgePorts == "50000:8" &&
+            chosen->soundOutputs);
     for (const char *ports : {"80:8", "65530:7", "49200", "a:b", "49200:0"}) {
-        memory.text = QString::fromUtf8(validDocument)
-                          .insert(1, QStringLiteral(R"("bridgeDelay":7,"bridgePorts":"%1",)")
-                                         .arg(QLatin1String(ports)));
+        memory.text =
+            QString::fromUtf8(validDocument)
+                .insert(1, QStringLiteral(R"("bridgeDelay":7,"bridgePorts":"%1","soundOutputs":1,)")
+                               .arg(QLatin1String(ports)));
         LogCapture fallback;
         const auto read = loadFrom(memory);
         QVERIFY2(read->bridgeDelay == BridgeDelay::Balanced && read->bridgePorts == "49200:64" &&
-                     read->installedAt == 536457600.25,
+                     !read->soundOutputs && read->installedAt == 536457600.25,
                  ports);
         QCOMPARE(fallback.count("Warning settings Unknown bridgeDelay"), 1);
         QCOMPARE(fallback.count("Warning settings Invalid bridgePorts"), 1);

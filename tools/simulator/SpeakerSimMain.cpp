@@ -87,7 +87,14 @@ int main(int argc, char *argv[])
         QStringLiteral("Give player INDEX (from 0) another model, such as 1:S18:Sonos One (an "
                        "AirPlay speaker itself) or 1:S1:Sonos PLAY:1. Repeatable."),
         QStringLiteral("index:number:name"));
-    parser.addOptions({players, groups, boost, fault, reportAnswers, firstAddress, address, model});
+    const QCommandLineOption renderer(
+        QStringLiteral("renderer"),
+        QStringLiteral("The first player passes its AVTransport and RenderingControl calls on to "
+                       "the UPnP renderer described at URL (it shares the player's address). "
+                       "Every call is printed as \"control INDEX ACTION\"."),
+        QStringLiteral("URL"));
+    parser.addOptions(
+        {players, groups, boost, fault, reportAnswers, firstAddress, address, model, renderer});
     parser.process(app);
 
     if (!onlyPrivateTestNetworks()) {
@@ -129,7 +136,15 @@ int main(int argc, char *argv[])
             household[i].address = QHostAddress(first.toIPv4Address() + quint32(i));
     }
 
+    if (parser.isSet(renderer) && !household.empty())
+        household.front().renderer = QUrl(parser.value(renderer));
+
     SpeakerSimulator simulator(household);
+    QObject::connect(&simulator, &SpeakerSimulator::controlled,
+                     [](int index, const QString &action) {
+                         std::printf("control %d %s\n", index, qPrintable(action));
+                         std::fflush(stdout);
+                     });
     QString error;
     if (!simulator.start(&error)) {
         std::fprintf(stderr, "Cannot start: %s\n", qPrintable(error));

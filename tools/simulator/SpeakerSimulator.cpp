@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "SpeakerSimulator.h"
 
+#include <QNetworkAccessManager>
 #include <QNetworkDatagram>
 #include <QNetworkInterface>
+#include <QNetworkReply>
+#include <QPointer>
+#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -259,14 +263,25 @@ void SpeakerSimulator::handleRequest(int index, QTcpSocket *socket)
 {
     QByteArray request = socket->property("request").toByteArray() + socket->readAll();
     socket->setProperty("request", request);
-    if (!request.contains("\r\n\r\n") || socket->property("answered").toBool())
+    const qsizetype headerEnd = request.indexOf("\r\n\r\n");
+    if (headerEnd < 0 || socket->property("answered").toBool())
         return;
+    const QByteArray headers = request.left(headerEnd);
+    const QRegularExpression lengthHeader(QStringLiteral("\r\ncontent-length:\\s*(\\d+)"),
+                                          QRegularExpression::CaseInsensitiveOption);
+    const qsizetype length =
+        lengthHeader.match(QString::fromLatin1(headers)).captured(1).toLongLong();
+    if (request.size() < headerEnd + 4 + length)
+        return; // the body is still on its way
     socket->setProperty("answered", true);
     ++m_requests;
     const SimulatedPlayer &player = m_players[size_t(index)];
     const QByteArray path = request.split(' ').value(1);
     QByteArray answer;
-    if (path == "/xml/device_description.xml") {
+    if (request.startsWith("POST ") && path.startsWith("/MediaRenderer/")) {
+        handleControl(index, socket, headers, request.mid(headerEnd + 4, length));
+        return;
+    } else if (path == "/xml/device_description.xml") {
         switch (player.fault) {
         case SimulatedPlayer::Description404:
             answer = httpResponse("404 Not Found", "text/html", notFoundPage);
@@ -313,6 +328,69 @@ void SpeakerSimulator::handleRequest(int index, QTcpSocket *socket)
     }
     socket->write(answer);
     socket->disconnectFromHost();
+}
+
+void SpeakerSimulator::handleControl(int index, QTcpSocket *socket, const QByteArray &headers,
+                                     const QByteArray &body)
+{
+    const QRegularExpression actionHeader(QStringLiteral("\r\nsoapaction:\\s*\"?([^\"\r]*)"),
+                                          QRegularExpression::CaseInsensitiveOption);
+    const QString soapAction = actionHeader.match(QString::fromLatin1(headers)).captured(1);
+    const QString service = soapAction.section(QLatin1Char('#'), 0, 0);
+    const QString action = soapAction.section(QLatin1Char('#'), 1);
+    emit controlled(index, action);
+    const QUrl renderer = m_players[size_t(index)].renderer;
+    if (renderer.isEmpty()) {
+        socket->write(httpResponse(
+            "200 OK", "text/xml; charset=\"utf-8\"",
+            "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+            "s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><s:Body><u:" +
+                action.toUtf8() + "Response xmlns:u=\"" + service.toUtf8() +
+                "\"></u:" + action.toUtf8() + "Response></s:Body></s:Envelope>"));
+        socket->disconnectFromHost();
+        return;
+    }
+    if (!m_network)
+        m_network = new QNetworkAccessManager(this);
+    // The renderer's control URL for the service, from its description, then the call itself.
+    QNetworkReply *description = m_network->get(QNetworkRequest(renderer));
+    const QPointer<QTcpSocket> client(socket);
+    connect(
+        description, &QNetworkReply::finished, this,
+        [this, description, client, renderer, service, body, soapAction] {
+            description->deleteLater();
+            const QString xml = QString::fromUtf8(description->readAll());
+            const QRegularExpression control(
+                QRegularExpression::escape(service) +
+                    QStringLiteral("</serviceType>.*?<controlURL>([^<]*)</controlURL>"),
+                QRegularExpression::DotMatchesEverythingOption);
+            const QString controlPath = control.match(xml).captured(1);
+            if (controlPath.isEmpty()) {
+                if (client) {
+                    client->write(httpResponse("500 Internal Server Error", "text/plain",
+                                               "no such service at the renderer"));
+                    client->disconnectFromHost();
+                }
+                return;
+            }
+            QNetworkRequest request(renderer.resolved(QUrl(controlPath)));
+            request.setHeader(QNetworkRequest::ContentTypeHeader,
+                              QByteArrayLiteral("text/xml; charset=\"utf-8\""));
+            request.setRawHeader("SOAPACTION", '"' + soapAction.toUtf8() + '"');
+            QNetworkReply *call = m_network->post(request, body);
+            connect(call, &QNetworkReply::finished, this, [call, client] {
+                call->deleteLater();
+                const int status =
+                    call->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+                if (!client)
+                    return;
+                client->write(httpResponse(
+                    QByteArray::number(status ? status : 502) + ' ' +
+                        call->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toByteArray(),
+                    "text/xml; charset=\"utf-8\"", call->readAll()));
+                client->disconnectFromHost();
+            });
+        });
 }
 
 QByteArray SpeakerSimulator::descriptionXml(const SimulatedPlayer &player) const

@@ -11,6 +11,7 @@
 
 class QTcpServer;
 class QTcpSocket;
+class QNetworkAccessManager;
 class QUdpSocket;
 
 struct SimulatedPlayer
@@ -41,6 +42,9 @@ struct SimulatedPlayer
     quint16 port = 1400;
     Fault fault = NoFault;
     int answersPerSearch = 1;
+    // The description of a real UPnP renderer that plays for this player: its AVTransport and
+    // RenderingControl calls are passed on there (the renderer shares the player's address).
+    QUrl renderer;
 
     QUrl location() const;
 };
@@ -82,15 +86,21 @@ public:
 signals:
     // A player answered a search (once per datagram sent).
     void answered(int player);
+    // A control point called action on one of the player's media services.
+    void controlled(int player, const QString &action);
 
 private:
     void handleSearch();
     void handleRequest(int player, QTcpSocket *socket);
+    // Answers a call to AVTransport or RenderingControl, or passes it on to the renderer.
+    void handleControl(int player, QTcpSocket *socket, const QByteArray &headers,
+                       const QByteArray &body);
 
     std::vector<SimulatedPlayer> m_players;
     QUdpSocket *m_listener = nullptr;
     std::vector<QUdpSocket *> m_senders;
     std::vector<QTcpServer *> m_servers;
+    QNetworkAccessManager *m_network = nullptr;
     int m_searches = 0;
     int m_requests = 0;
 };
