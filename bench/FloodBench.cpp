@@ -41,14 +41,6 @@ void pump(int ms)
     loop.exec();
 }
 
-// utime + stime of a process, in clock ticks.
-qint64 cpuTicks(qint64 pid)
-{
-    const QByteArray stat = census::readWholeFile(QStringLiteral("/proc/%1/stat").arg(pid));
-    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-    return fields.value(11).toLongLong() + fields.value(12).toLongLong();
-}
-
 double rssMiB(qint64 pid)
 {
     return census::memoryMiB("VmRSS", QString::number(pid));
@@ -224,9 +216,10 @@ int main(int argc, char *argv[])
     const qint64 floodEnd = clock.elapsed();
     // CPU back to idle: the first whole second after the flood under 2 % of a core.
     double idleAfter = -1;
-    for (qint64 last = cpuTicks(pid); idleAfter < 0 && clock.elapsed() - floodEnd < 60000;) {
+    for (qint64 last = census::cpuTicks(pid);
+         idleAfter < 0 && clock.elapsed() - floodEnd < 60000;) {
         pump(1000);
-        const qint64 now = cpuTicks(pid);
+        const qint64 now = census::cpuTicks(pid);
         if (double(now - last) / double(sysconf(_SC_CLK_TCK)) < 0.02)
             idleAfter = double(clock.elapsed() - floodEnd - 1000) / 1000.0;
         last = now;

@@ -48,4 +48,11 @@ inline double memoryMiB(const QByteArray &field, const QString &pid = QStringLit
     }
     return 0;
 }
+// utime + stime of a process, in clock ticks.
+inline qint64 cpuTicks(qint64 pid)
+{
+    const QByteArray stat = readWholeFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    return fields.value(11).toLongLong() + fields.value(12).toLongLong();
+}
 } // namespace census

@@ -74,8 +74,8 @@
     </message>
     <message>
         <location line="+5"/>
-        <source>&lt;p&gt;Corvel plays to your speakers through AirConnect, a free program that makes Sonos speakers appear as AirPlay speakers. It is not installed on this computer yet.&lt;/p&gt;&lt;p&gt;Download &lt;b&gt;%1&lt;/b&gt; from &lt;a href=&quot;%2&quot;&gt;AirConnect&apos;s releases page&lt;/a&gt; (it is inside the zip file of the latest release), then choose the downloaded file here.&lt;/p&gt;</source>
-        <translation>&lt;p&gt;Corvel spielt über AirConnect auf Ihren Lautsprechern, ein freies Programm, das Sonos-Lautsprecher als AirPlay-Lautsprecher erscheinen lässt. Es ist auf diesem Computer noch nicht installiert.&lt;/p&gt;&lt;p&gt;Laden Sie &lt;b&gt;%1&lt;/b&gt; von der &lt;a href=&quot;%2&quot;&gt;Release-Seite von AirConnect&lt;/a&gt; herunter (die Datei liegt im ZIP-Archiv der neuesten Version) und wählen Sie dann hier die heruntergeladene Datei.&lt;/p&gt;</translation>
+        <source>&lt;p&gt;Corvel plays this computer&apos;s sound to your speakers by itself. For phones, tablets and other computers it runs AirConnect, a free program that makes Sonos speakers appear as AirPlay speakers. It is not installed on this computer yet.&lt;/p&gt;&lt;p&gt;Download &lt;b&gt;%1&lt;/b&gt; from &lt;a href=&quot;%2&quot;&gt;AirConnect&apos;s releases page&lt;/a&gt; (it is inside the zip file of the latest release), then choose the downloaded file here.&lt;/p&gt;</source>
+        <translation>&lt;p&gt;Corvel spielt den Ton dieses Computers selbst auf Ihren Lautsprechern ab. Für Telefone, Tablets und andere Computer führt es AirConnect aus, ein kostenloses Programm, das Sonos-Lautsprecher als AirPlay-Lautsprecher erscheinen lässt. Es ist auf diesem Computer noch nicht installiert.&lt;/p&gt;&lt;p&gt;Laden Sie &lt;b&gt;%1&lt;/b&gt; von der &lt;a href=&quot;%2&quot;&gt;Release-Seite von AirConnect&lt;/a&gt; herunter (die Datei liegt in der ZIP-Datei des neuesten Release) und wählen Sie die heruntergeladene Datei dann hier aus.&lt;/p&gt;</translation>
     </message>
     <message>
         <location line="+22"/>
@@ -108,22 +108,33 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+185"/>
+        <location filename="../src/app/Controller.cpp" line="+193"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
     <message>
-        <location line="+1"/>
-        <source>Corvel needs the free AirConnect bridge to play to your speakers.</source>
-        <translation>Corvel braucht die freie AirConnect-Bridge, um auf Ihren Lautsprechern zu spielen.</translation>
+        <location line="-5"/>
+        <source>AirConnect bridge not set up</source>
+        <translation>AirConnect-Brücke nicht eingerichtet</translation>
     </message>
     <message>
         <location line="+1"/>
+        <source>This computer plays to your speakers without it. Set up the free AirConnect bridge so that phones and other computers can too.</source>
+        <translation>Dieser Computer spielt auch ohne sie auf Ihren Lautsprechern. Richten Sie die kostenlose AirConnect-Brücke ein, damit auch Telefone und andere Computer es können.</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <location line="+6"/>
         <source>Set Up…</source>
         <translation>Einrichten…</translation>
     </message>
     <message>
-        <location line="+3"/>
+        <location line="-3"/>
+        <source>Corvel needs the free AirConnect bridge to play to your speakers from phones and other computers. This computer&apos;s own sound needs no bridge: turn on sound outputs in Preferences.</source>
+        <translation>Corvel braucht die kostenlose AirConnect-Brücke, damit Telefone und andere Computer auf Ihren Lautsprechern spielen können. Der Ton dieses Computers braucht keine Brücke: Schalten Sie in den Einstellungen die Tonausgaben ein.</translation>
+    </message>
+    <message>
+        <location line="+6"/>
         <source>AirConnect bridge stopped</source>
         <translation>AirConnect-Bridge angehalten</translation>
     </message>

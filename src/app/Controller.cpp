@@ -182,9 +182,19 @@ void Controller::run(Lifecycle::Command command)
         showBridgeSetup();
         break;
     case C::TellBridgeMissing:
-        m_notices.show(tr("AirConnect bridge needed"),
-                       tr("Corvel needs the free AirConnect bridge to play to your speakers."),
-                       tr("Set Up…"), [this] { showBridgeSetup(); });
+        // This computer's own sound needs no bridge: without it, only phones and other
+        // computers cannot reach the speakers through Corvel.
+        if (m_services.settings().soundOutputs)
+            m_notices.show(tr("AirConnect bridge not set up"),
+                           tr("This computer plays to your speakers without it. Set up the free "
+                              "AirConnect bridge so that phones and other computers can too."),
+                           tr("Set Up…"), [this] { showBridgeSetup(); });
+        else
+            m_notices.show(tr("AirConnect bridge needed"),
+                           tr("Corvel needs the free AirConnect bridge to play to your speakers "
+                              "from phones and other computers. This computer's own sound needs "
+                              "no bridge: turn on sound outputs in Preferences."),
+                           tr("Set Up…"), [this] { showBridgeSetup(); });
         break;
     case C::TellRetrying:
         m_notices.show(tr("AirConnect bridge stopped"),

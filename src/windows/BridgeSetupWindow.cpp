@@ -23,9 +23,9 @@ BridgeSetupWindow::BridgeSetupWindow(const QString &arch, const QStringList &loo
     auto *layout = new QVBoxLayout(this);
 
     auto *intro = new QLabel(
-        tr("<p>Corvel plays to your speakers through AirConnect, a free program that makes "
-           "Sonos speakers appear as AirPlay speakers. It is not installed on this computer "
-           "yet.</p>"
+        tr("<p>Corvel plays this computer's sound to your speakers by itself. For phones, "
+           "tablets and other computers it runs AirConnect, a free program that makes Sonos "
+           "speakers appear as AirPlay speakers. It is not installed on this computer yet.</p>"
            "<p>Download <b>%1</b> from <a href=\"%2\">AirConnect's releases page</a> (it is "
            "inside the zip file of the latest release), then choose the downloaded file "
            "here.</p>")

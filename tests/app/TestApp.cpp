@@ -238,7 +238,8 @@ void TestApp::wiring_data()
         << L{"launch", "speaker", "complete", "missing", "search", "speaker", "complete", "missing"}
         << int(S::BridgeMissing) << TrayPresenter::commandInstallBridge << 2
         << "Warning - Notice: AirConnect bridge needed - Corvel needs the free AirConnect "
-           "bridge to play to your speakers.";
+           "bridge to play to your speakers from phones and other computers. This computer's "
+           "own sound needs no bridge: turn on sound outputs in Preferences.";
 }
 
 void TestApp::wiring()
