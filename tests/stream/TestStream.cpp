@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The parts of this computer's own stream that need no sound server: who may fetch it and
+// how, the endless WAV with its silence, the UPnP calls and their faults, and which speakers
+// get an output. Servers listen on loopback only.
+#include "SoundServer.h"
+#include "SpeakerStreams.h"
+#include "StreamServer.h"
+#include "TestSupport.h"
+#include "UpnpControl.h"
+
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QtEndian>
+#include <QtTest>
+
+namespace {
+const QHostAddress loopback(QStringLiteral("127.0.0.1"));
+
+// Sends request from the address from, then reads for ms; everything the server sent.
+QByteArray fetch(const QUrl &url, const QByteArray &request, const QHostAddress &from, int ms)
+{
+    QTcpSocket socket;
+    if (!socket.bind(from))
+        return "cannot bind";
+    socket.connectToHost(url.host(), quint16(url.port()));
+    if (!socket.waitForConnected(2000))
+        return "cannot connect";
+    socket.write(request);
+    QByteArray received;
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < ms && socket.state() == QAbstractSocket::ConnectedState) {
+        QTest::qWait(10);
+        received += socket.readAll();
+    }
+    return received + socket.readAll();
+}
+
+DeviceSettings speaker(const QString &location, bool coordinator = true)
+{
+    DeviceSettings record;
+    record.name = QStringLiteral("Kitchen");
+    record.info.location = QUrl(location);
+    record.info.udn = QStringLiteral("uuid:RINCON_000E58A0B1C201400");
+    record.topology = DeviceTopology{coordinator, QStringLiteral("G")};
+    record.active = true;
+    return record;
+}
+} // namespace
+
+class TestStream : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void onlyTheSpeakerFetches_data();
+    void onlyTheSpeakerFetches();
+    void pausesAreSilenceAndSoundFollows();
+    void upnpCallsAndTheirFaults();
+    void whichSpeakersGetAnOutput_data();
+    void whichSpeakersGetAnOutput();
+    void namesAndTextsAreSafe();
+};
+
+void TestStream::onlyTheSpeakerFetches_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<QString>("from");
+    QTest::addColumn<QByteArray>("status");
+    QTest::addColumn<bool>("audio");
+    const QByteArray get = "GET /stream/RINCON_1.wav HTTP/1.1\r\nHost: x\r\n\r\n";
+    QTest::newRow("the speaker's GET") << get << "127.0.0.1" << QByteArray("200 OK") << true;
+    QTest::newRow("the speaker's HEAD, as Sonos asks first")
+        << QByteArray("HEAD /stream/RINCON_1.wav HTTP/1.1\r\n\r\n") << "127.0.0.1"
+        << QByteArray("200 OK") << false;
+    QTest::newRow("another host") << get << "127.0.0.2" << QByteArray("403 Forbidden") << false;
+    QTest::newRow("another speaker's stream")
+        << QByteArray("GET /stream/RINCON_2.wav HTTP/1.1\r\n\r\n") << "127.0.0.1"
+        << QByteArray("404 Not Found") << false;
+    QTest::newRow("POST") << QByteArray("POST /stream/RINCON_1.wav HTTP/1.1\r\n\r\n") << "127.0.0.1"
+                          << QByteArray("405 Method Not Allowed") << false;
+    QTest::newRow("an endless header")
+        << QByteArray(9000, 'a') << "127.0.0.1" << QByteArray("431 Request Header") << false;
+}
+
+void TestStream::onlyTheSpeakerFetches()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(QString, from);
+    QFETCH(QByteArray, status);
+    QFETCH(bool, audio);
+    StreamServer server;
+    QString error;
+    const QUrl url = server.open(QStringLiteral("RINCON_1"), loopback, loopback, &error);
+    QCOMPARE(url.path(), QStringLiteral("/stream/RINCON_1.wav"));
+    LogCapture capture;
+    const QByteArray answer = fetch(url, request, QHostAddress(from), 300);
+    QVERIFY2(answer.startsWith("HTTP/1.0 " + status), answer.left(200).constData());
+    const QByteArray body = answer.mid(answer.indexOf("\r\n\r\n") + 4);
+    QCOMPARE(body.startsWith("RIFF"), audio);
+    QCOMPARE(capture.count("Warning stream Refused 127.0.0.2"), from == "127.0.0.2" ? 1 : 0);
+    if (audio) {
+        QCOMPARE(answer.contains("Content-Type: audio/wav"), true);
+        // 44.1 kHz, two channels of 16 bits, and the largest data size the format can state.
+        QCOMPARE(qFromLittleEndian<quint16>(body.constData() + 22), quint16(2));
+        QCOMPARE(qFromLittleEndian<quint32>(body.constData() + 24), quint32(44100));
+        QCOMPARE(qFromLittleEndian<quint16>(body.constData() + 34), quint16(16));
+        QCOMPARE(body.mid(36, 4), QByteArray("data"));
+        QCOMPARE(qFromLittleEndian<quint32>(body.constData() + 40) + 36, 0xFFFFFFFFu);
+    }
+}
+
+void TestStream::pausesAreSilenceAndSoundFollows()
+{
+    StreamServer server;
+    QString error;
+    const QUrl url = server.open(QStringLiteral("S"), loopback, loopback, &error);
+    QTcpSocket socket;
+    socket.connectToHost(url.host(), quint16(url.port()));
+    QVERIFY(socket.waitForConnected(2000));
+    socket.write("GET /stream/S.wav HTTP/1.0\r\n\r\n");
+    QTRY_COMPARE(server.listeners(QStringLiteral("S")), 1);
+    QByteArray received;
+    // Nothing played for 700 ms: the speaker still gets a steady stream, of silence.
+    QTest::qWait(700);
+    received += socket.readAll();
+    const QByteArray silence = received.mid(received.indexOf("\r\n\r\n") + 4 + 44);
+    QVERIFY2(silence.size() >= StreamServer::bytesPerSecond / 3 &&
+                 silence.size() <= StreamServer::bytesPerSecond,
+             QByteArray::number(silence.size()).constData());
+    QVERIFY(silence.count('\0') == silence.size() && silence.size() % 4 == 0);
+    // Sound goes out at once and whole, to this listener only.
+    const QByteArray sound = QByteArray(4000, '\x11');
+    server.write(QStringLiteral("S"), sound);
+    server.write(QStringLiteral("other"), QByteArray(4000, '\x22'));
+    QTRY_VERIFY((received += socket.readAll()).contains(sound));
+    QVERIFY(!received.contains('\x22'));
+    // The speaker no longer offered: its listener is cut, the port closed.
+    server.close(QStringLiteral("S"));
+    QTRY_COMPARE(socket.state(), QAbstractSocket::UnconnectedState);
+    QVERIFY(server.listening().isEmpty());
+}
+
+void TestStream::upnpCallsAndTheirFaults()
+{
+    // A player that answers each call with the next canned reply.
+    QTcpServer player;
+    QVERIFY(player.listen(loopback));
+    QList<QByteArray> replies = {
+        "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n",
+        "HTTP/1.1 500 Internal Server Error\r\nContent-Type: text/xml\r\n\r\n"
+        "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><s:Fault>"
+        "<faultcode>s:Client</faultcode><faultstring>UPnPError</faultstring><detail>"
+        "<UPnPError xmlns=\"urn:schemas-upnp-org:control-1-0\"><errorCode>714</errorCode>"
+        "</UPnPError></detail></s:Fault></s:Body></s:Envelope>",
+        "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 4\r\n\r\noops"};
+    QByteArray asked;
+    connect(&player, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = player.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [&, socket] {
+            asked += socket->readAll();
+            if (!asked.endsWith("</s:Envelope>") || replies.isEmpty())
+                return;
+            socket->write(replies.takeFirst());
+            socket->disconnectFromHost();
+        });
+    });
+    UpnpControl upnp;
+    QUrl location;
+    location.setScheme(QStringLiteral("http"));
+    location.setHost(loopback.toString());
+    location.setPort(player.serverPort());
+    location.setPath(QStringLiteral("/xml/device_description.xml"));
+    const QUrl control = UpnpControl::controlUrl(location, UpnpControl::avTransport);
+    QCOMPARE(control.path(), QStringLiteral("/MediaRenderer/AVTransport/Control"));
+    std::vector<UpnpControl::Reply> got;
+    const auto call = [&](const QString &uri) {
+        upnp.call(control, UpnpControl::avTransport, QStringLiteral("SetAVTransportURI"),
+                  {{QStringLiteral("InstanceID"), QStringLiteral("0")},
+                   {QStringLiteral("CurrentURI"), uri}},
+                  [&](const UpnpControl::Reply &reply) { got.push_back(reply); });
+        QTRY_COMPARE(upnp.pending(), 0);
+    };
+    call(QStringLiteral("http://h/a?b=1&c=<2>"));
+    QVERIFY(asked.contains("SOAPACTION: \"urn:schemas-upnp-org:service:AVTransport:1#"
+                           "SetAVTransportURI\""));
+    QVERIFY(asked.contains("<CurrentURI>http://h/a?b=1&amp;c=&lt;2&gt;</CurrentURI>"));
+    call(QString());
+    call(QString());
+    QCOMPARE(got.size(), size_t(3));
+    QVERIFY(got[0].ok && !got[1].ok && !got[2].ok);
+    QCOMPARE(got[1].fault, 714);
+    QCOMPARE(got[2].fault, 0);
+    QVERIFY(UpnpControl::sentence(got[1]).contains(QStringLiteral("refused the audio format")));
+    QVERIFY(UpnpControl::sentence(got[2]).contains(QStringLiteral("did not answer")));
+    QVERIFY(UpnpControl::sentence({false, 402, {}}).contains(QStringLiteral("UPnP error 402")));
+}
+
+void TestStream::whichSpeakersGetAnOutput_data()
+{
+    QTest::addColumn<DeviceSettings>("record");
+    QTest::addColumn<bool>("wanted");
+    const QString at = QStringLiteral("http://192.168.1.20:1400/xml/device_description.xml");
+    QTest::newRow("an offered coordinator") << speaker(at) << true;
+    QTest::newRow("a group member") << speaker(at, false) << false;
+    DeviceSettings off = speaker(at);
+    off.enabled = false;
+    QTest::newRow("not offered") << off << false;
+    DeviceSettings gone = speaker(at);
+    gone.active = false;
+    QTest::newRow("not found") << gone << false;
+    DeviceSettings anonymous = speaker(at);
+    anonymous.info.udn.reset();
+    QTest::newRow("no UDN") << anonymous << false;
+    QTest::newRow("a host name") << speaker(QStringLiteral("http://kitchen.local:1400/x")) << false;
+    QTest::newRow("IPv6") << speaker(QStringLiteral("http://[fe80::1]:1400/x")) << false;
+    DeviceSettings alone = speaker(at);
+    alone.topology.reset();
+    QTest::newRow("no topology: a player alone") << alone << true;
+}
+
+void TestStream::whichSpeakersGetAnOutput()
+{
+    QFETCH(DeviceSettings, record);
+    QFETCH(bool, wanted);
+    QCOMPARE(SpeakerStreams::wanted(record), wanted);
+}
+
+void TestStream::namesAndTextsAreSafe()
+{
+    // The UDN names the sink and the stream's path; the speaker's name and the stream's URL
+    // go into the sound server's arguments and into XML.
+    DeviceSettings record = speaker(QStringLiteral("http://192.168.1.20:1400/"));
+    QCOMPARE(SpeakerStreams::outputId(record), QStringLiteral("RINCON_000E58A0B1C201400"));
+    record.info.udn = QStringLiteral("uuid:a b/\"c");
+    QCOMPARE(SpeakerStreams::outputId(record), QStringLiteral("a_b__c"));
+    QVERIFY(SoundServer::sinkArguments(QStringLiteral("x"), QStringLiteral("Bob's \"Den\"\\"))
+                .contains(QStringLiteral("device.description=\"Bob’s ”Den”/\"")));
+    const QString didl = SpeakerStreams::metadata(QUrl(QStringLiteral("http://h:1/s.wav?a&b")),
+                                                  QStringLiteral("Sound from <pc>"));
+    QVERIFY(didl.contains(QStringLiteral(">http://h:1/s.wav?a&amp;b</res>")) &&
+            didl.contains(QStringLiteral("Sound from &lt;pc&gt;")));
+}
+
+QTEST_MAIN(TestStream)
+#include "TestStream.moc"
