@@ -33,6 +33,9 @@ SpeakerStreams::SpeakerStreams(QObject *parent)
                   }},
               this)
 {
+    m_http.onListenerGone = [this](const QString &id) {
+        QTimer::singleShot(listenerGraceMs, this, [this, id] { listenerGone(id); });
+    };
     m_reconnect.setSingleShot(true);
     m_reconnect.setInterval(reconnectMs);
     connect(&m_reconnect, &QTimer::timeout, this, [this] {
@@ -122,6 +125,7 @@ void SpeakerStreams::connection(bool connected, const QString &error)
 {
     if (connected) {
         m_lastConnectionError.clear();
+        m_reconnect.setInterval(reconnectMs);
         return;
     }
     if (error != m_lastConnectionError && onProblem)
@@ -130,8 +134,24 @@ void SpeakerStreams::connection(bool connected, const QString &error)
                               "of this computer: Corvel needs PipeWire (with pipewire-pulse) "
                               "or PulseAudio, and tries again."));
     m_lastConnectionError = error;
-    if (m_enabled)
-        m_reconnect.start();
+    if (!m_enabled)
+        return;
+    m_reconnect.start();
+    m_reconnect.setInterval(std::min(m_reconnect.interval() * 2, maxReconnectMs));
+}
+
+void SpeakerStreams::listenerGone(const QString &id)
+{
+    const auto found = m_speakers.find(id);
+    if (found == m_speakers.end() || found->second.session != Session::On ||
+        m_http.listeners(id) > 0)
+        return;
+    logInfo(category, found->second.name +
+                          QStringLiteral(" no longer fetches this computer's sound (another "
+                                         "source was chosen?); the next sound starts it again"));
+    found->second.session = Session::None;
+    if (onPlayingChanged)
+        onPlayingChanged();
 }
 
 void SpeakerStreams::update(const DeviceMap &devices, bool searching)

@@ -24,7 +24,12 @@ public:
     static constexpr int idleStopMs = 3 * 60 * 1000;
     // Volume changes are sent once the slider rests this long.
     static constexpr int volumeSettleMs = 150;
+    // The sound server is asked again after 5 s, then twice as long each time, up to a minute.
     static constexpr int reconnectMs = 5000;
+    static constexpr int maxReconnectMs = 60000;
+    // A speaker that stopped fetching for this long has gone to another source (or lost us):
+    // the next sound starts it again instead of assuming it still listens.
+    static constexpr int listenerGraceMs = 3000;
 
     explicit SpeakerStreams(QObject *parent = nullptr);
     ~SpeakerStreams() override;
@@ -78,6 +83,7 @@ private:
     void stop(const QString &id, const QString &why);
     void fail(const QString &id, const QString &action, const UpnpControl::Reply &reply);
     void connection(bool connected, const QString &error);
+    void listenerGone(const QString &id);
 
     bool m_enabled = false;
     DeviceMap m_devices;

@@ -227,13 +227,17 @@ void StreamServer::drop(QTcpSocket *socket)
 {
     const auto listener = std::find_if(m_listeners.begin(), m_listeners.end(),
                                        [socket](const Listener &l) { return l.socket == socket; });
+    QString gone;
     if (listener != m_listeners.end()) {
         logInfo(category, QStringLiteral("%1 stopped listening to %2")
                               .arg(QHostAddress(socket->peerAddress().toIPv4Address()).toString(),
                                    listener->id));
+        gone = listener->id;
         m_listeners.erase(listener);
     }
     socket->disconnect(this);
     socket->abort();
     socket->deleteLater();
+    if (!gone.isEmpty() && m_streams.count(gone) && onListenerGone)
+        onListenerGone(gone);
 }

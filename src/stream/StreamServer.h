@@ -4,6 +4,7 @@
 // and a sound after a pause needs no new start.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <QElapsedTimer>
@@ -47,6 +48,9 @@ public:
     int listeners(const QString &id) const;
     // The local addresses with a listening socket.
     QList<QHostAddress> listening() const;
+
+    // Told when a speaker stops fetching id's stream (it closed the connection).
+    std::function<void(const QString &id)> onListenerGone;
 
 private:
     struct Listener
