@@ -252,6 +252,7 @@ void SpeakerStreams::soundChanged(const QString &id, bool sound)
         return;
     Speaker &speaker = found->second;
     speaker.sound = sound;
+    m_http.setSounding(id, sound);
     if (sound) {
         speaker.idle->stop();
         if (speaker.session == Session::None)

@@ -76,7 +76,7 @@ QUrl StreamServer::open(const QString &id, const QHostAddress &local, const QHos
                               .arg(local.toString())
                               .arg(server->serverPort()));
     }
-    m_streams[id] = Stream{speaker, local};
+    m_streams[id] = Stream{speaker, local, false};
     closeUnusedServers();
     QUrl url;
     url.setScheme(QStringLiteral("http"));
@@ -212,9 +212,19 @@ void StreamServer::write(const QString &id, const QByteArray &pcm)
     }
 }
 
+void StreamServer::setSounding(const QString &id, bool sounding)
+{
+    const auto stream = m_streams.find(id);
+    if (stream != m_streams.end())
+        stream->second.sounding = sounding;
+}
+
 void StreamServer::fillSilence()
 {
     for (Listener &listener : m_listeners) {
+        const auto stream = m_streams.find(listener.id);
+        if (stream != m_streams.end() && stream->second.sounding)
+            continue;
         const qint64 due = listener.since.elapsed() * sampleRate / 1000;
         if (due - listener.framesSent > qint64(silenceAfterMs) * sampleRate / 1000)
             send(listener, QByteArray((due - listener.framesSent) * bytesPerFrame, '\0'));

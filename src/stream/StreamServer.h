@@ -45,6 +45,9 @@ public:
     void close(const QString &id);
     // Sends sound to every listener of id.
     void write(const QString &id, const QByteArray &pcm);
+    // Whether something plays into id's output. Only a quiet stream is filled with silence:
+    // while sound plays, a late delivery is waited for, not cut into.
+    void setSounding(const QString &id, bool sounding);
     int listeners(const QString &id) const;
     // The local addresses with a listening socket.
     QList<QHostAddress> listening() const;
@@ -64,6 +67,7 @@ private:
     {
         QHostAddress speaker;
         QHostAddress local;
+        bool sounding = false;
     };
 
     void accept(QTcpServer *server);

@@ -129,6 +129,12 @@ void TestStream::pausesAreSilenceAndSoundFollows()
                  silence.size() <= StreamServer::bytesPerSecond,
              QByteArray::number(silence.size()).constData());
     QVERIFY(silence.count('\0') == silence.size() && silence.size() % 4 == 0);
+    // While sound plays, a late delivery is waited for, never cut into with silence.
+    server.setSounding(QStringLiteral("S"), true);
+    received += socket.readAll();
+    const qsizetype before = received.size();
+    QTest::qWait(500);
+    QCOMPARE(received.size() + socket.readAll().size(), before);
     // Sound goes out at once and whole, to this listener only.
     const QByteArray sound = QByteArray(4000, '\x11');
     server.write(QStringLiteral("S"), sound);

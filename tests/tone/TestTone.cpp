@@ -77,10 +77,16 @@ void TestTone::toneReachesTheRendererThroughAPause()
           firstByteMs, loudest.at1k, loudest.at3k, loudest.rms, pcm.size() / 4.0 / SoundRig::rate,
           qPrintable(letters));
     // Tone (at least 1.5 s), silence (at least 1 s), tone again; a window or two at each edge
-    // may be mixed, and nothing else is heard.
+    // may be mixed, and a busy machine may cost a tone a window or two, but nothing else is
+    // heard.
     static const QRegularExpression shape(
-        QStringLiteral("^s*x{0,2}T{15,}x{0,2}s{10,}x{0,2}T{15,}x{0,2}s*$"));
-    QVERIFY2(shape.match(letters).hasMatch(), qPrintable(letters));
+        QStringLiteral("^s*x{0,2}([Tx]{15,})x{0,2}s{10,}x{0,2}([Tx]{15,})x{0,2}s*$"));
+    const QRegularExpressionMatch match = shape.match(letters);
+    QVERIFY2(match.hasMatch(), qPrintable(letters));
+    for (int tone : {1, 2})
+        QVERIFY2(match.captured(tone).count(QLatin1Char('T')) >= 15 &&
+                     match.captured(tone).count(QLatin1Char('x')) <= 2,
+                 qPrintable(letters));
     QVERIFY(firstByteMs > 0);
     // One start for the whole session: the pause kept the speaker listening.
     QCOMPARE(rig.calls().count("control 0 SetAVTransportURI"), 1);
