@@ -54,6 +54,9 @@ AppServices AppServices::real()
     services.shutdownBridge = [] {
         AirConnect::shared().shutdown();
     };
+    services.locateBridge = [] {
+        return findBridgeExecutable();
+    };
     services.settings = []() -> Settings & {
         return Settings::shared();
     };

@@ -3,6 +3,7 @@
 // settings: the real services by default, fakes in tests.
 #pragma once
 
+#include "BridgeLocator.h"
 #include "BridgeNetwork.h"
 #include "BridgeOutput.h"
 #include "ConfigWriter.h"
@@ -43,6 +44,8 @@ struct AppServices
     // Stops the bridge and waits a bounded time for it to exit (at quit).
     std::function<void()> shutdownBridge;
     std::function<Settings &()> settings;
+    // Where the bridge is on this computer (with every place looked in); unset: not checked.
+    std::function<BridgeLocation()> locateBridge;
 
     // Discovery, the bridge supervisor and the settings of this process.
     static AppServices real();

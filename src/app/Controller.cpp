@@ -11,6 +11,7 @@
 #include "ServiceManager.h"
 #include "Settings.h"
 
+#include <QFileInfo>
 #include <QPointer>
 
 Controller::Controller(Services services, Platform platform, bool withTray, QObject *parent)
@@ -97,6 +98,42 @@ void Controller::start()
         });
     m_tray.updateSpeakerItems();
     handle(Event::Launched);
+    connect(&m_bridgeFolders, &QFileSystemWatcher::directoryChanged, this,
+            &Controller::checkBridge);
+    checkBridge();
+}
+
+void Controller::checkBridge()
+{
+    if (!m_services.locateBridge)
+        return;
+    const BridgeLocation where = m_services.locateBridge();
+    // Each place is watched through the nearest folder that exists, so that a folder made
+    // for the bridge (by the setup window or by hand) is seen too.
+    QStringList folders;
+    for (const QString &place : where.lookedIn) {
+        QFileInfo folder(QFileInfo(place).absolutePath());
+        while (!folder.isDir() && !folder.isRoot() && folder.absoluteFilePath() != "/")
+            folder = QFileInfo(folder.absolutePath());
+        if (folder.isDir() && !folders.contains(folder.absoluteFilePath()))
+            folders.append(folder.absoluteFilePath());
+    }
+    const QStringList watched = m_bridgeFolders.directories();
+    for (const QString &folder : folders) {
+        if (!watched.contains(folder))
+            m_bridgeFolders.addPath(folder);
+    }
+    if (where.path.isEmpty()) {
+        if (state() == State::BridgeMissing || m_lifecycle.stoppedByUser())
+            return; // told already, or told when the user turns Corvel on
+        m_lookedIn = where.lookedIn;
+        logWarning(QStringLiteral("No AirConnect bridge on this computer; looked in ") +
+                   where.lookedIn.join(QStringLiteral(", ")));
+        handle(Event::BridgeMissing);
+    } else if (state() == State::BridgeMissing) {
+        logInfo(QStringLiteral("Found the AirConnect bridge at ") + where.path);
+        bridgeInstalled();
+    }
 }
 
 void Controller::shutdown()
@@ -328,8 +365,11 @@ void Controller::addObservers()
             handle(Event::SpeakerDeparted);
         }));
     // The decision runs as a hop so it sees the menu updates queued by earlier speakers.
-    m_observers.push_back(
-        center.addObserver(Notifications::discoveryComplete, hop(Event::SearchEnded)));
+    m_observers.push_back(center.addObserver(
+        Notifications::discoveryComplete, hop(Event::SearchEnded, [this](const Notification &) {
+            if (state() == State::BridgeMissing)
+                checkBridge(); // put in place by hand, or named in CORVEL_BRIDGE meanwhile
+        })));
     m_observers.push_back(
         center.addObserver(Notifications::serviceStarted, hop(Event::BridgeStarted)));
     m_observers.push_back(center.addObserver(Notifications::serviceReady, hop(Event::BridgeReady)));

@@ -17,6 +17,7 @@
 #include "Windows.h"
 
 #include <QElapsedTimer>
+#include <QFileSystemWatcher>
 #include <QObject>
 #include <QSet>
 #include <QTimer>
@@ -103,6 +104,9 @@ private:
     void updateStreams();
     void showPlayingHere();
     void tellProblem(const QString &text);
+    // Looks for the bridge now (at start, when a folder it may be put in changes, after a
+    // search without it): its absence is told whatever the search finds, its arrival starts it.
+    void checkBridge();
 
     Services m_services;
     Platform m_platform;
@@ -120,7 +124,8 @@ private:
     QTimer m_applyTimer;
     QTimer m_retryTimer;
     SpeakerStreams m_streams;
-    QTimer m_streamsTimer;    // gathers a burst of changes into one update of the outputs
-    bool m_toldReady = false; // systemd has had READY=1
-    QString m_reportedStatus; // the STATUS systemd has
+    QTimer m_streamsTimer;              // gathers a burst of changes into one update of the outputs
+    QFileSystemWatcher m_bridgeFolders; // where a bridge may be put
+    bool m_toldReady = false;           // systemd has had READY=1
+    QString m_reportedStatus;           // the STATUS systemd has
 };

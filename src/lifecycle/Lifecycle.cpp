@@ -60,7 +60,9 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
         return {C::Search, C::Watch};
 
     case Event::SearchStarted:
-        enter(S::Searching, false);
+        // Without a bridge the search still runs (this computer's own sound needs none), but
+        // the title keeps saying what the user has to do.
+        enter(m_state == S::BridgeMissing ? S::BridgeMissing : S::Searching, false);
         return {};
 
     case Event::SearchEnded:
@@ -131,7 +133,7 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
         return {C::StartBridge};
 
     case Event::BridgeMissing:
-        enter(S::BridgeMissing);
+        enter(S::BridgeMissing, false);
         if (std::exchange(m_toldBridgeMissing, true))
             return {};
         return {C::TellBridgeMissing};
@@ -153,7 +155,8 @@ Lifecycle::Commands Lifecycle::searchEnded()
     }
     if (!m_facts.hasSpeakers()) {
         logWarning(QStringLiteral("Discovery finished with no speakers found"));
-        enter(S::NoSpeakers);
+        if (m_state != S::BridgeMissing)
+            enter(S::NoSpeakers);
         return {};
     }
     if (m_stoppedByUser) {

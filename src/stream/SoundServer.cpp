@@ -9,6 +9,7 @@
 #include <QAbstractEventDispatcher>
 #include <QDeadlineTimer>
 #include <QEventLoop>
+#include <set>
 #include <vector>
 
 namespace {
@@ -291,16 +292,15 @@ void SoundServer::refreshInputs()
         return;
     }
     m_inputsQueued = true;
-    auto *playing = new std::map<quint32, bool>;
+    auto *playing = new std::set<quint32>; // the sinks something plays into
     pa_operation_unref(pa_context_get_sink_input_info_list(
         m_context,
         [](pa_context *, const pa_sink_input_info *info, int eol, void *userdata) {
-            auto *found =
-                static_cast<std::pair<SoundServer *, std::map<quint32, bool> *> *>(userdata);
+            auto *found = static_cast<std::pair<SoundServer *, std::set<quint32> *> *>(userdata);
             if (eol == 0) {
                 // A paused player keeps its stream, corked: that is not sound.
                 if (!info->corked)
-                    (*found->second)[info->sink] = true;
+                    found->second->insert(info->sink);
                 return;
             }
             SoundServer *self = found->first;
@@ -328,7 +328,7 @@ void SoundServer::refreshInputs()
             delete found->second;
             delete found;
         },
-        new std::pair<SoundServer *, std::map<quint32, bool> *>(this, playing)));
+        new std::pair<SoundServer *, std::set<quint32> *>(this, playing)));
 }
 
 void SoundServer::readVolume(quint32 sinkIndex)

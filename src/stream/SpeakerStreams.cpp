@@ -118,7 +118,6 @@ void SpeakerStreams::setEnabled(bool enabled)
     }
     if (enabled)
         m_sound.connectToServer();
-    update(m_devices);
 }
 
 void SpeakerStreams::connection(bool connected, const QString &error)

@@ -34,7 +34,8 @@ public:
     explicit SpeakerStreams(QObject *parent = nullptr);
     ~SpeakerStreams() override;
 
-    // The user's choice; off stops what plays and removes every output.
+    // The user's choice; the outputs follow at the next update (off: none, and what plays
+    // stops).
     void setEnabled(bool enabled);
     bool enabled() const { return m_enabled; }
     // The speakers as they are now; the outputs follow. While searching, a speaker not

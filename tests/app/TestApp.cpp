@@ -35,6 +35,7 @@ struct FakeWorld
     bool running = false;
     bool watching = false;
     bool slowStop = false; // a stopped bridge exits only when the test says so
+    bool bridgePresent = true;
     quint64 launch = 0, stopped = 0;
     std::vector<DeviceSettings> configured;
     BridgeOptions options;
@@ -96,6 +97,10 @@ struct FakeWorld
         };
         s.shutdownBridge = [this] {
             ++shutdowns;
+        };
+        s.locateBridge = [this] {
+            return BridgeLocation{bridgePresent ? QStringLiteral("/opt/airupnp") : QString(),
+                                  {QStringLiteral("/opt/airupnp")}};
         };
         s.settings = [this]() -> Settings & {
             return *settings;
@@ -234,6 +239,13 @@ void TestApp::wiring_data()
     QTest::newRow("a departure restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting) << off
         << 2 << "";
+    QTest::newRow("no bridge at start: said at once, whatever the search finds")
+        << L{"absent", "launch", "complete"} << int(S::BridgeMissing)
+        << TrayPresenter::commandInstallBridge << 0
+        << "Warning - No AirConnect bridge on this computer; looked in /opt/airupnp";
+    QTest::newRow("a bridge put in place: found after the next search, which starts over")
+        << L{"absent", "launch", "complete", "present", "complete"} << int(S::Searching) << off << 0
+        << "Info - Found the AirConnect bridge at /opt/airupnp";
     QTest::newRow("no bridge: the on/off item offers its setup")
         << L{"launch", "speaker", "complete", "missing", "search", "speaker", "complete", "missing"}
         << int(S::BridgeMissing) << TrayPresenter::commandInstallBridge << 2
@@ -287,8 +299,11 @@ void TestApp::wiring()
             m_app->handle(Controller::Event::ApplyTimerFired);
         else if (step == "onoff")
             m_app->onOffClicked();
+        else if (step == "absent" || step == "present")
+            m_world->bridgePresent = step == "present";
         else if (step == "missing") {
             m_world->running = false;
+            m_world->bridgePresent = false;
             post(Notifications::bridgeMissing, {{UserInfoKey::lookedIn, QStringList{"/a"}}});
         }
         settle();

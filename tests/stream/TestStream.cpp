@@ -141,6 +141,13 @@ void TestStream::pausesAreSilenceAndSoundFollows()
     server.write(QStringLiteral("other"), QByteArray(4000, '\x22'));
     QTRY_VERIFY((received += socket.readAll()).contains(sound));
     QVERIFY(!received.contains('\x22'));
+    // A speaker that hangs up is no longer a listener; the one that listens again is.
+    socket.abort();
+    QTRY_COMPARE(server.listeners(QStringLiteral("S")), 0);
+    socket.connectToHost(url.host(), quint16(url.port()));
+    QVERIFY(socket.waitForConnected(2000));
+    socket.write("GET /stream/S.wav HTTP/1.0\r\n\r\n");
+    QTRY_COMPARE(server.listeners(QStringLiteral("S")), 1);
     // The speaker no longer offered: its listener is cut, the port closed.
     server.close(QStringLiteral("S"));
     QTRY_COMPARE(socket.state(), QAbstractSocket::UnconnectedState);
