@@ -22,9 +22,19 @@
 <context>
     <name>BridgeLocator</name>
     <message>
-        <location filename="../src/bridge/BridgeLocator.cpp" line="+116"/>
+        <location filename="../src/bridge/BridgeLocator.cpp" line="+121"/>
         <source>Cannot read %1: %2</source>
         <translation>%1 kann nicht gelesen werden: %2</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>%1 is the release&apos;s zip file: open it and choose %2 from inside.</source>
+        <translation>%1 ist die ZIP-Datei des Release: Öffnen Sie sie und wählen Sie %2 darin aus.</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>%1 is a script, not the bridge: choose %2 from AirConnect&apos;s release.</source>
+        <translation>%1 ist ein Skript, nicht die Brücke: Wählen Sie %2 aus dem Release von AirConnect.</translation>
     </message>
     <message>
         <location line="+9"/>
@@ -37,7 +47,12 @@
         <translation>%1 ist für eine andere Art von Computer gebaut; dieser braucht %2.</translation>
     </message>
     <message>
-        <location line="+12"/>
+        <location line="+25"/>
+        <source>%1 is not the AirConnect bridge: asked for its options, it does not answer as the bridge does.</source>
+        <translation>%1 ist nicht die AirConnect-Brücke: Nach seinen Optionen gefragt, antwortet es nicht wie die Brücke.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
         <source>Cannot copy the bridge to %1: %2</source>
         <translation>Die Bridge kann nicht nach %1 kopiert werden: %2</translation>
     </message>
@@ -68,7 +83,7 @@
 <context>
     <name>BridgeSetupWindow</name>
     <message>
-        <location filename="../src/windows/BridgeSetupWindow.cpp" line="+21"/>
+        <location filename="../src/windows/BridgeSetupWindow.cpp" line="+22"/>
         <source>Set Up the AirConnect Bridge</source>
         <translation>AirConnect-Bridge einrichten</translation>
     </message>
@@ -100,7 +115,12 @@
         <translation>AirConnect-Bridge wählen</translation>
     </message>
     <message>
-        <location line="+18"/>
+        <location line="+20"/>
+        <source>&lt;p&gt;The AirConnect bridge is installed in %1.&lt;/p&gt;</source>
+        <translation>&lt;p&gt;Die AirConnect-Brücke ist in %1 installiert.&lt;/p&gt;</translation>
+    </message>
+    <message>
+        <location line="+2"/>
         <source>Installed. Corvel is looking for your speakers.</source>
         <translation>Installiert. Corvel sucht jetzt Ihre Lautsprecher.</translation>
     </message>
@@ -108,7 +128,7 @@
 <context>
     <name>Controller</name>
     <message>
-        <location filename="../src/app/Controller.cpp" line="+193"/>
+        <location filename="../src/app/Controller.cpp" line="+230"/>
         <source>AirConnect bridge needed</source>
         <translation>AirConnect-Bridge benötigt</translation>
     </message>
@@ -135,16 +155,22 @@
     </message>
     <message>
         <location line="+6"/>
+        <location line="+4"/>
         <source>AirConnect bridge stopped</source>
         <translation>AirConnect-Bridge angehalten</translation>
     </message>
     <message>
-        <location line="+1"/>
+        <location line="-3"/>
         <source>The bridge stopped unexpectedly; Corvel is restarting it.</source>
         <translation>Die Bridge wurde unerwartet beendet; Corvel startet sie neu.</translation>
     </message>
     <message>
-        <location line="+5"/>
+        <location line="+4"/>
+        <source>The bridge was not ready within 20 seconds, so Corvel stopped it; it is starting it again.</source>
+        <translation>Die Brücke war nach 20 Sekunden nicht bereit, deshalb hat Corvel sie beendet; es startet sie erneut.</translation>
+    </message>
+    <message>
+        <location line="+6"/>
         <source>Corvel stopped</source>
         <translation>Corvel angehalten</translation>
     </message>
@@ -161,7 +187,7 @@
         <translation>(nichts)</translation>
     </message>
     <message>
-        <location line="+198"/>
+        <location line="+203"/>
         <source>Corvel</source>
         <translation>Corvel</translation>
     </message>
@@ -628,12 +654,12 @@
 <context>
     <name>SpeakerStreams</name>
     <message>
-        <location filename="../src/stream/SpeakerStreams.cpp" line="+128"/>
+        <location filename="../src/stream/SpeakerStreams.cpp" line="+131"/>
         <source>No sound server answered, so the speakers are not sound outputs of this computer: Corvel needs PipeWire (with pipewire-pulse) or PulseAudio, and tries again.</source>
         <translation>Kein Soundserver hat geantwortet, daher sind die Lautsprecher keine Tonausgaben dieses Computers: Corvel braucht PipeWire (mit pipewire-pulse) oder PulseAudio und versucht es erneut.</translation>
     </message>
     <message>
-        <location line="+124"/>
+        <location line="+141"/>
         <source>Sound from %1</source>
         <translation>Ton von %1</translation>
     </message>

@@ -237,6 +237,11 @@ void Controller::run(Lifecycle::Command command)
         m_notices.show(tr("AirConnect bridge stopped"),
                        tr("The bridge stopped unexpectedly; Corvel is restarting it."));
         break;
+    case C::TellNotReady:
+        m_notices.show(tr("AirConnect bridge stopped"),
+                       tr("The bridge was not ready within 20 seconds, so Corvel stopped it; it "
+                          "is starting it again."));
+        break;
     case C::TellGaveUp: {
         const QStringList output = m_services.bridgeOutput();
         m_notices.show(
@@ -375,12 +380,14 @@ void Controller::addObservers()
     m_observers.push_back(center.addObserver(Notifications::serviceReady, hop(Event::BridgeReady)));
     m_observers.push_back(
         center.addObserver(Notifications::serviceTerminated, [this](const Notification &n) {
-            const bool cannotStart = n.userInfo.value(UserInfoKey::cannotStart).toBool();
-            mainQueueAsync([self = QPointer<Controller>(this), cannotStart,
+            const Event event =
+                n.userInfo.value(UserInfoKey::cannotStart).toBool() ? Event::BridgeCannotStart
+                : n.userInfo.value(UserInfoKey::notReady).toBool()  ? Event::BridgeNotReady
+                                                                    : Event::BridgeEnded;
+            mainQueueAsync([self = QPointer<Controller>(this), event,
                             launch = n.userInfo.value(UserInfoKey::launch).toULongLong()] {
                 if (self)
-                    self->handle(cannotStart ? Event::BridgeCannotStart : Event::BridgeEnded,
-                                 launch);
+                    self->handle(event, launch);
             });
         }));
     m_observers.push_back(

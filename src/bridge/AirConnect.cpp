@@ -251,6 +251,9 @@ void AirConnect::watchdogTimerExpired()
     if (m_ready)
         return;
     logError(category, QStringLiteral("airupnp is not in a usable state, terminating"));
+    // Its end is Corvel's doing, and says so.
+    if (m_process)
+        m_process->setProperty("notReady", true);
     stop();
 }
 
@@ -363,5 +366,7 @@ void AirConnect::handleTermination(QProcess *process, quint64 launch)
         });
     NotificationCenter::defaultCenter().post(
         Notifications::serviceTerminated,
-        {{UserInfoKey::launch, m_launch}, {UserInfoKey::cannotStart, cannotStart}});
+        {{UserInfoKey::launch, m_launch},
+         {UserInfoKey::cannotStart, cannotStart},
+         {UserInfoKey::notReady, process->property("notReady").toBool()}});
 }

@@ -5,7 +5,9 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
 #include <QSaveFile>
+#include <QTemporaryDir>
 #include <sys/utsname.h>
 
 namespace {
@@ -46,6 +48,9 @@ BridgeLocation findBridgeExecutable(const QString &bridgeOverride, const QString
 {
     BridgeLocation location;
     const auto tryPath = [&location](const QString &path) {
+        // A folder named twice (on the PATH, say) is looked in once.
+        if (location.lookedIn.contains(path))
+            return false;
         location.lookedIn << path;
         if (isExecutableFile(path))
             location.path = QFileInfo(path).absoluteFilePath();
@@ -93,9 +98,9 @@ QString bridgeNotFoundMessage(const BridgeLocation &location, const QString &arc
     return QStringLiteral("The AirConnect bridge was not found. Looked in: %1. "
                           "To install it, download airupnp-linux-%2 (or airupnp-linux-%2-static "
                           "when libssl is missing) from the AirConnect releases, make it "
-                          "executable and put it in /usr/local/bin or on your PATH, or set "
-                          "CORVEL_BRIDGE to its absolute path.")
-        .arg(location.lookedIn.join(QStringLiteral(", ")), arch);
+                          "executable and put it in %3 (Install Bridge… in the tray menu does "
+                          "that), or set CORVEL_BRIDGE to its absolute path.")
+        .arg(location.lookedIn.join(QStringLiteral(", ")), arch, userBridgeDirectory());
 }
 
 QString userBridgeDirectory()
@@ -119,6 +124,23 @@ bool isBridgeForArchitecture(const QString &path, const QString &arch, UserText 
     }
     // The ELF identification and header fields up to e_machine.
     const QByteArray head = file.read(20);
+    if (head.startsWith("PK\x03\x04")) {
+        *error = UserText::make(
+            "BridgeLocator",
+            QT_TRANSLATE_NOOP("BridgeLocator",
+                              "%1 is the release's zip file: open it and choose %2 from inside."),
+            QFileInfo(path).fileName(), bridgeFileName(arch));
+        return false;
+    }
+    if (head.startsWith("#!")) {
+        *error = UserText::make(
+            "BridgeLocator",
+            QT_TRANSLATE_NOOP("BridgeLocator",
+                              "%1 is a script, not the bridge: choose %2 from AirConnect's "
+                              "release."),
+            QFileInfo(path).fileName(), bridgeFileName(arch));
+        return false;
+    }
     if (head.size() < 20 || !head.startsWith("\x7f"
                                              "ELF")) {
         *error = UserText::make("BridgeLocator",
@@ -152,12 +174,36 @@ bool isBridgeForArchitecture(const QString &path, const QString &arch, UserText 
     return true;
 }
 
+bool answersAsBridge(const QString &path, UserText *error)
+{
+    // The bridge prints its usage for an option it does not take and exits; it reads
+    // ./config.xml first, so it runs in an empty folder.
+    QTemporaryDir folder;
+    QProcess process;
+    process.setWorkingDirectory(folder.path());
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(path, {QStringLiteral("-h")});
+    if (!process.waitForFinished(bridgeHelpTimeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+    }
+    if (process.read(64 * 1024).contains("-x <config file>"))
+        return true;
+    *error = UserText::make(
+        "BridgeLocator",
+        QT_TRANSLATE_NOOP("BridgeLocator",
+                          "%1 is not the AirConnect bridge: asked for its options, it does not "
+                          "answer as the bridge does."),
+        QFileInfo(path).fileName());
+    return false;
+}
+
 QString installBridge(const QString &source, const QString &dir, const QString &arch,
                       UserText *error)
 {
     static const char *const cannotCopy =
         QT_TRANSLATE_NOOP("BridgeLocator", "Cannot copy the bridge to %1: %2");
-    if (!isBridgeForArchitecture(source, arch, error))
+    if (!isBridgeForArchitecture(source, arch, error) || !answersAsBridge(source, error))
         return QString();
     QFile in(source);
     const QString target = dir + QLatin1Char('/') + bridgeFileName(arch);

@@ -41,7 +41,13 @@ inline const QString bridgeReleasesUrl =
 // Checks that the file is a Linux program for arch (its ELF class and machine); the reason
 // in *error when it is not.
 bool isBridgeForArchitecture(const QString &path, const QString &arch, UserText *error);
-// Checks the file, then copies it to dir as bridgeFileName(arch), executable by its owner.
+// Asking a program for its options (-h) waits this long at most.
+constexpr int bridgeHelpTimeoutMs = 3000;
+// Whether the program answers -h with the bridge's usage (which names "-x <config file>");
+// the reason in *error when it does not.
+bool answersAsBridge(const QString &path, UserText *error);
+// Checks the file (for this machine, and the bridge itself), then copies it to dir as
+// bridgeFileName(arch), executable by its owner.
 // Returns the installed path, or an empty string with *error.
 QString installBridge(const QString &source, const QString &dir, const QString &arch,
                       UserText *error);

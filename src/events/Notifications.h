@@ -33,6 +33,8 @@ inline const QString launch = QStringLiteral("launch");
 inline const QString lookedIn = QStringLiteral("lookedIn"); // QStringList, of "bridgeMissing"
 // bool, of "serviceTerminated": the bridge could not start for want of a network address.
 inline const QString cannotStart = QStringLiteral("cannotStart");
+// bool, of "serviceTerminated": Corvel stopped the bridge, not ready in time
+inline const QString notReady = QStringLiteral("notReady");
 inline const QString response = QStringLiteral("response");
 // QString and int, of "bridgeProblem": the sentence for the user, and BridgeProblem::Kind.
 inline const QString problem = QStringLiteral("problem");

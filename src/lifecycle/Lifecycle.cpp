@@ -100,6 +100,17 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
     case Event::BridgeEnded:
         return bridgeEnded(launch);
 
+    case Event::BridgeNotReady:
+        // A failure like an end by itself (retried with back-off), told as what it was.
+        if (launch == m_launch && !m_stoppedByUser &&
+            (m_state == S::Starting || m_state == S::Running)) {
+            m_exitExpected = false;
+            Commands commands = bridgeEndedUnasked(true);
+            commands.insert(commands.begin(), C::AllowSleep);
+            return commands;
+        }
+        return bridgeEnded(launch);
+
     case Event::BridgeCannotStart:
         // Not a failure: the network comes up later (at login, after a cable or Wi-Fi change),
         // and the search that follows the change starts the bridge again.
@@ -213,7 +224,7 @@ Lifecycle::Commands Lifecycle::bridgeEnded(quint64 launch)
     return {C::AllowSleep};
 }
 
-Lifecycle::Commands Lifecycle::bridgeEndedUnasked()
+Lifecycle::Commands Lifecycle::bridgeEndedUnasked(bool notReady)
 {
     const qint64 now = m_now();
     if (m_readySince >= 0 && now - m_readySince >= failureWindowMs)
@@ -231,12 +242,15 @@ Lifecycle::Commands Lifecycle::bridgeEndedUnasked()
     }
     m_retryDelay = std::min(maxRetryDelaySeconds, 2 << std::min(m_retries, 5));
     ++m_retries;
-    logWarning(
-        QStringLiteral("AirConnect ended by itself; restarting it in %1 s").arg(m_retryDelay));
+    logWarning(notReady ? QStringLiteral("AirConnect was not ready in time, so Corvel stopped it; "
+                                         "restarting it in %1 s")
+                              .arg(m_retryDelay)
+                        : QStringLiteral("AirConnect ended by itself; restarting it in %1 s")
+                              .arg(m_retryDelay));
     enter(S::Retrying);
     if (std::exchange(m_toldRetrying, true))
         return {C::StartRetryTimer};
-    return {C::TellRetrying, C::StartRetryTimer};
+    return {notReady ? C::TellNotReady : C::TellRetrying, C::StartRetryTimer};
 }
 
 Lifecycle::Commands Lifecycle::stopBridge()

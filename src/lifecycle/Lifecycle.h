@@ -42,6 +42,7 @@ public:
         BridgeReady,
         BridgeEnded,
         BridgeCannotStart, // the bridge ended at once: its network has no address yet
+        BridgeNotReady,    // Corvel ended a bridge that was not ready in time
         BridgeMissing,
         Resumed, // the machine woke from suspend
         ApplyTimerFired,
@@ -68,6 +69,7 @@ public:
         ShowBridgeSetup,
         TellBridgeMissing,
         TellRetrying,
+        TellNotReady, // the bridge was stopped for not getting ready; it is started again
         TellGaveUp,
     };
     using Commands = std::vector<Command>;
@@ -122,7 +124,7 @@ private:
     Commands applyChanges();
     Commands searchEnded();
     Commands bridgeEnded(quint64 launch);
-    Commands bridgeEndedUnasked();
+    Commands bridgeEndedUnasked(bool notReady = false);
 
     const Facts &m_facts;
     std::function<qint64()> m_now;

@@ -6,6 +6,7 @@
 
 #include <QDialogButtonBox>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QLabel>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -107,6 +108,10 @@ void BridgeSetupWindow::installFrom(const QString &path)
         return;
     }
     logInfo(QStringLiteral("Bridge setup: installed ") + installedPath);
+    // What was missing is there now: the window says so instead of what to download.
+    if (auto *intro = findChild<QLabel *>(QStringLiteral("introLabel")))
+        intro->setText(tr("<p>The AirConnect bridge is installed in %1.</p>")
+                           .arg(QFileInfo(installedPath).absolutePath().toHtmlEscaped()));
     m_status->setText(tr("Installed. Corvel is looking for your speakers."));
     emit installed(installedPath);
 }

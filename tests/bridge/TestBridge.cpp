@@ -445,6 +445,10 @@ void TestBridge::watchdog()
     QTest::qWait(50);
     QCOMPARE(recorder.names(), events);
     QCOMPARE(capture.has("Error AirConnect Failed to launch " + broken), !events.size());
+    // Only the bridge the watchdog ended is said to have been stopped for it.
+    if (!events.isEmpty())
+        QCOMPARE(recorder.notifications.constLast().userInfo.value(UserInfoKey::notReady).toBool(),
+                 exitMs.isEmpty());
 }
 
 void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
@@ -567,12 +571,18 @@ void TestBridge::bridgeSetupInstalls_data()
     QTest::addColumn<QString>("arch");
     QTest::addColumn<QString>("refusal");
     const QString self = QCoreApplication::applicationFilePath(); // a program for this machine
-    QTest::newRow("a program for this machine") << self << currentBridgeArchitecture() << "";
+    const QString arch = currentBridgeArchitecture();
+    QTest::newRow("the bridge") << QStringLiteral(FAKE_BRIDGE) << arch << "";
+    QTest::newRow("another program for this machine")
+        << self << arch << "is not the AirConnect bridge: asked for its options";
     QTest::newRow("a program for another machine")
-        << self << (currentBridgeArchitecture() == "aarch64" ? "x86_64" : "aarch64")
+        << QStringLiteral(FAKE_BRIDGE) << (arch == "aarch64" ? "x86_64" : "aarch64")
         << "is built for another kind of computer; this one needs airupnp-linux-";
-    QTest::newRow("a zip or page, not a program")
-        << "airupnp.xml" << currentBridgeArchitecture() << "is not a Linux program.";
+    QTest::newRow("a page, not a program") << "airupnp.xml" << arch << "is not a Linux program.";
+    QTest::newRow("the release's zip") << "release.zip" << arch
+                                       << "is the release's zip file: open it and choose "
+                                          "airupnp-linux-";
+    QTest::newRow("a script") << "run.sh" << arch << "is a script, not the bridge";
     QTest::newRow("nothing there") << "missing" << currentBridgeArchitecture() << "Cannot read ";
 }
 
@@ -582,6 +592,8 @@ void TestBridge::bridgeSetupInstalls()
     QFETCH(QString, arch);
     QFETCH(QString, refusal);
     writeFileAtomically(m_dir.filePath("airupnp.xml"), "<squeeze2upnp/>", nullptr);
+    writeFileAtomically(m_dir.filePath("release.zip"), "PK\x03\x04\x14\0\0\0", nullptr);
+    writeFileAtomically(m_dir.filePath("run.sh"), "#!/bin/sh\nexec airupnp \"$@\"\n", nullptr);
     const QString source = QDir::isAbsolutePath(file) ? file : m_dir.filePath(file);
     const QString dir = m_dir.filePath(QStringLiteral("user/lib/corvel"));
     UserText error;

@@ -30,6 +30,7 @@ const QHash<QString, E> events = {{"launch", E::Launched},
                                   {"retry", E::RetryTimerFired},
                                   {"quit", E::Quit},
                                   {"cannotStart", E::BridgeCannotStart},
+                                  {"notReady", E::BridgeNotReady},
                                   {"resumed", E::Resumed}};
 
 QString name(C command)
@@ -40,7 +41,7 @@ QString name(C command)
                                         "StopApplyTimer",  "StartRetryTimer",   "StopRetryTimer",
                                         "PreventSleep",    "AllowSleep",        "AnnounceStopped",
                                         "ShowBridgeSetup", "TellBridgeMissing", "TellRetrying",
-                                        "TellGaveUp"};
+                                        "TellNotReady",    "TellGaveUp"};
     return QString::fromLatin1(names[int(command)]);
 }
 
@@ -95,6 +96,11 @@ void TestLifecycle::rules_data()
     row("running, the bridge ends by itself -> retry in 2 s, told once",
         {"@running", "-bridge", "exit"}, S::Retrying,
         {"AllowSleep", "TellRetrying", "StartRetryTimer"});
+    row("starting, not ready in time -> stopped by Corvel, said so, retried",
+        {"@starting", "-bridge", "notReady"}, S::Retrying,
+        {"AllowSleep", "TellNotReady", "StartRetryTimer"});
+    row("off, then the watchdog's stop -> no failure",
+        {"@starting", "onoff", "-bridge", "notReady"}, S::Stopped, {"AllowSleep"}, true);
     row("four ends, off and on, one more -> a first failure again, not the give-up",
         {"@crashed",      "retry",       "+bridge", "started", "-bridge", "exit",
          "retry",         "+bridge",     "started", "-bridge", "exit",    "retry",

@@ -107,6 +107,12 @@ void announce(const std::vector<std::string> &names)
 
 int main(int argc, char **argv)
 {
+    // Asked for its options, it answers as the bridge does: usage on standard output, exit 1.
+    if (argc == 2 && std::strcmp(argv[1], "-h") == 0) {
+        std::printf("v0.0.0 (fake)\nSee -t for license terms\nUsage: [options]\n"
+                    "  -x <config file>\tread config from file (default is ./config.xml)\n");
+        return 1;
+    }
     std::string configText;
     for (int i = 1; i + 1 < argc; ++i) {
         if (std::strcmp(argv[i], "-x") == 0) {
