@@ -182,7 +182,11 @@ void PreferencesWindow::startObserving()
     observe(Notifications::serviceTerminated, buttonAndSpinner);
     observe(Notifications::appStopped, buttonAndSpinner);
     observe(Notifications::bridgeMissing, buttonAndSpinner);
-    observe(Notifications::deviceSettingsChanged, &PreferencesWindow::showSaveState);
+    // A rename or a switch made elsewhere (the tray, the command line) shows here at once.
+    observe(Notifications::deviceSettingsChanged, [](PreferencesWindow *v) {
+        v->showSaveState();
+        v->reloadData();
+    });
     observe(Notifications::speakerStatesChanged, &PreferencesWindow::reloadData);
 
     m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
@@ -291,6 +295,10 @@ void PreferencesWindow::layoutRows()
     for (const auto &entry : sorted)
         shown.push_back(entry.entry);
 
+    // The row being worked on stays in view when the order changes around it.
+    QListWidgetItem *current = table->currentItem();
+    const bool currentShown =
+        current && table->visualItemRect(current).intersects(table->viewport()->rect());
     QSet<QUrl> keep;
     for (const auto *entry : shown)
         keep.insert(entry->first.url);
@@ -323,6 +331,8 @@ void PreferencesWindow::layoutRows()
         m_noSpeakersItem->setSizeHint(table->viewport()->size());
         table->setItemWidget(m_noSpeakersItem, makeRowView(std::nullopt));
     }
+    if (currentShown && table->currentItem() == current)
+        table->scrollToItem(current);
     showCurrentRow();
 }
 

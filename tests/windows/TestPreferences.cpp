@@ -63,6 +63,7 @@ private slots:
     void rows_data();
     void rows();
     void rowsStayPutDuringASearch();
+    void followsChangesMadeElsewhere();
     void renameStaysWithItsSpeaker_data();
     void renameStaysWithItsSpeaker();
     void names_data();
@@ -201,6 +202,23 @@ void TestPreferences::rowsStayPutDuringASearch()
     post(Notifications::discoveryComplete);
     QCOMPARE(shownNames(), QStringList({"Attic - One", "Room 2 - One", "Room 3 - One"}));
     QCOMPARE(m_window->row(1), second.data());
+}
+
+void TestPreferences::followsChangesMadeElsewhere()
+{
+    // corvel --rename and --disable (or the tray) change the settings of the running Corvel:
+    // the open window shows it at once, in order, and its box toggles from what holds.
+    m_controls->add(1);
+    m_controls->add(2);
+    showActive();
+    m_controls->settings().renameDevice(location(1), QStringLiteral("Zebra"));
+    m_controls->settings().setDeviceEnabled(location(2), false);
+    post(Notifications::deviceSettingsChanged);
+    QCOMPARE(shownNames(), QStringList({"Room 2 - One", "Zebra"}));
+    QCheckBox *box = m_window->row(0)->checkbox();
+    QVERIFY(!box->isChecked());
+    box->click();
+    QVERIFY(m_controls->settings().devices.at(location(2)).enabled);
 }
 
 void TestPreferences::renameStaysWithItsSpeaker_data()
