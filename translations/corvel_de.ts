@@ -396,7 +396,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+490"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+500"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -431,7 +431,7 @@
         <translation>Verzögerung</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-407"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-417"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
@@ -441,7 +441,7 @@
         <translation>Ihre Änderungen konnten nicht gespeichert werden (%1). Sie gelten, bis Corvel beendet wird, und Corvel versucht dann erneut, sie zu speichern.</translation>
     </message>
     <message>
-        <location line="+372"/>
+        <location line="+382"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>
@@ -562,7 +562,7 @@
         <translation>Ein Name darf bis zu %1 Bytes lang sein: Die meisten Buchstaben belegen eines, Umlaute und Buchstaben mit Akzent zwei, Emoji vier.</translation>
     </message>
     <message>
-        <location line="+70"/>
+        <location line="+79"/>
         <source>%1 — Already an AirPlay speaker</source>
         <translation>%1 — Bereits ein AirPlay-Lautsprecher</translation>
     </message>
@@ -587,20 +587,14 @@
         <translation>Der Name, unter dem dieser Lautsprecher angeboten wird</translation>
     </message>
     <message numerus="yes">
-        <location line="+41"/>
-        <source>%n left</source>
-        <translation>
-            <numerusform>noch %n</numerusform>
-            <numerusform>noch %n</numerusform>
-        </translation>
+        <location line="+42"/>
+        <source>(%n left)</source>
+        <translation><numerusform>(%n übrig)</numerusform><numerusform>(%n übrig)</numerusform></translation>
     </message>
     <message numerus="yes">
         <location line="+1"/>
-        <source>%n too many</source>
-        <translation>
-            <numerusform>%n zu viel</numerusform>
-            <numerusform>%n zu viel</numerusform>
-        </translation>
+        <source>(%n over the limit)</source>
+        <translation><numerusform>(%n über der Grenze)</numerusform><numerusform>(%n über der Grenze)</numerusform></translation>
     </message>
 </context>
 <context>

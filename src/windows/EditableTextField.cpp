@@ -77,6 +77,10 @@ void EditableTextField::endEditByKey(const QKeyEvent *event)
     switch (event->key()) {
     case Qt::Key_Return:
     case Qt::Key_Enter:
+        if (acceptable && !acceptable(text())) {
+            emit editRefused();
+            break;
+        }
         m_editing = false;
         setCursorPosition(0);
         emit editCommitted(true);

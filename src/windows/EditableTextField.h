@@ -5,6 +5,7 @@
 // field commits it, Escape puts back the text it began with.
 #pragma once
 
+#include <functional>
 #include <QLineEdit>
 
 class EditableTextField : public QLineEdit
@@ -15,6 +16,9 @@ public:
     using QLineEdit::QLineEdit;
 
     bool isEditing() const { return m_editing; }
+    // Return and Enter commit only text this accepts; other text stays in the field, still
+    // being edited, and editRefused follows. Unset: any text.
+    std::function<bool(const QString &)> acceptable;
 
 signals:
     void editBegan();
@@ -22,6 +26,8 @@ signals:
     void editCommitted(bool byKey);
     // Escape: the text is back to what it was when the edit began.
     void editCancelled();
+    // Return or Enter on text that is not acceptable.
+    void editRefused();
 
 protected:
     bool event(QEvent *event) override;

@@ -95,6 +95,15 @@ SpeakerRow::SpeakerRow(std::function<Settings &()> settings, std::optional<QUrl>
             [endRename](bool byKey) { endRename(true, byKey); });
     connect(m_titleField, &EditableTextField::editCancelled, this,
             [endRename] { endRename(false, true); });
+    // A name that cannot be taken keeps its text on Return: the user shortens it.
+    m_titleField->acceptable = [](const QString &name) {
+        return !speakerNameProblem(name);
+    };
+    connect(m_titleField, &EditableTextField::editRefused, this, [this] {
+        const auto problem = speakerNameProblem(m_titleField->text());
+        if (problem)
+            showHint(problem->shown);
+    });
     connect(m_checkbox, &QCheckBox::clicked, this, &SpeakerRow::checkboxClicked);
     setNoSpeakersFound(!deviceLocation);
 }
@@ -181,8 +190,9 @@ bool SpeakerRow::isRenaming() const
 void SpeakerRow::updateLengthLabel()
 {
     const int left = maxSpeakerNameBytes - int(m_titleField->text().toUtf8().size());
-    m_lengthLabel->setText(left >= 0 ? tr("%n left", nullptr, left)
-                                     : tr("%n too many", nullptr, -left));
+    // In brackets, so that it never reads as the end of the name.
+    m_lengthLabel->setText(left >= 0 ? tr("(%n left)", nullptr, left)
+                                     : tr("(%n over the limit)", nullptr, -left));
     m_lengthLabel->setForegroundRole(left >= 0 ? QPalette::PlaceholderText : QPalette::WindowText);
 }
 
@@ -192,10 +202,17 @@ void SpeakerRow::refuseName(const QString &hint)
     if (record != m_settings().devices.end())
         m_titleField->setText(record->second.name);
     m_titleField->setCursorPosition(0);
-    m_titleField->setToolTip(hint);
+    showHint(hint);
+}
+
+void SpeakerRow::showHint(const QString &hint)
+{
+    // Rich text, so that a long hint wraps instead of running across the screen.
+    const QString text = QStringLiteral("<p>") + hint.toHtmlEscaped() + QStringLiteral("</p>");
+    m_titleField->setToolTip(text);
     // Shown once the field has its final place (a commit by focus loss may move the row).
-    QTimer::singleShot(0, m_titleField, [field = m_titleField, hint] {
-        QToolTip::showText(field->mapToGlobal(QPoint(0, field->height())), hint, field);
+    QTimer::singleShot(0, m_titleField, [field = m_titleField, text] {
+        QToolTip::showText(field->mapToGlobal(QPoint(0, field->height())), text, field);
     });
 }
 

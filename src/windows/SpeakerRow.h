@@ -64,6 +64,7 @@ private:
     void updateLengthLabel();
     // Puts the record's current name back, with the reason as a hint at the field.
     void refuseName(const QString &hint);
+    void showHint(const QString &hint);
 
     std::function<Settings &()> m_settings;
     QLabel *m_noSpeakersFound;
