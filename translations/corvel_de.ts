@@ -753,7 +753,7 @@
     </message>
     <message>
         <location line="+1"/>
-        <source>Turn Corvel O&amp;ff</source>
+        <source>Turn Corvel &amp;Off</source>
         <translation>Corvel aus&amp;schalten</translation>
     </message>
     <message>

@@ -39,7 +39,7 @@ public:
     static constexpr const char *statusWaitingForNetwork =
         QT_TR_NOOP("Corvel: Waiting For Network...");
     static constexpr const char *commandTurnOn = QT_TR_NOOP("Turn Corvel &On");
-    static constexpr const char *commandTurnOff = QT_TR_NOOP("Turn Corvel O&ff");
+    static constexpr const char *commandTurnOff = QT_TR_NOOP("Turn Corvel &Off");
     static constexpr const char *commandInstallBridge = QT_TR_NOOP("&Install Bridge…");
 
     // Speaker items are inserted from this menu position on; past maxInlineSpeakers they go

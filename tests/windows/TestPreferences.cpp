@@ -5,6 +5,7 @@
 #include "BridgeSetupWindow.h"
 #include "EditableTextField.h"
 #include "FakeControls.h"
+#include "FakeFacts.h"
 #include "FakePlatform.h"
 #include "Notifications.h"
 #include "PreferencesWindow.h"
@@ -78,6 +79,7 @@ private slots:
     void aFailedSaveIsShownUntilOneSucceeds();
     void startAtLoginAndSoundOutputs();
     void nameFieldEditsWithItsOwnKeys();
+    void mnemonicsAreUniquePerMenuAndLanguage();
     void germanTranslation();
     void factoryMakesEachWindowOnce();
 
@@ -576,6 +578,51 @@ void TestPreferences::nameFieldEditsWithItsOwnKeys()
     field.setReadOnly(false);
     QTest::keySequence(&field, QKeySequence::Undo);
     QCOMPARE(field.text(), QStringLiteral("Den"));
+}
+
+void TestPreferences::mnemonicsAreUniquePerMenuAndLanguage()
+{
+    // In each language, no two items of a menu (or controls of a window) share a mnemonic:
+    // one key press does one thing. The on/off item is checked in each of its wordings.
+    const auto mnemonics = [](const QStringList &texts) {
+        QStringList keys;
+        for (const QString &text : texts) {
+            const qsizetype at = QString(text).replace("&&", "").indexOf('&');
+            if (at >= 0)
+                keys << QString(text).replace("&&", "").mid(at + 1, 1).toLower();
+        }
+        return keys;
+    };
+    const auto unique = [](QStringList keys) {
+        const qsizetype all = keys.size();
+        keys.removeDuplicates();
+        return keys.size() == all;
+    };
+    FakeFacts facts;
+    Lifecycle lifecycle(facts, [] { return qint64(0); });
+    for (const QLocale &locale : {QLocale(QLocale::English, QLocale::UnitedKingdom),
+                                  QLocale(QLocale::German, QLocale::Germany)}) {
+        Translations::install(locale);
+        TrayPresenter tray(lifecycle, [this]() -> Settings & { return m_controls->settings(); });
+        QStringList others;
+        for (const QAction *action : tray.menu()->actions()) {
+            if (action != tray.onOffItem() && !action->text().isEmpty())
+                others << action->text();
+        }
+        for (const char *onOff : {TrayPresenter::commandTurnOn, TrayPresenter::commandTurnOff,
+                                  TrayPresenter::commandInstallBridge}) {
+            const QStringList keys = mnemonics(others + QStringList{TrayPresenter::tr(onOff)});
+            QVERIFY2(unique(keys), qPrintable(locale.name() + ": " + keys.join(' ')));
+        }
+        PreferencesWindow window(*m_controls, m_platform->platform());
+        QStringList texts;
+        for (const QAbstractButton *button : window.findChildren<QAbstractButton *>())
+            texts << button->text();
+        for (const QLabel *label : window.findChildren<QLabel *>())
+            texts << label->text();
+        QVERIFY2(unique(mnemonics(texts)), qPrintable(locale.name() + ": " + texts.join(" | ")));
+    }
+    Translations::install(QLocale(QLocale::English, QLocale::UnitedKingdom));
 }
 
 void TestPreferences::germanTranslation()
