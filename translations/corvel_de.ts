@@ -396,7 +396,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+500"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+539"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -431,17 +431,32 @@
         <translation>Verzögerung</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-417"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-455"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
     <message>
-        <location line="+31"/>
+        <location line="+33"/>
+        <source>About &amp;Corvel</source>
+        <translation>Über &amp;Corvel</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Send &amp;Feedback…</source>
+        <translation>&amp;Feedback senden…</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>&amp;Quit Corvel</source>
+        <translation>Corvel &amp;beenden</translation>
+    </message>
+    <message>
+        <location line="+30"/>
         <source>Your changes could not be saved (%1). They apply until Corvel quits, and Corvel tries to save them again then.</source>
         <translation>Ihre Änderungen konnten nicht gespeichert werden (%1). Sie gelten, bis Corvel beendet wird, und Corvel versucht dann erneut, sie zu speichern.</translation>
     </message>
     <message>
-        <location line="+382"/>
+        <location line="+385"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>
@@ -589,12 +604,18 @@
     <message numerus="yes">
         <location line="+42"/>
         <source>(%n left)</source>
-        <translation><numerusform>(%n übrig)</numerusform><numerusform>(%n übrig)</numerusform></translation>
+        <translation>
+            <numerusform>(%n übrig)</numerusform>
+            <numerusform>(%n übrig)</numerusform>
+        </translation>
     </message>
     <message numerus="yes">
         <location line="+1"/>
         <source>(%n over the limit)</source>
-        <translation><numerusform>(%n über der Grenze)</numerusform><numerusform>(%n über der Grenze)</numerusform></translation>
+        <translation>
+            <numerusform>(%n über der Grenze)</numerusform>
+            <numerusform>(%n über der Grenze)</numerusform>
+        </translation>
     </message>
 </context>
 <context>

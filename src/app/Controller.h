@@ -76,6 +76,9 @@ public:
     void bridgeInstalled() override;
     bool noTray() const override { return m_noTray; }
     void quit() override;
+    QString statusTitle() const override { return TrayPresenter::statusTitle(state()); }
+    void showAbout() override { showWindow(Windows::Kind::About); }
+    void showFeedback() override { showWindow(Windows::Kind::Feedback); }
 
     // CrashReporterDelegate.
     QString recentLog() override;

@@ -29,4 +29,9 @@ public:
     // There is no tray: the preferences window is Corvel's only face, and closing it quits.
     virtual bool noTray() const = 0;
     virtual void quit() = 0;
+    // Where Corvel stands, as the tray's title says it ("Corvel: Running"), translated.
+    virtual QString statusTitle() const = 0;
+    // The windows the tray menu opens; without a tray the preferences window offers them.
+    virtual void showAbout() = 0;
+    virtual void showFeedback() = 0;
 };

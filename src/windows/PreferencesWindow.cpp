@@ -18,6 +18,7 @@
 #include <QComboBox>
 #include <QDateTime>
 #include <QFileDialog>
+#include <QHBoxLayout>
 #include <QHideEvent>
 #include <QLabel>
 #include <QListWidget>
@@ -91,6 +92,41 @@ void PreferencesWindow::setClosingQuits(bool quits)
     }
     if (m_noTrayLabel)
         m_noTrayLabel->setVisible(quits);
+    if (quits && !m_noTrayBar)
+        addNoTrayBar();
+    if (m_noTrayBar)
+        m_noTrayBar->setVisible(quits);
+}
+
+void PreferencesWindow::addNoTrayBar()
+{
+    m_noTrayBar = new QWidget(this);
+    m_noTrayBar->setObjectName(QStringLiteral("noTrayBar"));
+    auto *bar = new QHBoxLayout(m_noTrayBar);
+    bar->setContentsMargins(0, 0, 0, 0);
+    m_statusLabel = new QLabel(m_noTrayBar);
+    m_statusLabel->setObjectName(QStringLiteral("statusLabel"));
+    bar->addWidget(m_statusLabel, 1);
+    const auto button = [this, bar](const QString &name, const QString &text, auto clicked) {
+        auto *b = new QPushButton(text, m_noTrayBar);
+        b->setObjectName(name);
+        b->setAutoDefault(false);
+        connect(b, &QPushButton::clicked, this, clicked);
+        bar->addWidget(b);
+    };
+    button(QStringLiteral("aboutButton"), tr("About &Corvel"), [this] { m_controls.showAbout(); });
+    button(QStringLiteral("feedbackButton"), tr("Send &Feedback…"),
+           [this] { m_controls.showFeedback(); });
+    button(QStringLiteral("quitButton"), tr("&Quit Corvel"), [this] { m_controls.quit(); });
+    if (auto *box = qobject_cast<QBoxLayout *>(layout()))
+        box->insertWidget(1, m_noTrayBar);
+    updateStatus();
+}
+
+void PreferencesWindow::updateStatus()
+{
+    if (m_statusLabel)
+        m_statusLabel->setText(m_controls.statusTitle());
 }
 
 void PreferencesWindow::showSaveState()
@@ -156,10 +192,12 @@ void PreferencesWindow::startObserving()
     const auto buttonAndSpinner = [](PreferencesWindow *v) {
         v->updateStartStopButton();
         v->updateSpinner();
+        v->updateStatus();
     };
     observe(Notifications::discoveryStarted, [](PreferencesWindow *v) {
         v->reloadData();
         v->updateSpinner();
+        v->updateStatus();
     });
     // Speakers found in one burst cost one reload.
     observe(Notifications::deviceDiscovered, [](PreferencesWindow *v) {
@@ -176,6 +214,7 @@ void PreferencesWindow::startObserving()
         v->reloadData();
         v->updateStartStopButton();
         v->updateSpinner();
+        v->updateStatus();
     });
     observe(Notifications::serviceStarted, buttonAndSpinner);
     observe(Notifications::serviceReady, buttonAndSpinner);

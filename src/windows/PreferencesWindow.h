@@ -78,6 +78,9 @@ private:
     void startObserving(); // while shown
     void stopObserving();
     void fillRow(QListWidgetItem *item, const DeviceSettings &record);
+    // Without a tray: where Corvel stands, and what the tray menu would offer.
+    void addNoTrayBar();
+    void updateStatus();
     void loadIcon(const QUrl &url, SpeakerRow *row);
     // Adds, removes and orders the rows, unless the user is renaming or pointing into the list.
     void layoutRows();
@@ -105,6 +108,8 @@ private:
     bool m_offersSetup = false; // the button opens the bridge setup
     bool m_closingQuits = false;
     QLabel *m_noTrayLabel = nullptr;
+    QWidget *m_noTrayBar = nullptr;
+    QLabel *m_statusLabel = nullptr;
     QLabel *m_saveErrorLabel = nullptr;
     QNetworkAccessManager m_network;
     // Icons by URL; a null pixmap marks one being fetched or that could not be had, so a

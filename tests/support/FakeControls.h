@@ -25,6 +25,11 @@ struct FakeControls : Controls
     void bridgeInstalled() override { ++installs; }
     bool noTray() const override { return withoutTray; }
     void quit() override { ++quits; }
+    QString statusTitle() const override { return status; }
+    void showAbout() override { shown << QStringLiteral("about"); }
+    void showFeedback() override { shown << QStringLiteral("feedback"); }
+    QString status = QStringLiteral("Corvel: Running");
+    QStringList shown;
     bool missing = false;
     bool withoutTray = false;
     int setups = 0;

@@ -476,6 +476,17 @@ void TestPreferences::buttonFollowsBridgeEventsOnly()
     m_window->setClosingQuits(true);
     m_window->show();
     QVERIFY(m_window->findChild<QLabel *>("noTrayLabel")->isVisible());
+    // It is Corvel's only face then: where Corvel stands, and the tray menu's commands.
+    auto *status = m_window->findChild<QLabel *>("statusLabel");
+    QCOMPARE(status->text(), QStringLiteral("Corvel: Running"));
+    m_controls->status = QStringLiteral("Corvel: Stopped");
+    post(Notifications::serviceTerminated);
+    QCOMPARE(status->text(), QStringLiteral("Corvel: Stopped"));
+    m_window->findChild<QPushButton *>("aboutButton")->click();
+    m_window->findChild<QPushButton *>("feedbackButton")->click();
+    QCOMPARE(m_controls->shown, QStringList({"about", "feedback"}));
+    m_window->findChild<QPushButton *>("quitButton")->click();
+    QCOMPARE(m_controls->quits, 1);
     m_window->close();
     QCOMPARE(quit.size(), 1);
 }
@@ -615,6 +626,7 @@ void TestPreferences::mnemonicsAreUniquePerMenuAndLanguage()
             QVERIFY2(unique(keys), qPrintable(locale.name() + ": " + keys.join(' ')));
         }
         PreferencesWindow window(*m_controls, m_platform->platform());
+        window.setClosingQuits(true); // with the tray menu's commands in it
         QStringList texts;
         for (const QAbstractButton *button : window.findChildren<QAbstractButton *>())
             texts << button->text();
