@@ -3,6 +3,7 @@
 
 #include "Logging.h"
 
+#include <QMenu>
 #include <QSystemTrayIcon>
 
 Notices::Notices(bool shown, QObject *parent) : QObject(parent), m_shown(shown) {}
@@ -11,6 +12,12 @@ void Notices::setTrayIcon(QSystemTrayIcon *icon)
 {
     m_trayIcon = icon;
     connect(icon, &QSystemTrayIcon::messageClicked, this, [this] {
+        // An XEmbed tray reports any click on the icon while a balloon shows as a click on
+        // the balloon, after the right button has opened the menu: that click was for the
+        // menu, and the notice's action waits.
+        const QMenu *menu = m_trayIcon ? m_trayIcon->contextMenu() : nullptr;
+        if (menu && menu->isVisible())
+            return;
         if (const auto action = std::exchange(m_balloonAction, nullptr))
             action();
     });
