@@ -17,7 +17,9 @@
 #include <QDir>
 #include <QFile>
 #include <QHttpMultiPart>
+#include <QLocale>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QSet>
 #include <QStandardPaths>
 #include <unistd.h>
@@ -105,14 +107,60 @@ QString readRecord(const QString &path)
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.read(1024 * 1024)) : QString();
 }
 
-QString lastLines(const QString &path, int count)
+} // namespace
+
+QString CrashReporter::lastEntries(const QString &text, int count, int linesEach)
+{
+    // An entry starts with its time stamp ("[2026-11-25 03:40:12.345 +0000]"); the lines
+    // after it until the next one are its own (a configuration file written to the log).
+    static const QRegularExpression stamp(QStringLiteral("^\\[\\d{4}-\\d\\d-\\d\\d "));
+    std::vector<QStringList> entries;
+    for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        if (entries.empty() || stamp.match(line).hasMatch())
+            entries.emplace_back();
+        entries.back() << line;
+    }
+    QStringList kept;
+    for (size_t i = entries.size() > size_t(count) ? entries.size() - size_t(count) : 0;
+         i < entries.size(); ++i) {
+        const QStringList &entry = entries[i];
+        kept << entry.mid(0, linesEach);
+        if (entry.size() > linesEach)
+            kept << QStringLiteral("    … %1 more lines").arg(entry.size() - linesEach);
+    }
+    return kept.join(QLatin1Char('\n'));
+}
+
+QString CrashReporter::readableRecord(const QString &record)
+{
+    QStringList lines = record.split(QLatin1Char('\n'));
+    for (QString &line : lines) {
+        bool ok = false;
+        if (line.startsWith(QLatin1String("signal "))) {
+            const int signal = line.mid(7).toInt(&ok);
+            const char *name = ok ? ::strsignal(signal) : nullptr;
+            if (name)
+                line += QStringLiteral(" (%1)").arg(QString::fromLocal8Bit(name));
+        } else if (line.startsWith(QLatin1String("time "))) {
+            const qint64 seconds = line.mid(5).toLongLong(&ok);
+            if (ok)
+                line += QStringLiteral(" (%1)").arg(QLocale().toString(
+                    QDateTime::fromSecsSinceEpoch(seconds), QLocale::LongFormat));
+        }
+    }
+    return lines.join(QLatin1Char('\n'));
+}
+
+namespace {
+QString lastEntriesOf(const QString &path, int count)
 {
     QFile file(path);
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
         return {};
-    const QStringList lines =
-        QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    return lines.mid(std::max<qsizetype>(0, lines.size() - count)).join(QLatin1Char('\n'));
+    // The session file is bounded; its end is what matters.
+    if (file.size() > 4 * 1024 * 1024)
+        file.seek(file.size() - 4 * 1024 * 1024);
+    return CrashReporter::lastEntries(QString::fromUtf8(file.readAll()), count);
 }
 } // namespace
 
@@ -274,7 +322,7 @@ void CrashReporter::processPendingReports()
             m_delegate->crashPromptWillShow();
         report.attachment = log +
                             QStringLiteral("\n\n--- The log of the session that crashed ---\n") +
-                            lastLines(sessionLogOf(report.record), 100);
+                            lastEntriesOf(sessionLogOf(report.record), 100);
     }
     if (send) {
         handleAnswer(reports, Answer::Send);

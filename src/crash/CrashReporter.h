@@ -78,6 +78,10 @@ public:
 
     // Writes a crash record for signal to the prepared path; async-signal-safe.
     static void writeCrashRecord(int signal);
+    // The last count entries of a session's log text, each cut to linesEach lines.
+    static QString lastEntries(const QString &text, int count, int linesEach = 10);
+    // The record with its signal named and its time as a date, for people to read.
+    static QString readableRecord(const QString &record);
 
 signals:
     // A report was sent, saved, declined (removed) or kept after a failed send.

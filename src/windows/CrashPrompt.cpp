@@ -51,8 +51,8 @@ CrashPromptBox::CrashPromptBox(bool canSend, const CrashReporter::Reports &repor
                                     "speakers and their addresses on your network."));
     QString details;
     for (const CrashReporter::Report &report : reports)
-        details +=
-            report.record + QStringLiteral("\n") + report.attachment + QStringLiteral("\n\n");
+        details += CrashReporter::readableRecord(report.record) + QStringLiteral("\n") +
+                   report.attachment + QStringLiteral("\n\n");
     setDetailedText(details);
     QPushButton *send = addButton(canSend ? tr("Send") : tr("Save Report…"), AcceptRole);
     QPushButton *always = canSend ? addButton(tr("Always Send"), YesRole) : nullptr;

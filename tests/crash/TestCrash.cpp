@@ -63,7 +63,35 @@ private slots:
     void answers();
     void failedSendKeepsTheReportAndLogs();
     void waitingReportsAreCappedInNumberAndAge();
+    void reportsReadAsEntriesAndWords();
 };
+
+void TestCrash::reportsReadAsEntriesAndWords()
+{
+    // The crashed session's last entries, not its last lines: a file written to the log is
+    // one entry, cut short, and does not push the events out.
+    QStringList log;
+    for (int i = 0; i < 120; ++i)
+        log << QStringLiteral("[2026-11-25 03:40:%1.000 +0000][Info][app] event %2")
+                   .arg(i % 60, 2, 10, QLatin1Char('0'))
+                   .arg(i);
+    log << QStringLiteral("[2026-11-25 03:41:00.000 +0000][Verbose][bridge] Config:");
+    for (int i = 0; i < 300; ++i)
+        log << QStringLiteral("  <device>%1</device>").arg(i);
+    log << QStringLiteral("[2026-11-25 03:41:01.000 +0000][Error][app] last words");
+    const QStringList kept =
+        CrashReporter::lastEntries(log.join('\n'), 100).split(QLatin1Char('\n'));
+    QCOMPARE(kept.size(), 98 + 1 + 10 + 1); // 98 events, the config's first 10 lines and a note
+    QVERIFY(kept.first().endsWith(QLatin1String("event 22")));
+    QCOMPARE(kept.at(kept.size() - 2), QStringLiteral("    … 291 more lines"));
+    QVERIFY(kept.last().endsWith(QLatin1String("last words")));
+    // The record's signal and time in words.
+    const QString record =
+        CrashReporter::readableRecord(QStringLiteral("signal 11\ntime 0\nversion 1"));
+    QVERIFY2(record.startsWith(QStringLiteral("signal 11 (Segmentation fault)\ntime 0 (")) &&
+                 record.contains(QStringLiteral("1970")) && record.endsWith("\nversion 1"),
+             qPrintable(record));
+}
 
 void TestCrash::realCrashLeavesOneReport_data()
 {
