@@ -9,12 +9,32 @@
         <translation>Über Corvel</translation>
     </message>
     <message>
-        <location line="+16"/>
-        <source>&lt;h3&gt;Corvel %1&lt;/h3&gt;&lt;p&gt;Plays this computer&apos;s sound on Sonos speakers through the AirConnect bridge.&lt;/p&gt;&lt;p&gt;%2&lt;br&gt;%3&lt;/p&gt;&lt;p&gt;Created by %4 (%5)&lt;/p&gt;&lt;p&gt;Corvel is free software: you may redistribute and modify it under the GNU General Public License, version 3 or (at your option) any later version. It comes with no warranty. See %6.&lt;/p&gt;</source>
-        <translation>&lt;h3&gt;Corvel %1&lt;/h3&gt;&lt;p&gt;Spielt den Ton dieses Computers über die AirConnect-Bridge auf Sonos-Lautsprechern ab.&lt;/p&gt;&lt;p&gt;%2&lt;br&gt;%3&lt;/p&gt;&lt;p&gt;Erstellt von %4 (%5)&lt;/p&gt;&lt;p&gt;Corvel ist freie Software: Sie dürfen es unter den Bedingungen der GNU General Public License, Version 3 oder (nach Ihrer Wahl) jeder späteren Version, weitergeben und verändern. Es wird ohne jede Gewährleistung geliefert. Siehe %6.&lt;/p&gt;</translation>
+        <location line="+28"/>
+        <source>Plays this computer&apos;s sound on Sonos speakers, and offers them to phones and other computers through the AirConnect bridge.</source>
+        <translation>Spielt den Ton dieses Computers auf Sonos-Lautsprechern ab und bietet sie über die AirConnect-Brücke Telefonen und anderen Computern an.</translation>
     </message>
     <message>
-        <location line="+18"/>
+        <location line="+5"/>
+        <source>Website</source>
+        <translation>Website</translation>
+    </message>
+    <message>
+        <location line="+6"/>
+        <source>Created by %1</source>
+        <translation>Erstellt von %1</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Corvel is free software: you may redistribute and modify it under the %1, version 3 or (at your option) any later version. It comes with no warranty.</source>
+        <translation>Corvel ist freie Software: Sie dürfen sie unter der %1, Version 3 oder (nach Ihrer Wahl) jeder späteren Version, weitergeben und verändern. Sie wird ohne jede Gewährleistung bereitgestellt.</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>GNU General Public License</source>
+        <translation>GNU General Public License</translation>
+    </message>
+    <message>
+        <location line="+10"/>
         <source>&amp;Copy Version Info</source>
         <translation>Versionsangaben &amp;kopieren</translation>
     </message>
@@ -256,7 +276,7 @@
 <context>
     <name>DeviceSettings</name>
     <message>
-        <location filename="../src/settings/DeviceSettings.cpp" line="+14"/>
+        <location filename="../src/settings/DeviceSettings.cpp" line="+16"/>
         <source>A speaker needs a name: the old one stays.</source>
         <translation>Ein Lautsprecher braucht einen Namen: Der bisherige bleibt.</translation>
     </message>
@@ -362,7 +382,7 @@
 <context>
     <name>Notices</name>
     <message>
-        <location filename="../src/tray/Notices.cpp" line="+31"/>
+        <location filename="../src/tray/Notices.cpp" line="+38"/>
         <source>Click here: %1</source>
         <translation>Hier klicken: %1</translation>
     </message>
@@ -396,7 +416,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="+539"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="+494"/>
         <source>&amp;Start</source>
         <translation>&amp;Starten</translation>
     </message>
@@ -431,7 +451,7 @@
         <translation>Verzögerung</translation>
     </message>
     <message>
-        <location filename="../src/windows/PreferencesWindow.cpp" line="-455"/>
+        <location filename="../src/windows/PreferencesWindow.cpp" line="-411"/>
         <source>No system tray was found, so closing this window quits Corvel. To keep Corvel running in the background, add a system tray to your panel (on GNOME, the AppIndicator extension: package gnome-shell-extension-appindicator).</source>
         <translation>Es wurde kein Systemabschnitt (Tray) gefunden, daher beendet das Schließen dieses Fensters Corvel. Damit Corvel im Hintergrund weiterläuft, fügen Sie Ihrer Leiste einen Systemabschnitt hinzu (unter GNOME die Erweiterung AppIndicator: Paket gnome-shell-extension-appindicator).</translation>
     </message>
@@ -456,7 +476,7 @@
         <translation>Ihre Änderungen konnten nicht gespeichert werden (%1). Sie gelten, bis Corvel beendet wird, und Corvel versucht dann erneut, sie zu speichern.</translation>
     </message>
     <message>
-        <location line="+385"/>
+        <location line="+341"/>
         <source>&amp;Stop</source>
         <translation>&amp;Stoppen</translation>
     </message>
@@ -534,7 +554,7 @@
 <context>
     <name>SpeakerCommands</name>
     <message>
-        <location filename="../src/app/SpeakerCommands.cpp" line="+41"/>
+        <location filename="../src/app/SpeakerCommands.cpp" line="+49"/>
         <source>More than one speaker is named &quot;%1&quot;; give its location instead.</source>
         <translation>Mehrere Lautsprecher heißen „%1“; geben Sie stattdessen seine Adresse (Location) an.</translation>
     </message>
@@ -558,8 +578,8 @@
     <name>SpeakerRow</name>
     <message>
         <location filename="../src/windows/SpeakerRow.cpp" line="+24"/>
-        <source>No speakers found yet. Corvel searches the network when it starts and when you press Start.</source>
-        <translation>Noch keine Lautsprecher gefunden. Corvel durchsucht das Netzwerk beim Start und wenn Sie auf „Starten“ klicken.</translation>
+        <source>No speakers found yet. Corvel searches the network when it starts; the button below searches again.</source>
+        <translation>Noch keine Lautsprecher gefunden. Corvel durchsucht das Netzwerk beim Start; die Schaltfläche unten sucht erneut.</translation>
     </message>
     <message>
         <location line="+13"/>
@@ -814,7 +834,7 @@
 <context>
     <name>main</name>
     <message>
-        <location filename="../src/corvel/main.cpp" line="+132"/>
+        <location filename="../src/corvel/main.cpp" line="+144"/>
         <source>Plays this computer&apos;s audio on Sonos speakers.</source>
         <translation>Spielt den Ton dieses Computers auf Sonos-Lautsprechern ab.</translation>
     </message>
@@ -857,16 +877,26 @@
     </message>
     <message>
         <location line="+6"/>
+        <source>name</source>
+        <translation>Name</translation>
+    </message>
+    <message>
+        <location line="+1"/>
         <source>The new name, with --rename.</source>
         <translation>Der neue Name, mit --rename.</translation>
     </message>
     <message>
         <location line="+1"/>
         <source>[name]</source>
-        <translation>[name]</translation>
+        <translation>[Name]</translation>
     </message>
     <message>
-        <location line="+10"/>
+        <location line="+5"/>
+        <source>Unknown argument &quot;%1&quot; (see corvel --help)</source>
+        <translation>Unbekanntes Argument „%1“ (siehe corvel --help)</translation>
+    </message>
+    <message>
+        <location line="+17"/>
         <source>--rename needs the new name after the speaker</source>
         <translation>--rename braucht den neuen Namen nach dem Lautsprecher</translation>
     </message>

@@ -13,13 +13,21 @@ QString SpeakerCommands::formatList(const Settings &settings)
     if (settings.devices.empty())
         return QStringLiteral("No speakers known yet.\n");
     QString text;
-    for (const auto &[location, record] : settings.devices) {
+    const auto all = [](const DeviceMap::value_type &) {
+        return true;
+    };
+    for (const DeviceMap::value_type *entry : displayOrder(settings.devices, all)) {
+        const auto &[location, record] = *entry;
         // The state column is what the running Corvel knows of the bridge.
         const QString state = speakerStateText(record, settings.devices);
+        // Quoted as a shell would read it back: a quote or backslash in a name is escaped.
+        QString name = record.name;
+        name.replace(QLatin1Char('\\'), QStringLiteral("\\\\"))
+            .replace(QLatin1Char('"'), QStringLiteral("\\\""));
         text +=
             QStringLiteral("%1  %2  %3\n    %4\n")
                 .arg(record.enabled ? QStringLiteral("enabled ") : QStringLiteral("disabled"),
-                     QStringLiteral("\"%1\"").arg(record.name),
+                     QLatin1Char('"') + name + QLatin1Char('"'),
                      state.isEmpty() ? QStringLiteral("found") : state, absoluteString(location));
     }
     return text;

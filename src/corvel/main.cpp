@@ -73,6 +73,19 @@ bool wantsHeadless(int argc, char *argv[])
     return false;
 }
 
+// Help and version print their text and exit: Qt's own start-up remarks (no runtime folder on
+// a bare server, say) would only get in their way.
+bool asksHelpOrVersion(int argc, char *argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        for (const char *option : {"-h", "--help", "--help-all", "-v", "--version"}) {
+            if (std::strcmp(argv[i], option) == 0)
+                return true;
+        }
+    }
+    return false;
+}
+
 // --list with no Corvel running: one search, whose speakers are saved, so that the other
 // commands can name them. The bridge is not started.
 int listSpeakers(QCoreApplication &app)
@@ -111,7 +124,10 @@ int main(int argc, char *argv[])
     // The log exists before anything can log, Qt and the settings included.
     Logging::setDefaultLevel(LogLevel::Verbose);
     Logging::attach(&Log::shared());
-    Logging::installQtMessageHandler();
+    if (asksHelpOrVersion(argc, argv))
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    else
+        Logging::installQtMessageHandler();
 
     QApplication app(argc, argv);
     initCorvelResources();
@@ -122,10 +138,6 @@ int main(int argc, char *argv[])
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
     Translations::install();
-
-    // The long-lived services, destroyed in reverse order before the application object.
-    DeviceDiscovery discovery;
-    AirConnect bridge;
 
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -159,9 +171,22 @@ int main(int argc, char *argv[])
     parser.addOptions(
         {headlessOption, autostartOption, listOption, enableOption, disableOption, renameOption});
     parser.addPositionalArgument(
-        QStringLiteral("name"), QCoreApplication::translate("main", "The new name, with --rename."),
+        QCoreApplication::translate("main", "name"),
+        QCoreApplication::translate("main", "The new name, with --rename."),
         QCoreApplication::translate("main", "[name]"));
     parser.process(app);
+    // Only --rename takes a word of its own: anything else is a mistake, not a start.
+    if (!parser.isSet(renameOption) && !parser.positionalArguments().isEmpty()) {
+        std::fprintf(stderr, "%s\n",
+                     qPrintable(QCoreApplication::translate(
+                                    "main", "Unknown argument \"%1\" (see corvel --help)")
+                                    .arg(parser.positionalArguments().constFirst())));
+        return 2;
+    }
+
+    // The long-lived services, destroyed in reverse order before the application object.
+    DeviceDiscovery discovery;
+    AirConnect bridge;
 
     // The speaker commands go to the running Corvel, so that they apply at once; with none
     // running they work on the stored settings.

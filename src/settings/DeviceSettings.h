@@ -2,6 +2,9 @@
 // One speaker's record in the settings: the user's choices and its last known description.
 #pragma once
 
+#include <functional>
+#include <vector>
+
 #include "DeviceInfo.h"
 #include "UserText.h"
 
@@ -45,3 +48,10 @@ using DeviceMap = std::map<LocationKey, DeviceSettings>;
 QString speakerStateText(const DeviceSettings &record, const DeviceMap &devices);
 // How many offered speakers the bridge has ready (playing ones included) and playing.
 std::pair<int, int> readyAndPlaying(const DeviceMap &devices);
+
+// The records kept by keep, in the order people read them: by name in the user's language
+// (numbers in natural order), each group's members right under its coordinator (one found in
+// this run). The window, the tray menu and --list all list speakers this way.
+std::vector<const DeviceMap::value_type *>
+displayOrder(const DeviceMap &devices,
+             const std::function<bool(const DeviceMap::value_type &)> &keep);

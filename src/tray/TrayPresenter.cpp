@@ -152,35 +152,16 @@ QString TrayPresenter::toolTip() const
 
 void TrayPresenter::updateSpeakerItems()
 {
-    // One item per active speaker, in location order, kept from one update to the next: only
+    // One item per active speaker, in the window's order, kept from one update to the next: only
     // new items are inserted and only departed ones removed, so a search of N speakers costs
     // O(N) per update, not a menu rebuilt from scratch.
     QList<QAction *> items;
     QHash<QString, QAction *> byLocation;
     QList<std::pair<QAction *, int>> added; // with their place in items
     const DeviceMap &devices = m_settings().devices;
-    // Members follow their group's coordinator (found in this run); the rest by location.
-    std::vector<std::pair<QString, const DeviceMap::value_type *>> ordered;
-    for (const auto &entry : devices) {
-        if (!entry.second.active)
-            continue;
-        const auto &topology = entry.second.topology;
-        QString anchor = entry.first.text;
-        if (topology && !topology->coordinator) {
-            for (const auto &other : devices) {
-                if (other.second.active && other.second.topology &&
-                    other.second.topology->coordinator &&
-                    other.second.topology->group == topology->group) {
-                    anchor = other.first.text + QStringLiteral("\n") + entry.first.text;
-                    break;
-                }
-            }
-        }
-        ordered.emplace_back(anchor, &entry);
-    }
-    std::sort(ordered.begin(), ordered.end(),
-              [](const auto &a, const auto &b) { return a.first < b.first; });
-    for (const auto &[anchor, entry] : ordered) {
+    const auto ordered = displayOrder(
+        devices, [](const DeviceMap::value_type &entry) { return entry.second.active; });
+    for (const DeviceMap::value_type *entry : ordered) {
         const auto &[location, record] = *entry;
         QAction *item = m_itemByLocation.take(location.text);
         if (!item) {

@@ -28,20 +28,41 @@ AboutWindow::AboutWindow(QWidget *parent) : QWidget(parent)
     text->setTextInteractionFlags(Qt::TextBrowserInteraction);
     text->setWordWrap(true);
     text->setAlignment(Qt::AlignHCenter);
-    const auto link = [](const QString &url) {
-        return QStringLiteral("<a href=\"%1\">%1</a>").arg(url.toHtmlEscaped());
+    // A build with no address of its own (the reserved .invalid domain) shows none.
+    const auto configured = [](const QString &value) {
+        return !value.isEmpty() && !value.contains(QLatin1String(".invalid"));
     };
-    text->setText(tr("<h3>Corvel %1</h3><p>Plays this computer's sound on Sonos speakers "
-                     "through the AirConnect bridge.</p><p>%2<br>%3</p>"
-                     "<p>Created by %4 (%5)</p><p>Corvel is free software: you may "
-                     "redistribute and modify it under the GNU General Public License, "
-                     "version 3 or (at your option) any later version. It comes with no "
-                     "warranty. See %6.</p>")
-                      .arg(Settings::currentVersion(), link(QStringLiteral(CORVEL_WEBSITE)),
-                           link(QStringLiteral(CORVEL_SOCIAL)),
-                           QStringLiteral(CORVEL_AUTHOR).toHtmlEscaped(),
-                           link(QStringLiteral(CORVEL_AUTHOR_URL)),
-                           link(QStringLiteral("https://www.gnu.org/licenses/gpl-3.0.html"))));
+    const auto link = [](const QString &url, const QString &label) {
+        return QStringLiteral("<a href=\"%1\">%2</a>")
+            .arg(url.toHtmlEscaped(), label.toHtmlEscaped());
+    };
+    const QString website = QStringLiteral(CORVEL_WEBSITE);
+    const QString social = QStringLiteral(CORVEL_SOCIAL);
+    const QString authorUrl = QStringLiteral(CORVEL_AUTHOR_URL);
+    const QString author = QStringLiteral(CORVEL_AUTHOR);
+    // The version is in the lines below, once; links carry names, not addresses that would
+    // break across lines.
+    QString html = QStringLiteral("<h3>Corvel</h3><p>") +
+                   tr("Plays this computer's sound on Sonos speakers, and offers them to phones "
+                      "and other computers through the AirConnect bridge.") +
+                   QStringLiteral("</p>");
+    QStringList where;
+    if (configured(website))
+        where << link(website, tr("Website"));
+    if (configured(social))
+        where << social.toHtmlEscaped();
+    if (!where.isEmpty())
+        html += QStringLiteral("<p>") + where.join(QStringLiteral("<br>")) + QStringLiteral("</p>");
+    html += QStringLiteral("<p>") +
+            tr("Created by %1")
+                .arg(configured(authorUrl) ? link(authorUrl, author) : author.toHtmlEscaped()) +
+            QStringLiteral("</p><p>") +
+            tr("Corvel is free software: you may redistribute and modify it under the %1, "
+               "version 3 or (at your option) any later version. It comes with no warranty.")
+                .arg(link(QStringLiteral("https://www.gnu.org/licenses/gpl-3.0.html"),
+                          tr("GNU General Public License"))) +
+            QStringLiteral("</p>");
+    text->setText(html);
     layout->addWidget(text);
     auto *info = new QLabel(versionInfo(), this);
     info->setObjectName(QStringLiteral("versionInfoLabel"));

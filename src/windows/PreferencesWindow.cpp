@@ -14,7 +14,6 @@
 #include <QBoxLayout>
 #include <QCheckBox>
 #include <QCloseEvent>
-#include <QCollator>
 #include <QComboBox>
 #include <QDateTime>
 #include <QFileDialog>
@@ -250,24 +249,6 @@ bool isListed(const DeviceSettings &record)
     return record.active && record.topology;
 }
 
-bool isMember(const DeviceSettings &record)
-{
-    return record.topology && !record.topology->coordinator;
-}
-
-// The name a row sorts under: its group coordinator's, for a member whose coordinator is found.
-const QString &groupName(const DeviceSettings &record, const DeviceMap &devices)
-{
-    if (isMember(record)) {
-        for (const auto &entry : devices) {
-            const DeviceSettings &other = entry.second;
-            if (other.active && other.topology && other.topology->coordinator &&
-                other.topology->group == record.topology->group)
-                return other.name;
-        }
-    }
-    return record.name;
-}
 } // namespace
 
 SpeakerRow *PreferencesWindow::makeRowView(std::optional<QUrl> location)
@@ -303,36 +284,10 @@ void PreferencesWindow::layoutRows()
     QListWidget *table = m_ui->tableView;
     const DeviceMap &devices = m_controls.settings().devices;
     const bool searching = m_controls.searchRunning();
-    // Qt compares plainly in the C locale, numbers included: natural order needs a language.
-    const QLocale locale;
-    QCollator collator(locale.language() == QLocale::C ? QLocale(QLocale::English) : locale);
-    collator.setNumericMode(true);
-    collator.setCaseSensitivity(Qt::CaseInsensitive);
-    // Sort keys are made once per name: a household of hundreds sorts in a millisecond.
-    struct Sorted
-    {
-        QCollatorSortKey group;
-        bool member;
-        QCollatorSortKey name;
-        const DeviceMap::value_type *entry;
-    };
-    std::vector<Sorted> sorted;
-    for (const auto &entry : devices) {
-        if (isListed(entry.second) || (searching && m_items.contains(entry.first.url)))
-            sorted.push_back({collator.sortKey(groupName(entry.second, devices)),
-                              isMember(entry.second), collator.sortKey(entry.second.name), &entry});
-    }
-    std::stable_sort(sorted.begin(), sorted.end(), [](const Sorted &a, const Sorted &b) {
-        if (const int group = a.group.compare(b.group))
-            return group < 0;
-        if (a.member != b.member)
-            return b.member;
-        return a.name.compare(b.name) < 0;
-    });
-    std::vector<const DeviceMap::value_type *> shown;
-    shown.reserve(sorted.size());
-    for (const auto &entry : sorted)
-        shown.push_back(entry.entry);
+    const std::vector<const DeviceMap::value_type *> shown =
+        displayOrder(devices, [&](const DeviceMap::value_type &entry) {
+            return isListed(entry.second) || (searching && m_items.contains(entry.first.url));
+        });
 
     // The row being worked on stays in view when the order changes around it.
     QListWidgetItem *current = table->currentItem();

@@ -22,7 +22,7 @@ SpeakerRow::SpeakerRow(std::function<Settings &()> settings, std::optional<QUrl>
 {
     setObjectName(QStringLiteral("speakerRowWidget"));
     m_noSpeakersFound = new QLabel(tr("No speakers found yet. Corvel searches the network when it "
-                                      "starts and when you press Start."),
+                                      "starts; the button below searches again."),
                                    this);
     m_noSpeakersFound->setObjectName(QStringLiteral("noSpeakersFoundLabel"));
     m_noSpeakersFound->setWordWrap(true);

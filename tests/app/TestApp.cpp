@@ -396,8 +396,9 @@ void TestApp::speakerCommands()
     LogCapture capture;
     QCOMPARE(SpeakerCommands::setEnabled(*settings, QStringLiteral("Room 1 - One"), false, &error),
              0);
-    QCOMPARE(SpeakerCommands::rename(*settings, speaker(3).location.toString(), "Study", &error),
-             0);
+    QCOMPARE(
+        SpeakerCommands::rename(*settings, speaker(3).location.toString(), "Attic \"A\"", &error),
+        0);
     QCOMPARE(SpeakerCommands::rename(*settings, QStringLiteral("room 1 - one"), "x", &error), 1);
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(51, 'x'), &error), 2);
     QVERIFY(error.startsWith(QStringLiteral("A speaker name can be at most 50 bytes")));
@@ -405,10 +406,14 @@ void TestApp::speakerCommands()
     QCOMPARE(SpeakerCommands::setEnabled(*settings, QString(5000, 'x'), true, &error), 2);
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(5000, 'x'), &error), 2);
     QVERIFY(error.size() < 100);
+    // Listed as the window lists them (by name, members under their coordinator), each name
+    // quoted as a shell reads it back.
     const QString list = SpeakerCommands::formatList(*settings);
-    QVERIFY2(list.startsWith(QStringLiteral("disabled  \"Room 1 - One\"  Not offered\n")),
+    QVERIFY2(list.startsWith(QStringLiteral("enabled   \"Attic \\\"A\\\"\"  ")), qPrintable(list));
+    QVERIFY2(list.contains(QStringLiteral("disabled  \"Room 1 - One\"  Not offered\n    "
+                                          "http://127.0.1.1:1400/xml/device_description.xml\n"
+                                          "enabled   \"Room 2 - One\"  In Room 1 - One's group\n")),
              qPrintable(list));
-    QVERIFY(list.contains(QStringLiteral("\"Room 2 - One\"  In Room 1 - One's group\n")));
     // A change that could not be saved is no success (a full or read-only disk).
     auto &store = static_cast<MemorySettingsStorage &>(settings->storage());
     store.failure = QStringLiteral("No space left on device");

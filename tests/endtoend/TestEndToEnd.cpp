@@ -48,7 +48,43 @@ private slots:
     void keepsWatchingAndAppliesChangesAtOnce();
     void offAndOnWhileTheBridgeStops();
     void servesTheSpeakersNetworkOnceItHasAnAddress();
+    void commandLineRefusesWhatItDoesNotTake();
 };
+
+void TestEndToEnd::commandLineRefusesWhatItDoesNotTake()
+{
+    // A stray word is a mistake, not a start (with a search); help and version print their
+    // text alone, even on a server without a runtime folder.
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
+    env.remove(QStringLiteral("DISPLAY"));
+    QTemporaryDir home;
+    env.insert(QStringLiteral("HOME"), home.path());
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("XDG_STATE_HOME"), home.filePath(QStringLiteral("state")));
+    const auto run = [&env](const QStringList &arguments, QByteArray *out, QByteArray *err) {
+        QProcess corvel;
+        corvel.setProcessEnvironment(env);
+        corvel.start(QStringLiteral(CORVEL), arguments);
+        if (!corvel.waitForFinished(10000)) {
+            corvel.kill();
+            corvel.waitForFinished();
+            return -1;
+        }
+        *out = corvel.readAllStandardOutput();
+        *err = corvel.readAllStandardError();
+        return corvel.exitCode();
+    };
+    QByteArray out, err;
+    QCOMPARE(run({QStringLiteral("Kitchen")}, &out, &err), 2);
+    QVERIFY2(err.contains("Unknown argument \"Kitchen\"") && !err.contains("searchForDevices"),
+             err.constData());
+    QCOMPARE(run({QStringLiteral("--version")}, &out, &err), 0);
+    QVERIFY2(out.startsWith("Corvel ") && out.count('\n') == 1 && err.isEmpty(),
+             (out + err).constData());
+    QCOMPARE(run({QStringLiteral("--help")}, &out, &err), 0);
+    QVERIFY2(out.contains("--rename") && err.isEmpty(), err.constData());
+}
 
 void TestEndToEnd::headlessLifecycle()
 {

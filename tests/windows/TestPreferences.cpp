@@ -697,6 +697,10 @@ void TestPreferences::factoryMakesEachWindowOnce()
     }
     QVERIFY(qobject_cast<PreferencesWindow *>(windows.window(Kind::Preferences)));
     QVERIFY(AboutWindow::versionInfo().startsWith("Corvel " + Settings::currentVersion()));
+    // About names no placeholder address (this build has none) and the version once.
+    const QString about = windows.window(Kind::About)->findChild<QLabel *>("aboutLabel")->text();
+    QVERIFY2(!about.contains(".invalid") && !about.contains(Settings::currentVersion()),
+             qPrintable(about));
     // The setup shows where the bridge was looked for and reports an install.
     auto *setup = qobject_cast<BridgeSetupWindow *>(windows.window(Kind::BridgeSetup));
     windows.setBridgeLookedIn({QStringLiteral("/looked/here")});
