@@ -71,6 +71,10 @@ PreferencesWindow::PreferencesWindow(Controls &controls, Platform platform, QWid
 
 PreferencesWindow::~PreferencesWindow()
 {
+    // A name still being edited ends while the window is whole: one that can be taken is
+    // saved, any other put back (the focus would otherwise leave it mid-destruction).
+    if (QWidget *focused = focusWidget())
+        focused->clearFocus();
     for (const auto token : m_listeners)
         NotificationCenter::defaultCenter().removeObserver(token);
 }
