@@ -159,6 +159,7 @@ void Controller::handle(Event event, quint64 launch)
         m_streamsTimer.start();
         m_tray.refresh();
         reportToServiceManager();
+        NotificationCenter::defaultCenter().post(Notifications::appStateChanged);
     }
 }
 

@@ -23,6 +23,8 @@ inline const QString bridgeSpeakersChanged = QStringLiteral("bridgeSpeakersChang
 inline const QString bridgeProblem = QStringLiteral("bridgeProblem");
 // The controller brought the speakers' states in line with the bridge's.
 inline const QString speakerStatesChanged = QStringLiteral("speakerStatesChanged");
+// Where Corvel stands changed (the tray's title): for the window that shows it without a tray.
+inline const QString appStateChanged = QStringLiteral("appStateChanged");
 } // namespace Notifications
 
 // Keys of the "deviceDiscovered", "deviceDeparted" and bridge payloads.

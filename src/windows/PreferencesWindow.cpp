@@ -230,11 +230,13 @@ void PreferencesWindow::startObserving()
         v->reloadData();
     });
     observe(Notifications::speakerStatesChanged, &PreferencesWindow::reloadData);
+    observe(Notifications::appStateChanged, &PreferencesWindow::updateStatus);
 
     m_ui->startAtLoginCheckBox->setChecked(m_platform.autostart->enabled());
     updateSoundOutputsCheckBox();
     updateStartStopButton();
     updateSpinner();
+    updateStatus();
     reloadData();
 }
 

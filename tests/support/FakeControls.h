@@ -28,7 +28,7 @@ struct FakeControls : Controls
     QString statusTitle() const override { return status; }
     void showAbout() override { shown << QStringLiteral("about"); }
     void showFeedback() override { shown << QStringLiteral("feedback"); }
-    QString status = QStringLiteral("Corvel: Running");
+    QString status = QStringLiteral("Corvel: Off");
     QStringList shown;
     bool missing = false;
     bool withoutTray = false;

@@ -474,13 +474,14 @@ void TestPreferences::buttonFollowsBridgeEventsOnly()
     m_window->close();
     QCOMPARE(quit.size(), 0);
     m_window->setClosingQuits(true);
+    m_controls->status = QStringLiteral("Corvel: Running"); // since the window was made
     m_window->show();
     QVERIFY(m_window->findChild<QLabel *>("noTrayLabel")->isVisible());
     // It is Corvel's only face then: where Corvel stands, and the tray menu's commands.
     auto *status = m_window->findChild<QLabel *>("statusLabel");
     QCOMPARE(status->text(), QStringLiteral("Corvel: Running"));
     m_controls->status = QStringLiteral("Corvel: Stopped");
-    post(Notifications::serviceTerminated);
+    post(Notifications::appStateChanged);
     QCOMPARE(status->text(), QStringLiteral("Corvel: Stopped"));
     m_window->findChild<QPushButton *>("aboutButton")->click();
     m_window->findChild<QPushButton *>("feedbackButton")->click();
@@ -497,7 +498,7 @@ void TestPreferences::startStopAndObservers()
     m_controls->add(1);
     m_controls->bridge = true;
     m_window->show();
-    QCOMPARE(m_window->observerCount(), 10);
+    QCOMPARE(m_window->observerCount(), 11);
     startStop()->click();
     QCOMPARE(m_controls->bridgeStops, 1);
     QCOMPARE(startStop()->text(), QStringLiteral("&Start"));
@@ -509,7 +510,7 @@ void TestPreferences::startStopAndObservers()
     m_window->hide();
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before);
     m_window->show();
-    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 10);
+    QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before + 11);
 }
 
 void TestPreferences::aFailedSaveIsShownUntilOneSucceeds()
