@@ -144,6 +144,11 @@ void TestBridge::configFile()
     QVERIFY(text.contains(QStringLiteral("<name>") + QString(47, 'x') + "</name>"));
     QVERIFY(text.contains(QString(50, 'y') + "</name>"));
     QCOMPARE(cut.count(QStringLiteral("Info - Speaker name ")), 2);
+    // A surrogate pair is one character; a half of one is dropped wherever it stands.
+    const QString music = QStringLiteral("\U0001F3B5");
+    const QChar high(0xD83C), low(0xDFB5);
+    QCOMPARE(xmlCharacters(QString("a") + low + "b" + high + "c" + music + high), "abc" + music);
+    QCOMPARE(xmlCharacters(QString(low) + high + music), music);
     QCOMPARE(xmlEscaped(QStringLiteral("'\""), AttributeValueEscape::EscapeQuot),
              QStringLiteral("'&quot;"));
     // Logged at debug when written; a missing folder is an error.
@@ -197,7 +202,8 @@ void TestBridge::handleOutput()
 void TestBridge::speakersFromOutput_data()
 {
     // Lines as the bridge prints them (six decimals before late 2023, three since); "+N"
-    // lets N ms pass. speakers: "name=state" (Ready, Playing, Member, Gone); problems: kinds.
+    // lets N ms pass, "restart" starts a new bridge. speakers: "name=state" (Ready, Playing,
+    // Member, Gone); problems: kinds.
     QTest::addColumn<QStringList>("lines");
     QTest::addColumn<QStringList>("speakers");
     QTest::addColumn<QList<int>>("problems");
@@ -259,6 +265,10 @@ void TestBridge::speakersFromOutput_data()
                        "[09:00:00.000] UpdateThread:700 [0x55d0a040]: cannot create RAOP "
                        "instance (Den)"}
         << QStringList{} << QList<int>{P::UpnpFailed, P::PortsInUse, P::TargetFailed} << 0;
+    QTest::newRow("a restarted bridge's pointers are new")
+        << QStringList{added("10", "Den"), "restart",
+                       "[12:00:03.001] ActionHandler:410 [0x55d0a010]: uPNP playing"}
+        << QStringList{} << QList<int>{} << 1;
     QTest::newRow("unknown lines and other pointers change nothing")
         << QStringList{"Starting airupnp version: 1.8.3", "[0x7f00]: uPNP playing",
                        "[12:00:00.000] main:10 adding renderer without a pointer", "garbage ["}
@@ -277,6 +287,8 @@ void TestBridge::speakersFromOutput()
     for (const QString &line : lines) {
         if (line.startsWith('+'))
             now += line.mid(1).toLongLong();
+        else if (line == QLatin1String("restart"))
+            output.reset();
         else
             changed += output.take(line, now) ? 1 : 0;
     }

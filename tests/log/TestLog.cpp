@@ -188,6 +188,15 @@ void TestLog::aFileThatDoesNotFitIsNotReplaced()
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"}); // no leftover
     QFile file(path);
     QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll() == "old");
+
+    // Every byte written but the replacement refused (a folder in the file's place).
+    const QString folder = dir.filePath(QStringLiteral("in-the-way"));
+    QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("in-the-way")));
+    error.clear();
+    QVERIFY(!writeFileAtomically(folder, "new", &error));
+    QVERIFY(!error.isEmpty());
+    QVERIFY(QFileInfo(folder).isDir());
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"});
 }
 
 QTEST_GUILESS_MAIN(TestLog)

@@ -3,6 +3,7 @@
 // outputs through pactl (a stand-in script that keeps the loaded modules in a file), and the
 // resume watcher on a private D-Bus daemon standing in for the system bus.
 #include "BuildConfig.h"
+#include "LinuxIdleInhibitor.h"
 #include "LogindResumeWatcher.h"
 #include "PactlSoundOutputs.h"
 #include "SessionBus.h"
@@ -13,10 +14,44 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusUnixFileDescriptor>
+#include <QDBusVirtualObject>
 #include <QTemporaryDir>
+#include <sys/poll.h>
+#include <unistd.h>
 
-namespace {
-} // namespace
+// The desktop's and logind's sleep locks, as the services answer them: a cookie each for the
+// session's, a descriptor held open for logind's.
+class FakeLocks : public QDBusVirtualObject
+{
+public:
+    ~FakeLocks() override { ::close(pipeEnds[1]); }
+    QStringList calls;
+    int pipeEnds[2] = {-1, -1};
+
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        const QVariantList arguments = message.arguments();
+        QDBusMessage reply = message.createReply();
+        if (message.interface() == QLatin1String("org.freedesktop.login1.Manager")) {
+            calls << "logind " + arguments.value(0).toString() + " " +
+                         arguments.value(3).toString();
+            if (::pipe(pipeEnds) != 0)
+                return false;
+            reply << QVariant::fromValue(QDBusUnixFileDescriptor(pipeEnds[0])); // a duplicate
+            ::close(pipeEnds[0]);
+        } else if (message.member() == QLatin1String("Inhibit")) {
+            const bool gnome = message.interface() == QLatin1String("org.gnome.SessionManager");
+            calls << (gnome ? "GNOME " + arguments.value(3).toString()
+                            : "Inhibit " + arguments.value(0).toString());
+            reply << (gnome ? 9u : 7u);
+        } else {
+            calls << message.member() + " " + arguments.value(0).toString();
+        }
+        return connection.send(reply);
+    }
+    QString introspect(const QString &) const override { return {}; }
+};
 
 class TestPlatform : public QObject
 {
@@ -29,6 +64,8 @@ private slots:
     void enableAndDisable();
     void loadFailureSaysWhatIsMissing();
     void resumeIsToldOncePerWake();
+    void sleepLocks_data();
+    void sleepLocks();
 
 private:
     SoundOutputs::Status status(PactlSoundOutputs &outputs)
@@ -153,6 +190,67 @@ void TestPlatform::resumeIsToldOncePerWake()
     QCOMPARE(resumes, 0);
     prepare(logind, false);
     QTRY_COMPARE_WITH_TIMEOUT(resumes, 1, 10000);
+}
+
+void TestPlatform::sleepLocks_data()
+{
+    QTest::addColumn<QStringList>("services");
+    QTest::addColumn<QStringList>("taken");
+    QTest::addColumn<QStringList>("released");
+    const QString gnome = "org.gnome.SessionManager", kde = "org.freedesktop.PowerManagement",
+                  logind = "org.freedesktop.login1";
+    QTest::newRow("GNOME: its suspend lock, never a second desktop lock")
+        << QStringList{gnome, kde} << QStringList{"GNOME 4"} << QStringList{"Uninhibit 9"};
+    QTest::newRow("KDE and XFCE") << QStringList{kde} << QStringList{"Inhibit corvel"}
+                                  << QStringList{"UnInhibit 7"};
+    QTest::newRow("a server: logind's idle lock, released by closing it")
+        << QStringList{logind} << QStringList{"logind idle block"} << QStringList{};
+    QTest::newRow("nothing to ask") << QStringList{} << QStringList{} << QStringList{};
+}
+
+void TestPlatform::sleepLocks()
+{
+    QFETCH(QStringList, services);
+    QFETCH(QStringList, taken);
+    QFETCH(QStringList, released);
+    QTemporaryDir dir;
+    SessionBus bus(dir.path());
+    if (bus.address.isEmpty())
+        QSKIP("dbus-daemon cannot run here");
+    // One private bus plays both the session's and the system's.
+    const QString row = QString::fromUtf8(QTest::currentDataTag());
+    QDBusConnection server = QDBusConnection::connectToBus(bus.address, "server " + row);
+    FakeLocks locks;
+    const std::map<QString, QString> paths = {
+        {"org.gnome.SessionManager", "/org/gnome/SessionManager"},
+        {"org.freedesktop.PowerManagement", "/org/freedesktop/PowerManagement/Inhibit"},
+        {"org.freedesktop.login1", "/org/freedesktop/login1"}};
+    for (const QString &service : services)
+        QVERIFY(server.registerService(service) &&
+                server.registerVirtualObject(paths.at(service), &locks));
+    const auto client = QDBusConnection::connectToBus(bus.address, "client " + row);
+    auto inhibitor = std::make_unique<LinuxIdleInhibitor>(client, client);
+    std::optional<std::pair<int, quint32>> created;
+    inhibitor->create(QStringLiteral("corvel"), [&created](int result, quint32 id) {
+        created = {result, id};
+    });
+    QTRY_VERIFY_WITH_TIMEOUT(created, 5000);
+    QCOMPARE(locks.calls, taken);
+    QCOMPARE(created->first, taken.isEmpty() ? LinuxIdleInhibitor::noLockTaken : 0);
+    if (taken.isEmpty())
+        return;
+    const auto logindHeld = [&locks] {
+        pollfd writer{locks.pipeEnds[1], POLLOUT, 0};
+        return locks.pipeEnds[1] >= 0 && ::poll(&writer, 1, 0) == 1 && !(writer.revents & POLLERR);
+    };
+    QCOMPARE(logindHeld(), services.contains("org.freedesktop.login1"));
+    locks.calls.clear();
+    inhibitor->release(created->second);
+    inhibitor->release(created->second); // a second release of the same lock does nothing
+    QTRY_COMPARE_WITH_TIMEOUT(locks.calls, released, 5000);
+    QTest::qWait(100);
+    QCOMPARE(locks.calls, released);
+    QVERIFY(!logindHeld());
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)
