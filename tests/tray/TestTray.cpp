@@ -2,17 +2,39 @@
 // The tray shows the lifecycle and the records: titles, on/off command, icon look and tool tip
 // per state; one menu item per speaker found, kept in place across updates.
 #include "FakeFacts.h"
+#include "Notices.h"
+#include "SessionBus.h"
 #include "TestSpeakers.h"
 #include "TestSupport.h"
+#include "TrayIcon.h"
 #include "TrayPresenter.h"
 
 #include "Settings.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+#include <QTemporaryDir>
 
 namespace {
 using E = Lifecycle::Event;
 using S = Lifecycle::State;
 
 using World = FakeFacts;
+
+// The desktop's notification service: what it was asked to show, each notice numbered.
+struct FakeNotifications : QDBusVirtualObject
+{
+    QList<QVariantList> shown;
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        if (message.member() != QLatin1String("Notify"))
+            return false;
+        shown << message.arguments();
+        return connection.send(message.createReply(uint(shown.size())));
+    }
+    QString introspect(const QString &) const override { return {}; }
+};
 
 } // namespace
 
@@ -24,6 +46,13 @@ private slots:
     void showsTheState_data();
     void showsTheState();
     void speakerItems();
+    void noticesWithoutATray();
+    void iconLooks_data();
+    void iconLooks();
+
+private:
+    QTemporaryDir m_busFolder;
+    SessionBus m_bus{m_busFolder.path()};
 };
 
 void TestTray::showsTheState_data()
@@ -148,6 +177,86 @@ void TestTray::speakerItems()
     tray.updateSpeakerItems();
     QCOMPARE(menu->actions().at(TrayPresenter::firstDeviceMenuIndex), tray.speakerItems().at(0));
     QCOMPARE(menu->actions().size(), 11);
+}
+
+void TestTray::noticesWithoutATray()
+{
+    if (m_bus.address.isEmpty())
+        QSKIP("dbus-daemon cannot run here");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.address.toUtf8());
+    QDBusConnection service = QDBusConnection::connectToBus(m_bus.address, "notifications");
+    FakeNotifications notifications;
+    QVERIFY(service.registerService("org.freedesktop.Notifications") &&
+            service.registerVirtualObject("/org/freedesktop/Notifications", &notifications));
+    const auto click = [&service](uint id) {
+        QDBusMessage signal = QDBusMessage::createSignal(
+            "/org/freedesktop/Notifications", "org.freedesktop.Notifications", "ActionInvoked");
+        signal << id << QStringLiteral("action");
+        service.send(signal);
+        QTest::qWait(100);
+    };
+    LogCapture log;
+    int runs = 0;
+    Notices headless(false);
+    headless.show("Bridge Not Installed", "Install it.", "Install", [&runs] { ++runs; });
+    QVERIFY(log.has("Warning - Notice: Bridge Not Installed - Install it."));
+    Notices notices(true);
+    notices.setNoTray(true);
+    notices.show("Title", "Said.");
+    notices.show("Bridge Not Installed", "Install it.", "Install", [&runs] { ++runs; });
+    QTRY_COMPARE(notifications.shown.size(), 2); // the headless one only logged
+    const QVariantList plain = notifications.shown.at(0), withAction = notifications.shown.at(1);
+    QCOMPARE(plain.mid(3, 3), QVariantList({"Title", "Said.", QStringList()}));
+    QCOMPARE(withAction.at(5).toStringList(),
+             QStringList({"default", "Install", "action", "Install"}));
+    click(1); // a notice without an action
+    click(2);
+    click(2); // the action runs once
+    QCOMPARE(runs, 1);
+    // Only the latest notices keep their actions.
+    for (int i = 0; i < 20; ++i)
+        notices.show("More", "Said.", "Open", [&runs] { runs += 100; });
+    QTRY_COMPARE(notifications.shown.size(), 22);
+    click(3);
+    QCOMPARE(runs, 1);
+    click(22);
+    QCOMPARE(runs, 101);
+}
+
+void TestTray::iconLooks_data()
+{
+    // The badge's colour in the icon's lower right corner, or no colour there; the glyph dimmed
+    // when idle.
+    QTest::addColumn<int>("look");
+    QTest::addColumn<QColor>("badge");
+    QTest::newRow("idle: no badge") << int(TrayLook::Idle) << QColor(Qt::transparent);
+    QTest::newRow("busy: an amber ring") << int(TrayLook::Busy) << QColor(0xf5, 0xa6, 0x23);
+    QTest::newRow("running: a green dot") << int(TrayLook::Running) << QColor(0x2e, 0xb8, 0x4b);
+    QTest::newRow("a problem: a red dot") << int(TrayLook::Problem) << QColor(0xe0, 0x2f, 0x2f);
+}
+
+void TestTray::iconLooks()
+{
+    QFETCH(int, look);
+    QFETCH(QColor, badge);
+    initCorvelResources();
+    const QIcon icon = trayIcon(TrayLook(look));
+    for (const int size : {22, 48}) {
+        const QImage image = icon.pixmap(size, size).toImage();
+        QCOMPARE(image.size(), QSize(size, size));
+        // Left of the badge's centre: on Busy's hollow ring, clear of the "!" of a problem.
+        const qreal across = size * 0.42, centre = size - across / 2;
+        const QColor seen = image.pixelColor(QPoint(int(centre - across * 0.3), int(centre)));
+        QVERIFY2(badge.alpha() == 0 ? seen.hsvSaturation() < 40 : seen.rgb() == badge.rgb(),
+                 qPrintable(seen.name(QColor::HexArgb) + " at size " + QString::number(size)));
+        // The glyph: light, with its dark outline, less bright when Corvel is idle.
+        int lightest = 0;
+        for (int x = 0; x < size; ++x)
+            lightest = std::max(lightest, qAlpha(image.pixel(x, size / 2)) *
+                                              qGray(image.pixel(x, size / 2)) / 255);
+        QCOMPARE(lightest > 220, look != int(TrayLook::Idle));
+        QVERIFY(lightest > 150);
+    }
 }
 
 QTEST_MAIN(TestTray)
