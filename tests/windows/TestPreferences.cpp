@@ -2,7 +2,10 @@
 // Corvel's windows with the controller faked behind its Controls interface: the preferences
 // window above all, and the factory that makes each window once.
 #include "AboutWindow.h"
+#include "AtomicFile.h"
 #include "BridgeSetupWindow.h"
+#include "CrashPrompt.h"
+#include "CrashReporter.h"
 #include "EditableTextField.h"
 #include "FakeControls.h"
 #include "FakeFacts.h"
@@ -82,6 +85,8 @@ private slots:
     void mnemonicsAreUniquePerMenuAndLanguage();
     void germanTranslation();
     void factoryMakesEachWindowOnce();
+    void crashPromptAnswers_data();
+    void crashPromptAnswers();
 
 private:
     QPushButton *startStop() const { return m_window->findChild<QPushButton *>("startStopButton"); }
@@ -711,6 +716,69 @@ void TestPreferences::factoryMakesEachWindowOnce()
     // Without a tray, closing Preferences quits Corvel.
     windows.window(Kind::Preferences)->close();
     QCOMPARE(m_controls->quits, 1);
+}
+
+void TestPreferences::crashPromptAnswers_data()
+{
+    QTest::addColumn<bool>("canSend");
+    QTest::addColumn<QString>("answer"); // a button's text, "Escape" or "close"
+    QTest::addColumn<int>("waiting");    // reports still waiting afterwards; -1: not looked at
+    QTest::addColumn<bool>("always");
+    QTest::newRow("nowhere to send: don't save") << false << "Don't Save" << 0 << false;
+    QTest::newRow("Escape is no answer") << false << "Escape" << 2 << false;
+    QTest::newRow("closing is no answer") << true << "close" << 2 << false;
+    QTest::newRow("don't send") << true << "Don't Send" << 0 << false;
+    QTest::newRow("always send") << true << "Always Send" << -1 << true;
+}
+
+void TestPreferences::crashPromptAnswers()
+{
+    QFETCH(bool, canSend);
+    QFETCH(QString, answer);
+    QFETCH(int, waiting);
+    QFETCH(bool, always);
+    QTemporaryDir state;
+    QDir().mkpath(state.filePath("reports"));
+    for (const char *name : {"crash-1-1.txt", "crash-2-2.txt"})
+        writeFileAtomically(state.filePath(QStringLiteral("reports/") + name),
+                            "signal 11\ntime 1\nversion 1.0.0\nlog /nonexistent\nbacktrace:\n",
+                            nullptr);
+    struct : CrashReporterDelegate
+    {
+        QString recentLog() override { return {}; }
+        void crashPromptWillShow() override {}
+    } delegate;
+    CrashReporter reporter;
+    reporter.setStateFolder(state.path());
+    reporter.configure(QStringLiteral("org.corvel.Test"), &delegate);
+    QTcpServer refusing; // sends go nowhere
+    QVERIFY(refusing.listen(QHostAddress::LocalHost));
+    if (canSend)
+        reporter.setEndpoint(QUrl("http://127.0.0.1:" + QString::number(refusing.serverPort())));
+    installCrashPrompts(reporter);
+    reporter.processPendingReports();
+    QPointer<QMessageBox> box;
+    QTRY_VERIFY((box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())));
+    QCOMPARE(box->text(), "Corvel quit unexpectedly 2 times since it last asked.");
+    QVERIFY(box->informativeText().contains("names your speakers and their addresses"));
+    QVERIFY(box->detailedText().contains("Segmentation fault"));
+    if (answer == "Escape") {
+        QTest::keyClick(box, Qt::Key_Escape);
+    } else if (answer == "close") {
+        box->close();
+    } else {
+        QStringList texts;
+        const QList<QAbstractButton *> buttons = box->buttons();
+        for (QAbstractButton *button : buttons)
+            texts << button->text();
+        QCOMPARE(texts.contains("Always Send"), canSend);
+        QVERIFY2(texts.contains(answer), qPrintable(texts.join(", ")));
+        buttons.at(texts.indexOf(answer))->click();
+    }
+    QTRY_VERIFY(!box);
+    if (waiting >= 0)
+        QCOMPARE(reporter.pendingReports().size(), waiting);
+    QCOMPARE(reporter.alwaysSend(), always);
 }
 
 QTEST_MAIN(TestPreferences)
