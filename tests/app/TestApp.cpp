@@ -371,6 +371,10 @@ void TestApp::tellsTheServiceManager()
     settle();
     post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
     settle();
+    // The bridge says the speaker stopped playing: told at once.
+    m_world->said = {{QStringLiteral("Room 1"), BridgeSpeakerState::Ready}};
+    post(Notifications::bridgeSpeakersChanged);
+    settle();
     qunsetenv("NOTIFY_SOCKET");
     QStringList messages;
     char buffer[512];
@@ -379,7 +383,8 @@ void TestApp::tellsTheServiceManager()
     ::close(fd);
     // The bridge names the speaker by its room: it is told as playing.
     QCOMPARE(messages, QStringList({"STATUS=Looking For Speakers...", "STATUS=Starting...\nREADY=1",
-                                    "STATUS=Running: 1 speaker offered, 1 ready, 1 playing"}));
+                                    "STATUS=Running: 1 speaker offered, 1 ready, 1 playing",
+                                    "STATUS=Running: 1 speaker offered, 1 ready, 0 playing"}));
 }
 
 void TestApp::speakerCommands()
