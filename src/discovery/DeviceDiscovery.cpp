@@ -25,7 +25,7 @@ QString bootMarker(const SSDPMSearchResponse &message)
     return values.join(QLatin1Char('/'));
 }
 
-QDeadlineTimer expiryOf(const SSDPMSearchResponse &message)
+QDeadlineTimer expiryOf(const SSDPMSearchResponse &message, int shortestSeconds)
 {
     static const QRegularExpression maxAge(QStringLiteral("max-age\\s*=\\s*([0-9]+)"),
                                            QRegularExpression::CaseInsensitiveOption);
@@ -33,7 +33,7 @@ QDeadlineTimer expiryOf(const SSDPMSearchResponse &message)
         maxAge.match(message.header(QStringLiteral("CACHE-CONTROL")).value_or(QString()));
     const qint64 seconds =
         match.hasMatch() ? match.captured(1).toLongLong() : DeviceDiscovery::defaultMaxAgeSeconds;
-    return QDeadlineTimer(std::clamp<qint64>(seconds, 60, 86400) * 1000);
+    return QDeadlineTimer(std::clamp<qint64>(seconds, shortestSeconds, 86400) * 1000);
 }
 } // namespace
 
@@ -145,7 +145,8 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
     const auto heard = m_heard.find(location);
     if (heard != m_heard.end() && heard->second.boot == bootMarker(announcement) &&
         announcement.announcement != QLatin1String("ssdp:update")) {
-        heard->second.expires = expiryOf(announcement); // still there, unchanged
+        heard->second.expires =
+            expiryOf(announcement, m_shortestMaxAgeSeconds); // still there, unchanged
         return;
     }
     logInfo(category,
@@ -269,7 +270,7 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
         return;
     }
     if (const auto heard = m_heard.find(location); heard != m_heard.end())
-        heard->second.expires = expiryOf(response);
+        heard->second.expires = expiryOf(response, m_shortestMaxAgeSeconds);
     // Players answer each M-SEARCH of a search; one description per search is enough.
     if (m_described.count(location))
         return;
@@ -514,7 +515,8 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
     // A player that moved is heard at its new location only.
     const QString udn = info->udn.value_or(response.udn());
     std::erase_if(m_heard, [&udn](const auto &entry) { return entry.second.udn == udn; });
-    m_heard[location] = {udn, bootMarker(response), expiryOf(response), response.location.host()};
+    m_heard[location] = {udn, bootMarker(response), expiryOf(response, m_shortestMaxAgeSeconds),
+                         response.location.host()};
     std::erase_if(m_devices, [&](const auto &entry) {
         return entry.second.udn == info->udn && entry.first.url != info->location;
     });

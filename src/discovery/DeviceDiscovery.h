@@ -114,8 +114,11 @@ public:
     // Every player described since the program started, by location.
     const std::map<LocationKey, DeviceInfo> &devices() const { return m_devices; }
 
-    // How long each HTTP transfer may take in all; 60 seconds unless a test shortens it.
+    // How long each HTTP transfer may take in all; 5 seconds unless a test shortens it.
     void setTransferTimeout(int ms) { m_transferTimeoutMs = ms; }
+    // The shortest max-age believed: a device that asks for less is still checked on no
+    // more often than this. A minute unless a test shortens it.
+    void setShortestMaxAge(int seconds) { m_shortestMaxAgeSeconds = seconds; }
 
     void discoveredDevice(const SSDPMSearchResponse &response,
                           SSDPDiscoverySession *session) override;
@@ -184,6 +187,7 @@ private:
     bool m_watching = false;
     std::map<LocationKey, DeviceInfo> m_devices;
     int m_transferTimeoutMs = defaultTransferTimeoutMs;
+    int m_shortestMaxAgeSeconds = 60;
     std::deque<SSDPMSearchResponse> m_waiting;     // answers and known speakers, in order
     std::deque<SSDPMSearchResponse> m_unsolicited; // announcements of unknown ones
     std::set<QString> m_unsolicitedRunning;        // their locations being fetched

@@ -60,6 +60,8 @@ private slots:
     void answerFloodIsBounded();
     void aHostIsBelievedForFewSpeakers();
     void keepsWatching();
+    void anUnheardSpeakerIsAskedBeforeItLeaves_data();
+    void anUnheardSpeakerIsAskedBeforeItLeaves();
     void httpFraming_data();
     void httpFraming();
 };
@@ -449,6 +451,43 @@ void TestDiscovery::keepsWatching()
     impostor->announce(0, "ssdp:update");
     CORVEL_WAIT(events.count("deviceDiscovered") == 6);
     QCOMPARE(speakers(events).back().first.location, twin.location());
+}
+
+void TestDiscovery::anUnheardSpeakerIsAskedBeforeItLeaves_data()
+{
+    QTest::addColumn<bool>("stillThere");
+    QTest::newRow("quiet on the network, still answering: kept") << true;
+    QTest::newRow("switched off: leaves") << false;
+}
+
+void TestDiscovery::anUnheardSpeakerIsAskedBeforeItLeaves()
+{
+    // A speaker that outlives its max-age unheard by a background search is described once
+    // more before it is dropped.
+    QFETCH(bool, stillThere);
+    CORVEL_REQUIRE_PRIVATE_NETWORK();
+    DeviceDiscovery discovery;
+    discovery.setShortestMaxAge(1);
+    EventRecorder events({Notifications::deviceDiscovered, Notifications::deviceDeparted});
+    LogCapture capture;
+    discovery.startWatching();
+    auto players = SpeakerSimulator::household(1, 1);
+    players[0].maxAge = 1;
+    auto simulator = std::make_unique<SpeakerSimulator>(players);
+    QVERIFY(simulator->start(nullptr));
+    CORVEL_WAIT(events.count("deviceDiscovered") == 1);
+    const QString location = players[0].location().toString();
+    simulator->players()[0].fault = SimulatedPlayer::SilentOnSsdp;
+    if (!stillThere)
+        simulator.reset();
+    QTest::qWait(1200);
+    const QString address = stillThere ? "127.0.9.7/32" : "127.0.9.8/32";
+    QCOMPARE(QProcess::execute("ip", {"addr", "add", address, "dev", "lo"}), 0); // searches again
+    CORVEL_WAIT(capture.count("Info SSDP Speaker at " + location + " still answers") +
+                    events.count("deviceDeparted") ==
+                1);
+    QCOMPARE(events.count("deviceDeparted"), stillThere ? 0 : 1);
+    QProcess::execute("ip", {"addr", "del", address, "dev", "lo"});
 }
 
 QTEST_GUILESS_MAIN(TestDiscovery)

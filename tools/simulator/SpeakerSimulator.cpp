@@ -198,7 +198,8 @@ void SpeakerSimulator::announce(int index, const QByteArray &kind)
          {QByteArray("upnp:rootdevice"), QByteArray("urn:schemas-upnp-org:device:ZonePlayer:1")}) {
         QByteArray message = "NOTIFY * HTTP/1.1\r\n"
                              "HOST: 239.255.255.250:1900\r\n"
-                             "CACHE-CONTROL: max-age = 1800\r\n";
+                             "CACHE-CONTROL: max-age = " +
+                             QByteArray::number(player.maxAge) + "\r\n";
         if (kind != "ssdp:byebye")
             message += "LOCATION: " + player.location().toString().toUtf8() + "\r\n";
         message += "NT: " + type + "\r\nNTS: " + kind +
@@ -233,7 +234,9 @@ void SpeakerSimulator::handleSearch()
                                         ? "urn:schemas-upnp-org:device:InternetGatewayDevice:1"
                                         : "urn:schemas-upnp-org:device:ZonePlayer:1";
             const QByteArray response = "HTTP/1.1 200 OK\r\n"
-                                        "CACHE-CONTROL: max-age = 1800\r\n"
+                                        "CACHE-CONTROL: max-age = " +
+                                        QByteArray::number(player.maxAge) +
+                                        "\r\n"
                                         "EXT:\r\n"
                                         "LOCATION: " +
                                         player.location().toString().toUtf8() +

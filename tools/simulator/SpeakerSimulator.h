@@ -42,6 +42,7 @@ struct SimulatedPlayer
     quint16 port = 1400;
     Fault fault = NoFault;
     int answersPerSearch = 1;
+    int maxAge = 1800; // seconds, as its announcements and answers say
     // The description of a real UPnP renderer that plays for this player: its AVTransport and
     // RenderingControl calls are passed on there (the renderer shares the player's address).
     QUrl renderer;
