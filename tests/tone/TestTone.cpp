@@ -76,11 +76,11 @@ void TestTone::toneReachesTheRendererThroughAPause()
           "included); 1 kHz level %.0f of 8000 (3 kHz %.0f, rms %.0f); %.2f s received: %s",
           firstByteMs, loudest.at1k, loudest.at3k, loudest.rms, pcm.size() / 4.0 / SoundRig::rate,
           qPrintable(letters));
-    // Tone (at least 1.5 s), silence (at least 1 s), tone again; a window or two at each edge
-    // may be mixed, and a busy machine may cost a tone a window or two, but nothing else is
-    // heard.
+    // Tone (at least 1.5 s), silence (at least 1 s), tone again; a few windows at each edge
+    // may be mixed (more on a loaded machine), and a busy machine may cost a tone a window or
+    // two, but nothing else is heard.
     static const QRegularExpression shape(
-        QStringLiteral("^s*x{0,2}([Tx]{15,})x{0,2}s{10,}x{0,2}([Tx]{15,})x{0,2}s*$"));
+        QStringLiteral("^s*x{0,4}([Tx]{15,}?)x{0,4}s{10,}x{0,4}([Tx]{15,}?)x{0,4}s*$"));
     const QRegularExpressionMatch match = shape.match(letters);
     QVERIFY2(match.hasMatch(), qPrintable(letters));
     for (int tone : {1, 2})
