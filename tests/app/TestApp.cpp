@@ -236,6 +236,10 @@ void TestApp::wiring_data()
         << int(S::Stopped) << on << 5
         << "Warning - Notice: Corvel stopped - The AirConnect bridge keeps stopping, so Corvel "
            "has stopped restarting it. Its last words:\nlast words";
+    QTest::newRow("a bridge the watchdog stopped is said to be stopped by Corvel")
+        << L{"launch", "speaker", "complete", "notready", "retried"} << int(S::Starting) << off << 2
+        << "Warning - Notice: AirConnect bridge stopped - The bridge was not ready within 20 "
+           "seconds, so Corvel stopped it; it is starting it again.";
     QTest::newRow("a departure restarts the bridge")
         << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting) << off
         << 2 << "";
@@ -252,6 +256,12 @@ void TestApp::wiring_data()
         << "Warning - Notice: AirConnect bridge needed - Corvel needs the free AirConnect "
            "bridge to play to your speakers from phones and other computers. This computer's "
            "own sound needs no bridge: turn on sound outputs in Preferences.";
+    QTest::newRow("no bridge, this computer's sound on: the bridge is for other devices")
+        << L{"sound", "launch", "speaker", "complete", "missing"} << int(S::BridgeMissing)
+        << TrayPresenter::commandInstallBridge << 1
+        << "Warning - Notice: AirConnect bridge not set up - This computer plays to your "
+           "speakers without it. Set up the free AirConnect bridge so that phones and other "
+           "computers can too.";
 }
 
 void TestApp::wiring()
@@ -286,7 +296,13 @@ void TestApp::wiring()
             m_world->running = false;
             post(Notifications::serviceTerminated,
                  {{UserInfoKey::launch, m_world->launch}, {UserInfoKey::cannotStart, true}});
-        } else if (step == "delay") { // chosen in Preferences
+        } else if (step == "notready") { // the watchdog ended it
+            m_world->running = false;
+            post(Notifications::serviceTerminated,
+                 {{UserInfoKey::launch, m_world->launch}, {UserInfoKey::notReady, true}});
+        } else if (step == "sound")
+            m_world->settings->setSoundOutputs(true);
+        else if (step == "delay") { // chosen in Preferences
             m_world->settings->setBridgeDelay(BridgeDelay::Steady);
             post(Notifications::deviceSettingsChanged);
         } else if (step == "resumed")
@@ -319,6 +335,9 @@ void TestApp::wiring()
         QVERIFY2(capture.has(line), capture.dump());
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge needed") <= 1); // once per run
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge stopped") <= 1);
+    QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped - The bridge stopped "
+                           "unexpectedly"),
+             int(steps.contains("crash")));
     if (starts > 0)
         QCOMPARE(m_world->configured.size(), 1u);
     QCOMPARE(m_world->options.latency,
