@@ -9,6 +9,7 @@
 #include "Notifications.h"
 #include "Settings.h"
 #include "SpeakerCommands.h"
+#include "SystemSleep.h"
 #include "TestSpeakers.h"
 #include "TestSupport.h"
 
@@ -370,6 +371,13 @@ void TestApp::idleSleepFollowsTheBridge()
     CORVEL_WAIT(sleep.assertionResult == -1);
     QCOMPARE(capture.count("Info - Preventing system from idle sleeping"), 2);
     QCOMPARE(capture.count("Info - Allowing user idle sleep again"), 2);
+    QCOMPARE(capture.count("Warning - Failed to disable system idle sleep"), 1);
+    // A lock that arrives after its owner is gone is not taken for it.
+    auto gone = std::make_unique<SystemSleep>(m_platform->idle);
+    gone->disableIdleSleep();
+    gone.reset();
+    CORVEL_WAIT(m_platform->idle->calls.size() == 6);
+    settle();
     QCOMPARE(capture.count("Warning - Failed to disable system idle sleep"), 1);
 }
 
