@@ -67,6 +67,10 @@ void TestRecords::strictReading_data()
                                             << "\"memory\"";
     QTest::newRow("bad URL field") << "{" + base + R"(,"manufacturerURL":"http://a b"})"
                                    << "\"manufacturerURL\"";
+    QTest::newRow("float as text") << "{" + base + R"(,"bassExtension":"1"})"
+                                   << "\"bassExtension\"";
+    QTest::newRow("float beyond 32 bits") << "{" + base + R"(,"bassExtension":1e39})"
+                                          << "\"bassExtension\"";
     QTest::newRow("icon width as string")
         << QByteArray(R"({"location":"http://a/","iconList":[{"width":"48"}]})") << "\"width\"";
 }
