@@ -132,7 +132,9 @@ void TestPlatform::enableAndDisable()
 {
     QFETCH(QByteArray, server);
     serve(server);
-    PactlSoundOutputs outputs(m_pactl, m_config.path(), [](auto done) { done(true); });
+    const QString home = m_config.filePath(QStringLiteral("home"));
+    PactlSoundOutputs outputs(m_pactl, home, [](auto done) { done(true); });
+    QVERIFY(outputs.pipeWireDropIn().startsWith(home + "/pipewire/"));
     const bool pipeWire = server.contains("PipeWire");
     QFile pa(outputs.pulseAudioScript());
     QDir().mkpath(QFileInfo(pa).path());
