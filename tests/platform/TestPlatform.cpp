@@ -110,6 +110,13 @@ void TestPlatform::autostartEntry()
     QVERIFY(autostart.setEnabled(true, &error));
     QVERIFY(autostart.enabled());
     QCOMPARE(readFile(path), XdgAutostart::desktopEntry(QCoreApplication::applicationFilePath()));
+    // Quoted and escaped as the desktop entry format asks, for any path.
+    const QByteArray entryText = XdgAutostart::desktopEntry(R"(/opt/a b/$x"`\corvel)");
+    QVERIFY2(entryText.startsWith("[Desktop Entry]\nType=Application\n") &&
+                 entryText.contains(R"(Exec="/opt/a b/\\$x\\"\\`\\\\corvel" --autostart)"
+                                    "\n"
+                                    R"(TryExec=/opt/a b/$x"`\\corvel)"),
+             entryText.constData());
     QVERIFY(capture.has("Info preferences Enabled start at login"));
     // Hidden=true is not enabled.
     QFile entry(path);

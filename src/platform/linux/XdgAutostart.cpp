@@ -13,7 +13,14 @@
 namespace {
 const QString category = QStringLiteral("preferences");
 
-// Desktop entries quote an Exec argument in double quotes, escaping " ` $ and \.
+// A desktop entry's string values escape a backslash as two.
+QString escapedValue(const QString &text)
+{
+    return QString(text).replace(QLatin1Char('\\'), QStringLiteral("\\\\"));
+}
+
+// Desktop entries quote an Exec argument in double quotes, escaping " ` $ and \; the value's
+// own escaping then doubles every backslash, as the format says.
 QString quotedExec(const QString &path)
 {
     QString escaped;
@@ -23,7 +30,7 @@ QString quotedExec(const QString &path)
             escaped += QLatin1Char('\\');
         escaped += c;
     }
-    return QLatin1Char('"') + escaped + QLatin1Char('"');
+    return escapedValue(QLatin1Char('"') + escaped + QLatin1Char('"'));
 }
 } // namespace
 
@@ -46,7 +53,7 @@ QByteArray XdgAutostart::desktopEntry(const QString &executable)
                           "X-GNOME-Autostart-enabled=true\n"
                           "X-KDE-autostart-after=panel\n"
                           "X-LXQt-Need-Tray=true\n")
-        .arg(quotedExec(executable), executable)
+        .arg(quotedExec(executable), escapedValue(executable))
         .toUtf8();
 }
 
