@@ -18,6 +18,7 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 
 namespace {
@@ -318,6 +319,9 @@ void TestBridge::launchReadyAndStop()
     CORVEL_WAIT(events.names() == QStringList({"serviceStarted", "serviceReady"}));
     QVERIFY(!bridge.watchdogPending());
     const QString config = bridge.configPath();
+    QCOMPARE(config, m_dir.filePath(QStringLiteral("airupnp.xml")));
+    QCOMPARE(AirConnect().configPath(),
+             QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation) + "/airupnp.xml");
     QCOMPARE(recorded("args.txt"), ("-Z\n-x\n" + config + "\n").toUtf8());
     QCOMPARE(recorded("config.xml"), configFileText(records).toUtf8());
     QVERIFY(capture.has("Info AirConnect Wrote config file to " +
