@@ -83,11 +83,6 @@ void BridgeSetupWindow::setLookedIn(const QStringList &lookedIn)
             .arg(bridgeFileName(m_arch), m_installDir, lookedIn.join(QLatin1Char('\n'))));
 }
 
-QString BridgeSetupWindow::statusText() const
-{
-    return m_status->text();
-}
-
 void BridgeSetupWindow::chooseFile()
 {
     auto *dialog = new QFileDialog(this, tr("Choose the AirConnect Bridge"));

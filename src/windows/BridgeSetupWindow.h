@@ -21,7 +21,6 @@ public:
     void installFrom(const QString &path);
     void setInstallDirectory(const QString &dir) { m_installDir = dir; }
     void setLookedIn(const QStringList &lookedIn);
-    QString statusText() const;
 
 signals:
     void installed(const QString &path);

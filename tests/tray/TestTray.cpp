@@ -14,6 +14,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
+#include <QSystemTrayIcon>
 #include <QTemporaryDir>
 
 namespace {
@@ -105,6 +106,7 @@ void TestTray::showsTheState()
     for (int n : {1, 2, 3})
         settings->mergeDiscoveredSpeaker(speaker(n), {n != 3, "G"}); // 3 is a group member
     TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
+    tray.showTrayIcon();
     for (const int event : events) {
         if (E(event) == E::BridgeEnded)
             world.bridge = false;
@@ -115,6 +117,9 @@ void TestTray::showsTheState()
     QCOMPARE(tray.onOffItem()->text(), command);
     QCOMPARE(int(tray.trayLook()), look);
     QCOMPARE(tray.toolTip(), toolTip);
+    QCOMPARE(tray.trayIcon()->toolTip(), toolTip);
+    QCOMPARE(tray.trayIcon()->icon().pixmap(22).toImage(),
+             trayIcon(TrayLook(look)).pixmap(22).toImage());
     QCOMPARE(TrayPresenter::statusTitle(lifecycle.state()), title);
 }
 
