@@ -226,6 +226,12 @@ void TestTray::noticesWithoutATray()
     QCOMPARE(runs, 1);
     click(22);
     QCOMPARE(runs, 101);
+    // A tray icon made, but no tray on the screen to show it: still the desktop's notices.
+    QSystemTrayIcon icon;
+    Notices withIcon(true);
+    withIcon.setTrayIcon(&icon);
+    withIcon.show("Icon", "Said.");
+    QTRY_COMPARE(notifications.shown.size(), 23);
 }
 
 void TestTray::iconLooks_data()
