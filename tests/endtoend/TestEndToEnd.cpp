@@ -2,10 +2,6 @@
 // The whole program: build/bin/corvel --headless as a server runs it, against a simulated
 // household answering from this process and the stand-in bridge, in a private network
 // namespace.
-#include "AirConnect.h"
-#include "Controller.h"
-#include "DeviceDiscovery.h"
-#include "FakePlatform.h"
 #include "HeadlessCorvel.h"
 #include "SessionBus.h"
 #include "Settings.h"
@@ -46,7 +42,6 @@ private slots:
     void headlessLifecycle();
     void killedCorvelTakesItsBridgeAndKeepsItsSettings();
     void keepsWatchingAndAppliesChangesAtOnce();
-    void offAndOnWhileTheBridgeStops();
     void servesTheSpeakersNetworkOnceItHasAnAddress();
     void commandLineRefusesWhatItDoesNotTake();
 };
@@ -197,39 +192,6 @@ void TestEndToEnd::keepsWatchingAndAppliesChangesAtOnce()
     QVERIFY(corvel.waitFor("Another copy of Corvel was started"));
     QCOMPARE(::kill(bridge, 0), 0);
     QVERIFY(corvel.end(SIGTERM));
-}
-
-void TestEndToEnd::offAndOnWhileTheBridgeStops()
-{
-    // In this process, with the real services: turned off and at once on again while the
-    // bridge takes 3 s to stop, which ends during the new search.
-    QTemporaryDir home;
-    SpeakerSimulator simulator(SpeakerSimulator::household(1, 1));
-    QVERIFY(simulator.start(nullptr));
-    const QString bridge = home.filePath(QStringLiteral("airupnp-endtoend-inprocess"));
-    QVERIFY(QFile::copy(QStringLiteral(FAKE_BRIDGE), bridge));
-    qputenv("CORVEL_BRIDGE", bridge.toUtf8());
-    qputenv("FAKE_BRIDGE_READY_MS", "100");
-    qputenv("FAKE_BRIDGE_TERM_DELAY_MS", "3000");
-    Settings::replaceShared(Settings::load(std::make_unique<MemorySettingsStorage>()));
-    DeviceDiscovery discovery;
-    AirConnect airConnect;
-    airConnect.setConfigPath(home.filePath(QStringLiteral("airupnp.xml")));
-    FakePlatform platform;
-    Controller app(AppServices::real(), platform.platform(), false);
-    QStringList titles;
-    connect(app.tray().statusLine(), &QAction::changed, this,
-            [&] { titles << app.tray().statusLine()->text(); });
-    app.start();
-    QTRY_VERIFY_WITH_TIMEOUT(app.state() == Controller::State::Running, 20000);
-    titles.clear();
-    app.onOffClicked();
-    app.onOffClicked();
-    QTRY_VERIFY_WITH_TIMEOUT(app.state() == Controller::State::Running, 25000);
-    QCOMPARE(app.tray().onOffItem()->text(), TrayPresenter::commandTurnOff);
-    QCOMPARE(titles, QStringList({TrayPresenter::statusOff, TrayPresenter::statusSearching,
-                                  TrayPresenter::statusStarting, TrayPresenter::statusRunning}));
-    app.shutdown();
 }
 
 void TestEndToEnd::servesTheSpeakersNetworkOnceItHasAnAddress()

@@ -10,6 +10,7 @@
 #include "FakeControls.h"
 #include "FakeFacts.h"
 #include "FakePlatform.h"
+#include "FeedbackWindow.h"
 #include "Notifications.h"
 #include "PreferencesWindow.h"
 #include "Settings.h"
@@ -86,6 +87,8 @@ private slots:
     void germanTranslation();
     void factoryMakesEachWindowOnce();
     void crashPromptAnswers_data();
+    void feedbackIsSentAsWritten_data();
+    void feedbackIsSentAsWritten();
     void crashPromptAnswers();
 
 private:
@@ -771,6 +774,55 @@ void TestPreferences::crashPromptAnswers()
     QTRY_VERIFY(!box);
     QTRY_COMPARE(reporter.pendingReports().size(), waiting);
     QCOMPARE(reporter.alwaysSend(), answer == "Always Send");
+}
+
+void TestPreferences::feedbackIsSentAsWritten_data()
+{
+    QTest::addColumn<QByteArray>("answer");
+    QTest::addColumn<bool>("withLog");
+    QTest::addColumn<QString>("status");
+    QTest::newRow("taken, with the log")
+        << QByteArray("200 OK") << true << "Thank you, your feedback was sent.";
+    QTest::newRow("refused, without the log")
+        << QByteArray("500 Internal Server Error") << false << "Sending failed: ";
+}
+
+void TestPreferences::feedbackIsSentAsWritten()
+{
+    QFETCH(QByteArray, answer);
+    QFETCH(bool, withLog);
+    QFETCH(QString, status);
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QByteArray received;
+    connect(&server, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [&, socket] {
+            received += socket->readAll();
+            static const QRegularExpression length("Content-Length: (\\d+)",
+                                                   QRegularExpression::CaseInsensitiveOption);
+            const qsizetype head = received.indexOf("\r\n\r\n");
+            if (head < 0 || received.size() - head - 4 < length.match(received).captured(1).toInt())
+                return;
+            socket->write("HTTP/1.1 " + answer + "\r\nContent-Length: 0\r\n\r\n");
+            socket->disconnectFromHost();
+        });
+    });
+    FeedbackWindow window(QUrl("http://127.0.0.1:" + QString::number(server.serverPort()) + "/f"));
+    auto *send = window.findChild<QPushButton *>("sendButton");
+    QVERIFY(!send->isEnabled()); // nothing written yet
+    window.findChild<QLineEdit *>("nameLineEdit")->setText("Ann");
+    window.findChild<QLineEdit *>("emailLineEdit")->setText("ann@example.org");
+    window.findChild<QPlainTextEdit *>("messagePlainTextEdit")->setPlainText("Café works");
+    window.findChild<QCheckBox *>("includeLogCheckBox")->setChecked(withLog);
+    send->click();
+    QTRY_VERIFY2(window.statusLabel()->text().startsWith(status),
+                 qPrintable(window.statusLabel()->text()));
+    QVERIFY(received.startsWith("POST /f HTTP/1.1\r\n"));
+    const QByteArray body = received.mid(received.indexOf("\r\n\r\n") + 4);
+    QVERIFY2(body.startsWith("Name: Ann\nEmail: ann@example.org\n\nCafé works\n"),
+             body.constData());
+    QCOMPARE(body.contains("\n--- Log ---\n"), withLog);
 }
 
 QTEST_MAIN(TestPreferences)
