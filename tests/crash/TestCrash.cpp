@@ -141,7 +141,6 @@ void TestCrash::answers_data()
     QTest::newRow("always send, saved")
         << int(CrashReporter::Answer::AlwaysSend) << true << false << true;
     QTest::newRow("save cancelled") << int(CrashReporter::Answer::Send) << false << true << false;
-    QTest::newRow("don't send") << int(CrashReporter::Answer::DontSend) << false << false << false;
     QTest::newRow("closed without an answer")
         << int(CrashReporter::Answer::Later) << false << true << false;
 }

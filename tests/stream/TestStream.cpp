@@ -179,11 +179,9 @@ void TestStream::upnpCallsAndTheirFaults()
         });
     });
     UpnpControl upnp;
-    QUrl location;
-    location.setScheme(QStringLiteral("http"));
-    location.setHost(loopback.toString());
-    location.setPort(player.serverPort());
-    location.setPath(QStringLiteral("/xml/device_description.xml"));
+    const QUrl location(QStringLiteral("http://%1:%2/xml/device_description.xml")
+                            .arg(loopback.toString())
+                            .arg(player.serverPort()));
     const QUrl control = UpnpControl::controlUrl(location, UpnpControl::avTransport);
     QCOMPARE(control.path(), QStringLiteral("/MediaRenderer/AVTransport/Control"));
     std::vector<UpnpControl::Reply> got;

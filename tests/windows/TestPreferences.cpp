@@ -24,7 +24,6 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QCheckBox>
-#include <QClipboard>
 #include <QComboBox>
 #include <QLabel>
 #include <QListWidget>
@@ -82,7 +81,6 @@ private slots:
     void startStopAndObservers();
     void aFailedSaveIsShownUntilOneSucceeds();
     void startAtLoginAndSoundOutputs();
-    void nameFieldEditsWithItsOwnKeys();
     void mnemonicsAreUniquePerMenuAndLanguage();
     void germanTranslation();
     void factoryMakesEachWindowOnce();
@@ -574,30 +572,6 @@ void TestPreferences::startAtLoginAndSoundOutputs()
     m_platform->autostart->fails = true;
     login->click(); // a failed write shows the state that holds
     QVERIFY(!login->isChecked());
-}
-
-void TestPreferences::nameFieldEditsWithItsOwnKeys()
-{
-    // The field performs the editing keys itself, once, and only where it can.
-    EditableTextField field;
-    QApplication::clipboard()->setText(QStringLiteral("pasted"));
-    QTest::keyClicks(&field, QStringLiteral("Den"));
-    field.selectAll();
-    QTest::keySequence(&field, QKeySequence::Copy);
-    QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("Den"));
-    field.setEchoMode(QLineEdit::Password); // never copied out of a hidden field
-    QApplication::clipboard()->setText(QStringLiteral("pasted"));
-    QTest::keySequence(&field, QKeySequence::Copy);
-    QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("pasted"));
-    field.setEchoMode(QLineEdit::Normal);
-    QTest::keySequence(&field, QKeySequence::Paste);
-    QCOMPARE(field.text(), QStringLiteral("pasted"));
-    field.setReadOnly(true);
-    QTest::keySequence(&field, QKeySequence::Undo);
-    QCOMPARE(field.text(), QStringLiteral("pasted"));
-    field.setReadOnly(false);
-    QTest::keySequence(&field, QKeySequence::Undo);
-    QCOMPARE(field.text(), QStringLiteral("Den"));
 }
 
 void TestPreferences::mnemonicsAreUniquePerMenuAndLanguage()
