@@ -15,6 +15,7 @@
 
 #include <QApplication>
 #include <QSignalSpy>
+#include <QSystemTrayIcon>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -194,6 +195,10 @@ void TestApp::launch()
     m_app->shutdown();
     QVERIFY(!m_world->settings->saveError() && store.text->contains("\"enabled\":false"));
     QCOMPARE(m_world->shutdowns, 1);
+    // With a tray, its icon shows from the start.
+    m_app = std::make_unique<Controller>(m_world->services(), m_platform->platform(), true);
+    m_app->start();
+    QVERIFY(m_app->tray().trayIcon() && m_app->tray().trayIcon()->isVisible());
 }
 
 void TestApp::wiring_data()
