@@ -7,6 +7,7 @@
 #include "FakePlatform.h"
 #include "MainQueue.h"
 #include "Notifications.h"
+#include "ServiceManager.h"
 #include "Settings.h"
 #include "SpeakerCommands.h"
 #include "SystemSleep.h"
@@ -407,6 +408,8 @@ void TestApp::tellsTheServiceManager()
     m_world->said = {{QStringLiteral("Room 1"), BridgeSpeakerState::Ready}};
     post(Notifications::bridgeSpeakersChanged);
     settle();
+    qputenv("NOTIFY_SOCKET", QByteArray(5000, 'x')); // longer than a socket address holds
+    QVERIFY(!notifyServiceManager("STATUS=x"));
     qunsetenv("NOTIFY_SOCKET");
     QStringList messages;
     char buffer[512];
