@@ -104,7 +104,7 @@ void TestTone::toneReachesTheRendererThroughAPause()
     QTcpSocket probe;
     probe.connectToHost(QLatin1String(SoundRig::speakerAddress), 49400);
     QVERIFY(!probe.waitForConnected(1000));
-    QVERIFY(rig.corvelSink().isEmpty());
+    QTRY_VERIFY(rig.corvelSink().isEmpty()); // the server removes it a moment later when busy
 }
 
 QTEST_MAIN(TestTone)
