@@ -113,7 +113,9 @@ void TestLog::sessionFileMirrorsAndStaysBounded()
     log.setEchoSink([](const QByteArray &) {});
     log.log(LogLevel::Info, std::nullopt, QStringLiteral("before"));
     log.setSessionFile(path);
-    const auto file = [&path] { return readFile(path); };
+    const auto file = [&path] {
+        return readFile(path);
+    };
     QVERIFY(file().endsWith("[Info][default] before\n")); // the log so far, at once
     log.log(LogLevel::Warning, QStringLiteral("c"), QStringLiteral("after"));
     QVERIFY(file().endsWith("[Warning][c] after\n")); // each entry as it arrives
