@@ -8,7 +8,9 @@
 #include "MainQueue.h"
 #include "Notifications.h"
 #include "ServiceManager.h"
+#include "SessionBus.h"
 #include "Settings.h"
+#include "SingleInstance.h"
 #include "SpeakerCommands.h"
 #include "SystemSleep.h"
 #include "TestSpeakers.h"
@@ -131,6 +133,12 @@ class TestApp : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase()
+    {
+        // A session bus and runtime folder of the suite's own, for the one-copy lock and name.
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.address.toUtf8());
+        qputenv("XDG_RUNTIME_DIR", m_runtime.path().toUtf8());
+    }
     void init();
     void cleanup();
     void launch();
@@ -145,6 +153,8 @@ private:
     {
         return {m_app->tray().statusLine()->text(), m_app->tray().onOffItem()->text()};
     }
+    QTemporaryDir m_runtime;
+    SessionBus m_bus{m_runtime.path()};
     std::unique_ptr<FakeWorld> m_world;
     std::unique_ptr<FakePlatform> m_platform;
     std::unique_ptr<Controller> m_app;
@@ -431,15 +441,24 @@ void TestApp::speakerCommands()
     den.roomName = QStringLiteral("Room 2");
     settings->mergeDiscoveredSpeaker(den, {true, "G"});
     QString error;
+    QCOMPARE(SpeakerCommands::rename(*settings, QStringLiteral("room 1 - one"), "x", &error), 1);
     QVERIFY(!SpeakerCommands::findSpeaker(*settings, QStringLiteral("Room 2 - One"), &error));
     QVERIFY(error.startsWith(QStringLiteral("More than one speaker")));
     LogCapture capture;
-    QCOMPARE(SpeakerCommands::setEnabled(*settings, QStringLiteral("Room 1 - One"), false, &error),
-             0);
-    QCOMPARE(
-        SpeakerCommands::rename(*settings, speaker(3).location.toString(), "Attic \"A\"", &error),
-        0);
-    QCOMPARE(SpeakerCommands::rename(*settings, QStringLiteral("room 1 - one"), "x", &error), 1);
+    // The running copy holds the lock and the name; the commands of others reach it on the bus.
+    QVERIFY2(!m_bus.address.isEmpty(), "dbus-daemon did not start");
+    int shown = 0;
+    SingleInstance running(*settings, [&shown] { ++shown; });
+    QCOMPARE(running.claim(), SingleInstance::Claim::Owned);
+    QCOMPARE(SingleInstance(*settings, {}).claim(), SingleInstance::Claim::OtherRunning);
+    const auto status = [](const QString &method, const QVariantList &arguments) {
+        const auto answer = SingleInstance::ask(method, arguments);
+        return answer ? answer->status : -1;
+    };
+    QCOMPARE(status("SetEnabled", {"Room 1 - One", false}), 0);
+    QCOMPARE(status("Rename", {speaker(3).location.toString(), "Attic \"A\""}), 0);
+    QCOMPARE(status("ShowPreferences", {}), 0);
+    QCOMPARE(shown, 1);
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(51, 'x'), &error), 2);
     QVERIFY(error.startsWith(QStringLiteral("A speaker name can be at most 50 bytes")));
     // Arguments over a few KiB (they come over the bus too) are refused before any work.

@@ -3,6 +3,7 @@
 // outputs through pactl (a stand-in script that keeps the loaded modules in a file), and the
 // resume watcher on a private D-Bus daemon standing in for the system bus.
 #include "BuildConfig.h"
+#include "DBusLauncherHelper.h"
 #include "LinuxIdleInhibitor.h"
 #include "LogindResumeWatcher.h"
 #include "PactlSoundOutputs.h"
@@ -66,6 +67,10 @@ private slots:
     void resumeIsToldOncePerWake();
     void sleepLocks_data();
     void sleepLocks();
+    void launcherHelperIsStoppedOnlyWhenItRuns();
+
+public slots:
+    void killLauncher(const QString &app) { m_killed << app; }
 
 private:
     SoundOutputs::Status status(PactlSoundOutputs &outputs)
@@ -95,6 +100,7 @@ private:
     }
 
     QTemporaryDir m_config;
+    QStringList m_killed;
     const QString m_pactl = QStringLiteral(CORVEL_TEST_DATA "/platform/fake-pactl");
 };
 
@@ -260,6 +266,25 @@ void TestPlatform::sleepLocks()
     QTest::qWait(100);
     QCOMPARE(locks.calls, released);
     QVERIFY(!logindHeld());
+}
+
+void TestPlatform::launcherHelperIsStoppedOnlyWhenItRuns()
+{
+    SessionBus bus(m_config.path());
+    if (bus.address.isEmpty())
+        QSKIP("dbus-daemon cannot run here");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.address.toUtf8()); // this process's, from here on
+    QDBusConnection helper = QDBusConnection::connectToBus(bus.address, QStringLiteral("helper"));
+    QVERIFY(helper.connect({}, "/org/corvel/Corvel", CORVEL_APP_ID, "killLauncher", this,
+                           SLOT(killLauncher(QString))));
+    DBusLauncherHelper launcher;
+    int stopping = 0;
+    launcher.stopIfRunning([&stopping] { ++stopping; }); // no helper runs: nothing to stop
+    QTest::qWait(300);
+    QVERIFY(helper.registerService(QStringLiteral(CORVEL_HELPER_ID)));
+    launcher.stopIfRunning([&stopping] { ++stopping; });
+    QTRY_COMPARE_WITH_TIMEOUT(m_killed, QStringList{CORVEL_APP_ID}, 5000);
+    QCOMPARE(stopping, 1); // the second time only
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)
