@@ -446,13 +446,12 @@ void TestApp::speakerCommands()
     QVERIFY(error.startsWith(QStringLiteral("More than one speaker")));
     LogCapture capture;
     // The running copy holds the lock and the name; the commands of others reach it on the bus.
-    QVERIFY2(!m_bus.address.isEmpty(), "dbus-daemon did not start");
     int shown = 0;
     SingleInstance running(*settings, [&shown] { ++shown; });
     QCOMPARE(running.claim(), SingleInstance::Claim::Owned);
     QCOMPARE(SingleInstance(*settings, {}).claim(), SingleInstance::Claim::OtherRunning);
     const auto status = [](const QString &method, const QVariantList &arguments) {
-        const auto answer = SingleInstance::ask(method, arguments);
+        const auto answer = SingleInstance::ask(method, arguments); // none without a bus
         return answer ? answer->status : -1;
     };
     QCOMPARE(status("SetEnabled", {"Room 1 - One", false}), 0);

@@ -21,8 +21,6 @@ namespace {
 using E = Lifecycle::Event;
 using S = Lifecycle::State;
 
-using World = FakeFacts;
-
 // The desktop's notification service: what it was asked to show, each notice numbered.
 struct FakeNotifications : QDBusVirtualObject
 {
@@ -88,6 +86,8 @@ void TestTray::showsTheState_data()
     for (int i = 0; i < Lifecycle::maxFailures; ++i)
         failing << E::BridgeStarted << E::BridgeEnded;
     row("given up is a problem", failing, T::statusStopped, T::commandTurnOn, TrayLook::Problem);
+    row("nothing found is idle", {E::SearchStarted, E::SearchEnded}, T::statusNoSpeakers,
+        T::commandTurnOff, TrayLook::Idle);
     row("no bridge: its setup is the command", {E::SearchStarted, E::BridgeMissing},
         T::statusBridgeMissing, T::commandInstallBridge, TrayLook::Problem);
 }
@@ -99,7 +99,7 @@ void TestTray::showsTheState()
     QFETCH(QString, command);
     QFETCH(int, look);
     QFETCH(QString, toolTip);
-    World world;
+    FakeFacts world;
     world.bridge = true;
     Lifecycle lifecycle(world, [] { return qint64(0); });
     auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
@@ -125,7 +125,7 @@ void TestTray::showsTheState()
 
 void TestTray::speakerItems()
 {
-    World world;
+    FakeFacts world;
     Lifecycle lifecycle(world, [] { return qint64(0); });
     auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
     TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
