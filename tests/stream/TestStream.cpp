@@ -166,7 +166,7 @@ void TestStream::upnpCallsAndTheirFaults()
         "<faultcode>s:Client</faultcode><faultstring>UPnPError</faultstring><detail>"
         "<UPnPError xmlns=\"urn:schemas-upnp-org:control-1-0\"><errorCode>714</errorCode>"
         "</UPnPError></detail></s:Fault></s:Body></s:Envelope>",
-        "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 4\r\n\r\noops"};
+        "HTTP/1.1 302 Found\r\nLocation: http://x/\r\nContent-Length: 4\r\n\r\noops"};
     QByteArray asked;
     connect(&player, &QTcpServer::newConnection, this, [&] {
         QTcpSocket *socket = player.nextPendingConnection();
