@@ -25,17 +25,17 @@ QString bootMarker(const SSDPMSearchResponse &message)
     return values.join(QLatin1Char('/'));
 }
 
-QDeadlineTimer expiryOf(const SSDPMSearchResponse &message, int shortestSeconds)
+} // namespace
+
+QDeadlineTimer DeviceDiscovery::expiryOf(const SSDPMSearchResponse &message) const
 {
     static const QRegularExpression maxAge(QStringLiteral("max-age\\s*=\\s*([0-9]+)"),
                                            QRegularExpression::CaseInsensitiveOption);
     const auto match =
         maxAge.match(message.header(QStringLiteral("CACHE-CONTROL")).value_or(QString()));
-    const qint64 seconds =
-        match.hasMatch() ? match.captured(1).toLongLong() : DeviceDiscovery::defaultMaxAgeSeconds;
-    return QDeadlineTimer(std::clamp<qint64>(seconds, shortestSeconds, 86400) * 1000);
+    const qint64 seconds = match.hasMatch() ? match.captured(1).toLongLong() : defaultMaxAgeSeconds;
+    return QDeadlineTimer(std::clamp<qint64>(seconds, m_shortestMaxAgeSeconds, 86400) * 1000);
 }
-} // namespace
 
 std::optional<std::pair<DeviceInfo, DeviceTopology>>
 discoveredSpeaker(const Notification &notification)
@@ -145,8 +145,7 @@ void DeviceDiscovery::handleAnnouncement(const SSDPMSearchResponse &announcement
     const auto heard = m_heard.find(location);
     if (heard != m_heard.end() && heard->second.boot == bootMarker(announcement) &&
         announcement.announcement != QLatin1String("ssdp:update")) {
-        heard->second.expires =
-            expiryOf(announcement, m_shortestMaxAgeSeconds); // still there, unchanged
+        heard->second.expires = expiryOf(announcement); // still there, unchanged
         return;
     }
     logInfo(category,
@@ -270,7 +269,7 @@ void DeviceDiscovery::discoveredDevice(const SSDPMSearchResponse &response,
         return;
     }
     if (const auto heard = m_heard.find(location); heard != m_heard.end())
-        heard->second.expires = expiryOf(response, m_shortestMaxAgeSeconds);
+        heard->second.expires = expiryOf(response);
     // Players answer each M-SEARCH of a search; one description per search is enough.
     if (m_described.count(location))
         return;
@@ -515,8 +514,7 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
     // A player that moved is heard at its new location only.
     const QString udn = info->udn.value_or(response.udn());
     std::erase_if(m_heard, [&udn](const auto &entry) { return entry.second.udn == udn; });
-    m_heard[location] = {udn, bootMarker(response), expiryOf(response, m_shortestMaxAgeSeconds),
-                         response.location.host()};
+    m_heard[location] = {udn, bootMarker(response), expiryOf(response), response.location.host()};
     std::erase_if(m_devices, [&](const auto &entry) {
         return entry.second.udn == info->udn && entry.first.url != info->location;
     });

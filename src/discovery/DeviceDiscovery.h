@@ -92,6 +92,9 @@ public:
     // present after it was last heard when it does not say (CACHE-CONTROL max-age).
     static constexpr int refreshIntervalMs = 10 * 60 * 1000;
     static constexpr int defaultMaxAgeSeconds = 1800;
+    // The shortest max-age believed: a player that asks for less is still checked on no more
+    // often than this.
+    static constexpr int defaultShortestMaxAgeSeconds = 60;
 
     // Keeps the speaker list current between searches: hears the players' announcements and
     // searches in the background on a network change and every refreshIntervalMs. A new or
@@ -116,8 +119,7 @@ public:
 
     // How long each HTTP transfer may take in all; 5 seconds unless a test shortens it.
     void setTransferTimeout(int ms) { m_transferTimeoutMs = ms; }
-    // The shortest max-age believed: a device that asks for less is still checked on no
-    // more often than this. A minute unless a test shortens it.
+    // The shortest max-age believed; defaultShortestMaxAgeSeconds unless a test shortens it.
     void setShortestMaxAge(int seconds) { m_shortestMaxAgeSeconds = seconds; }
 
     void discoveredDevice(const SSDPMSearchResponse &response,
@@ -127,6 +129,8 @@ public:
     void closedSession(SSDPDiscoverySession *session) override;
 
 private:
+    // Until when a player counts as present unheard: its message's max-age, within bounds.
+    QDeadlineTimer expiryOf(const SSDPMSearchResponse &message) const;
     using XmlCompletion =
         std::function<void(const std::optional<DiscoveryError> &, const QByteArray &)>;
     // GETs url and completes with (error, body); the body is empty with an error.
@@ -187,7 +191,7 @@ private:
     bool m_watching = false;
     std::map<LocationKey, DeviceInfo> m_devices;
     int m_transferTimeoutMs = defaultTransferTimeoutMs;
-    int m_shortestMaxAgeSeconds = 60;
+    int m_shortestMaxAgeSeconds = defaultShortestMaxAgeSeconds;
     std::deque<SSDPMSearchResponse> m_waiting;     // answers and known speakers, in order
     std::deque<SSDPMSearchResponse> m_unsolicited; // announcements of unknown ones
     std::set<QString> m_unsolicitedRunning;        // their locations being fetched

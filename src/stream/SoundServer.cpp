@@ -232,9 +232,9 @@ void SoundServer::record(const QString &id, quint32 sinkIndex, const QString &mo
         return;
     Output &output = found->second;
     output.sink = sinkIndex;
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 2};
+    const pa_sample_spec format{PA_SAMPLE_S16LE, 44100, 2};
     output.stream =
-        pa_stream_new(m_context, ("Corvel: " + output.name).toUtf8().constData(), &spec, nullptr);
+        pa_stream_new(m_context, ("Corvel: " + output.name).toUtf8().constData(), &format, nullptr);
     if (!output.stream) {
         logError(category, QStringLiteral("Cannot record the output for ") + output.name);
         return;
@@ -257,7 +257,7 @@ void SoundServer::record(const QString &id, quint32 sinkIndex, const QString &mo
             }
         },
         &output);
-    const uint32_t fragment = uint32_t(pa_usec_to_bytes(fragmentMs * 1000, &spec));
+    const uint32_t fragment = uint32_t(pa_usec_to_bytes(fragmentMs * 1000, &format));
     const pa_buffer_attr attributes{uint32_t(-1), uint32_t(-1), uint32_t(-1), uint32_t(-1),
                                     fragment};
     if (pa_stream_connect_record(

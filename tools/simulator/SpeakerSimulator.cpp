@@ -197,9 +197,8 @@ void SpeakerSimulator::announce(int index, const QByteArray &kind)
     for (const QByteArray &type :
          {QByteArray("upnp:rootdevice"), QByteArray("urn:schemas-upnp-org:device:ZonePlayer:1")}) {
         QByteArray message = "NOTIFY * HTTP/1.1\r\n"
-                             "HOST: 239.255.255.250:1900\r\n"
-                             "CACHE-CONTROL: max-age = " +
-                             QByteArray::number(player.maxAge) + "\r\n";
+                             "HOST: 239.255.255.250:1900\r\n" +
+                             player.cacheControl();
         if (kind != "ssdp:byebye")
             message += "LOCATION: " + player.location().toString().toUtf8() + "\r\n";
         message += "NT: " + type + "\r\nNTS: " + kind +
@@ -233,10 +232,7 @@ void SpeakerSimulator::handleSearch()
             const QByteArray type = player.fault == SimulatedPlayer::Router
                                         ? "urn:schemas-upnp-org:device:InternetGatewayDevice:1"
                                         : "urn:schemas-upnp-org:device:ZonePlayer:1";
-            const QByteArray response = "HTTP/1.1 200 OK\r\n"
-                                        "CACHE-CONTROL: max-age = " +
-                                        QByteArray::number(player.maxAge) +
-                                        "\r\n"
+            const QByteArray response = "HTTP/1.1 200 OK\r\n" + player.cacheControl() +
                                         "EXT:\r\n"
                                         "LOCATION: " +
                                         player.location().toString().toUtf8() +

@@ -43,6 +43,10 @@ struct SimulatedPlayer
     Fault fault = NoFault;
     int answersPerSearch = 1;
     int maxAge = 1800; // seconds, as its announcements and answers say
+    QByteArray cacheControl() const
+    {
+        return "CACHE-CONTROL: max-age = " + QByteArray::number(maxAge) + "\r\n";
+    }
     // The description of a real UPnP renderer that plays for this player: its AVTransport and
     // RenderingControl calls are passed on there (the renderer shares the player's address).
     QUrl renderer;
