@@ -418,6 +418,9 @@ void TestDiscovery::keepsWatching()
     simulator.announce(0, "ssdp:alive"); // nothing new: not described again
     simulator.announce(1, "ssdp:update");
     CORVEL_WAIT(events.count("deviceDiscovered") == 3);
+    simulator.players()[0].bootSeq = 13; // restarted: described again
+    simulator.announce(0, "ssdp:alive");
+    CORVEL_WAIT(events.count("deviceDiscovered") == 4);
     // A goodbye counts only from the player itself.
     SSDPMSearchResponse forged;
     forged.announcement = QStringLiteral("ssdp:byebye");
@@ -427,12 +430,12 @@ void TestDiscovery::keepsWatching()
     discovery.handleAnnouncement(forged);
     simulator.announce(0, "ssdp:byebye");
     CORVEL_WAIT(events.count("deviceDeparted") == 1);
-    QCOMPARE(events.count("deviceDiscovered"), 3);
+    QCOMPARE(events.count("deviceDiscovered"), 4);
     QCOMPARE(events.notifications.last().userInfo.value(UserInfoKey::location).toUrl(),
              simulator.players()[0].location());
     // An address appears: a background search finds both, without the search's own events.
     QCOMPARE(QProcess::execute("ip", {"addr", "add", "127.0.9.9/32", "dev", "lo"}), 0);
-    CORVEL_WAIT(events.count("deviceDiscovered") == 5);
+    CORVEL_WAIT(events.count("deviceDiscovered") == 6);
     QVERIFY(capture.has("Info SSDP Searching again after a network change"));
     QCOMPARE(events.count("discoveryStarted") + events.count("discoveryComplete"), 0);
     QVERIFY(!discovery.session());
@@ -446,10 +449,10 @@ void TestDiscovery::keepsWatching()
     CORVEL_WAIT(capture.count("Warning SSDP Ignoring " + twin.location().toString() +
                               ": it claims to be uuid:" + twin.udn + ", which still answers at " +
                               simulator.players()[1].location().toString()) == 1);
-    QCOMPARE(events.count("deviceDiscovered"), 5);
+    QCOMPARE(events.count("deviceDiscovered"), 6);
     simulator.players()[1].fault = SimulatedPlayer::DescriptionHtml; // another device there now
     impostor->announce(0, "ssdp:update");
-    CORVEL_WAIT(events.count("deviceDiscovered") == 6);
+    CORVEL_WAIT(events.count("deviceDiscovered") == 7);
     QCOMPARE(speakers(events).back().first.location, twin.location());
 }
 

@@ -688,6 +688,8 @@ void TestPreferences::factoryMakesEachWindowOnce()
     auto *setup = qobject_cast<BridgeSetupWindow *>(windows.window(Kind::BridgeSetup));
     windows.setBridgeLookedIn({QStringLiteral("/looked/here")});
     QVERIFY(setup->findChild<QPlainTextEdit *>()->toPlainText().contains("/looked/here"));
+    setup->installFrom(QStringLiteral("/nonexistent/airupnp")); // refused, and said so
+    QVERIFY(setup->findChild<QLabel *>("statusLabel")->text().startsWith("Cannot read "));
     emit setup->installed(QStringLiteral("/x/airupnp"));
     QCOMPARE(m_controls->installs, 1);
     // Without a tray, closing Preferences quits Corvel.

@@ -198,16 +198,14 @@ void SpeakerSimulator::announce(int index, const QByteArray &kind)
          {QByteArray("upnp:rootdevice"), QByteArray("urn:schemas-upnp-org:device:ZonePlayer:1")}) {
         QByteArray message = "NOTIFY * HTTP/1.1\r\n"
                              "HOST: 239.255.255.250:1900\r\n" +
-                             player.cacheControl();
+                             player.lifeHeaders();
         if (kind != "ssdp:byebye")
             message += "LOCATION: " + player.location().toString().toUtf8() + "\r\n";
         message += "NT: " + type + "\r\nNTS: " + kind +
                    "\r\n"
                    "SERVER: Linux UPnP/1.0 Sonos/57.3-81090 (ZPS3)\r\n"
                    "USN: uuid:" +
-                   player.udn.toUtf8() + "::" + type +
-                   "\r\n"
-                   "X-RINCON-BOOTSEQ: 12\r\n\r\n";
+                   player.udn.toUtf8() + "::" + type + "\r\n\r\n";
         m_senders[size_t(index)]->writeDatagram(
             message, QHostAddress(QStringLiteral("239.255.255.250")), 1900);
     }
@@ -232,7 +230,7 @@ void SpeakerSimulator::handleSearch()
             const QByteArray type = player.fault == SimulatedPlayer::Router
                                         ? "urn:schemas-upnp-org:device:InternetGatewayDevice:1"
                                         : "urn:schemas-upnp-org:device:ZonePlayer:1";
-            const QByteArray response = "HTTP/1.1 200 OK\r\n" + player.cacheControl() +
+            const QByteArray response = "HTTP/1.1 200 OK\r\n" + player.lifeHeaders() +
                                         "EXT:\r\n"
                                         "LOCATION: " +
                                         player.location().toString().toUtf8() +
@@ -245,7 +243,6 @@ void SpeakerSimulator::handleSearch()
                                         player.udn.toUtf8() + "::" + type +
                                         "\r\n"
                                         "X-RINCON-HOUSEHOLD: Sonos_CorvelSimulatedHousehold\r\n"
-                                        "X-RINCON-BOOTSEQ: 12\r\n"
                                         "X-RINCON-WIFIMODE: 0\r\n"
                                         "X-RINCON-VARIANT: 0\r\n"
                                         "\r\n";

@@ -43,9 +43,12 @@ struct SimulatedPlayer
     Fault fault = NoFault;
     int answersPerSearch = 1;
     int maxAge = 1800; // seconds, as its announcements and answers say
-    QByteArray cacheControl() const
+    int bootSeq = 12;  // raised when the player restarts
+    // The headers of its announcements and answers that say how long it stays and which boot.
+    QByteArray lifeHeaders() const
     {
-        return "CACHE-CONTROL: max-age = " + QByteArray::number(maxAge) + "\r\n";
+        return "CACHE-CONTROL: max-age = " + QByteArray::number(maxAge) +
+               "\r\nX-RINCON-BOOTSEQ: " + QByteArray::number(bootSeq) + "\r\n";
     }
     // The description of a real UPnP renderer that plays for this player: its AVTransport and
     // RenderingControl calls are passed on there (the renderer shares the player's address).
