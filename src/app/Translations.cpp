@@ -17,11 +17,9 @@ int Translations::install(const QLocale &locale)
 {
     static std::unique_ptr<QTranslator> corvel;
     static std::unique_ptr<QTranslator> qt;
-    for (auto *installed : {&corvel, &qt}) {
-        if (*installed)
-            QCoreApplication::removeTranslator(installed->get());
-        installed->reset();
-    }
+    // A translator leaves the application when it is deleted.
+    corvel.reset();
+    qt.reset();
     int loaded = 0;
     const auto load = [&](std::unique_ptr<QTranslator> &slot, const QString &name,
                           const QString &dir) {

@@ -229,9 +229,9 @@ void AirConnect::shutdown()
     stop();
     QDeadlineTimer deadline(quitGraceMs);
     for (QProcess *process : std::vector<QProcess *>(m_retired)) {
+        // A finite deadline never gives -1 (wait forever); once passed it gives 0.
         if (process->state() != QProcess::NotRunning &&
-            !process->waitForFinished(
-                static_cast<int>(std::max<qint64>(deadline.remainingTime(), 1)))) {
+            !process->waitForFinished(static_cast<int>(deadline.remainingTime()))) {
             logWarning(category, QStringLiteral("Bridge did not exit in time; killing it"));
             process->kill();
             process->waitForFinished(1000);

@@ -3,6 +3,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <limits>
 
 JsonReader::JsonReader(const QJsonObject &object, QString context)
     : m_object(object), m_context(std::move(context))
@@ -18,8 +19,9 @@ void JsonReader::fail(const QString &message)
 std::optional<qint64> JsonReader::integerValue(const QJsonValue &value)
 {
     // toInteger gives its default for a fraction or a value beyond 64 bits; two
-    // different defaults tell that apart from a stored 0 or 1.
-    if (!value.isDouble() || value.toInteger(0) != value.toInteger(1))
+    // different defaults tell that apart from any stored value.
+    using Limits = std::numeric_limits<qint64>;
+    if (!value.isDouble() || value.toInteger(Limits::min()) != value.toInteger(Limits::max()))
         return std::nullopt;
     return value.toInteger();
 }

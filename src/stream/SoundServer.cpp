@@ -96,7 +96,9 @@ void SoundServer::connectToServer()
         pa_context_new_with_proplist(pa_glib_mainloop_get_api(m_loop), "Corvel", properties);
     pa_proplist_free(properties);
     pa_context_set_state_callback(m_context, &SoundServer::contextState, this);
-    if (pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
+    // A refused connection has usually been reported through the state callback already.
+    if (pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0 &&
+        pa_context_get_state(m_context) != PA_CONTEXT_FAILED)
         lost(QString::fromUtf8(pa_strerror(pa_context_errno(m_context))));
 }
 

@@ -189,8 +189,9 @@ void TestApp::launch()
              QStringList({TrayPresenter::statusSearching, TrayPresenter::commandTurnOff}));
     QCOMPARE(capture.lines().mid(0, 2),
              QStringList({"Info - applicationDidFinishLaunching", "Info - Stopping launcher app"}));
-    // A deviceDiscovered event without a description and topology is ignored with a line.
-    post(Notifications::deviceDiscovered, {{UserInfoKey::deviceInfo, QStringLiteral("x")}});
+    // A deviceDiscovered event without a topology is ignored with a line.
+    post(Notifications::deviceDiscovered,
+         {{UserInfoKey::deviceInfo, QVariant::fromValue(speaker(2))}});
     settle();
     QCOMPARE(capture.count(QStringLiteral("Warning - Ignoring a deviceDiscovered event")), 1);
     QCOMPARE(m_world->settings->activeDevices().size(), 0u);

@@ -261,6 +261,11 @@ void TestDiscovery::searchLifecycle()
     QTest::qWait(500); // past the time-out: closed sessions report nothing more
     QCOMPARE(events.names(),
              QStringList({"discoveryStarted", "discoveryStarted", "discoveryComplete"}));
+    // With no interface that can multicast, watching says it hears nothing.
+    QCOMPARE(QProcess::execute("ip", {"link", "set", "lo", "multicast", "off"}), 0);
+    discovery.startWatching();
+    QProcess::execute("ip", {"link", "set", "lo", "multicast", "on"});
+    QCOMPARE(capture.count("Warning SSDP Not listening for announcements: no interface could"), 1);
 }
 
 void TestDiscovery::playerFaults_data()
@@ -454,6 +459,7 @@ void TestDiscovery::keepsWatching()
     impostor->announce(0, "ssdp:update");
     CORVEL_WAIT(events.count("deviceDiscovered") == 7);
     QCOMPARE(speakers(events).back().first.location, twin.location());
+    QCOMPARE(discovery.devices().size(), size_t(2)); // its old record is gone
 }
 
 void TestDiscovery::anUnheardSpeakerIsAskedBeforeItLeaves_data()

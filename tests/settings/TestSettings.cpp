@@ -386,10 +386,11 @@ void TestSettings::userStoreSurvivesAndFails()
     edited.write("[General]\nsettings=" + validDocument + "\n");
     edited.close();
     QCOMPARE(UserSettingsStorage().read(), QString::fromUtf8(validDocument));
-    // An unreadable one is kept beside the fresh document, binary garbage too; an empty file
-    // is a first start.
-    for (const QByteArray &garbage : {QByteArray("[General]\nsettings=garbage\n"),
-                                      QByteArray("\x00\xff\xfe\x01[\x80", 6), QByteArray()}) {
+    // An unreadable one is kept beside the fresh document, binary garbage too (a single byte
+    // is a file); an empty file is a first start.
+    for (const QByteArray &garbage :
+         {QByteArray("[General]\nsettings=garbage\n"), QByteArray("\x00\xff\xfe\x01[\x80", 6),
+          QByteArray("\x01", 1), QByteArray()}) {
         QVERIFY(edited.open(QIODevice::WriteOnly) && edited.write(garbage) == garbage.size());
         edited.close();
         Settings::load(std::make_unique<UserSettingsStorage>());

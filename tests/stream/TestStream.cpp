@@ -60,6 +60,7 @@ private slots:
     void whichSpeakersGetAnOutput_data();
     void whichSpeakersGetAnOutput();
     void namesAndTextsAreSafe();
+    void noSoundServerIsSaidOnce();
 };
 
 void TestStream::onlyTheSpeakerFetches_data()
@@ -251,6 +252,26 @@ void TestStream::namesAndTextsAreSafe()
                                                   QStringLiteral("Sound from <pc>"));
     QVERIFY(didl.contains(QStringLiteral(">http://h:1/s.wav?a&amp;b</res>")) &&
             didl.contains(QStringLiteral("Sound from &lt;pc&gt;")));
+}
+
+void TestStream::noSoundServerIsSaidOnce()
+{
+    // Without a sound server the user is told once, however often Corvel asks again.
+    QTemporaryDir dir;
+    qputenv("PULSE_SERVER", "unix:" + dir.filePath(QStringLiteral("none")).toUtf8());
+    SpeakerStreams streams;
+    QStringList problems;
+    streams.onProblem = [&](const QString &sentence) {
+        problems << sentence;
+    };
+    LogCapture capture;
+    for (int attempt = 1; attempt <= 2; ++attempt) {
+        streams.setEnabled(true);
+        QTRY_COMPARE(capture.count("Warning sound No sound server: "), attempt);
+        streams.setEnabled(false);
+    }
+    QCOMPARE(problems.size(), 1);
+    QVERIFY(problems[0].startsWith(QStringLiteral("No sound server answered")));
 }
 
 QTEST_MAIN(TestStream)

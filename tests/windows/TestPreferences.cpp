@@ -75,8 +75,6 @@ private slots:
     void keyboard();
     void everyControlHasAnAccessibleName();
     void iconsAreFetchedOnce();
-    void button_data();
-    void button();
     void buttonFollowsBridgeEventsOnly();
     void startStopAndObservers();
     void aFailedSaveIsShownUntilOneSucceeds();
@@ -423,36 +421,6 @@ void TestPreferences::iconsAreFetchedOnce()
     QCOMPARE(requests, 1);
 }
 
-void TestPreferences::button_data()
-{
-    QTest::addColumn<bool>("stopped");
-    QTest::addColumn<bool>("bridge");
-    QTest::addColumn<bool>("searching");
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<bool>("spinner");
-    QTest::newRow("turned off by the user") << true << true << true << "&Start" << false;
-    QTest::newRow("bridge present") << false << true << true << "&Stop" << true;
-    QTest::newRow("search running") << false << false << true << "Searching..." << true;
-    QTest::newRow("idle, nothing found") << false << false << false << "Search &Again" << false;
-}
-
-void TestPreferences::button()
-{
-    QFETCH(bool, stopped);
-    QFETCH(bool, bridge);
-    QFETCH(bool, searching);
-    QFETCH(QString, title);
-    QFETCH(bool, spinner);
-    m_controls->stopped = stopped;
-    m_controls->bridge = bridge;
-    m_controls->searching = searching;
-    m_window->show();
-    QCOMPARE(startStop()->text(), title);
-    QCOMPARE(startStop()->isEnabled(), title != QLatin1String("Searching..."));
-    QCOMPARE(m_window->canStop(), title == QLatin1String("&Stop"));
-    QCOMPARE(m_window->findChild<QProgressBar *>("spinner")->isVisible(), spinner);
-}
-
 void TestPreferences::buttonFollowsBridgeEventsOnly()
 {
     m_controls->searching = true;
@@ -505,6 +473,7 @@ void TestPreferences::startStopAndObservers()
     m_controls->bridge = true;
     m_window->show();
     QCOMPARE(m_window->observerCount(), 11);
+    QVERIFY(startStop()->text() == QStringLiteral("&Stop") && m_window->canStop());
     startStop()->click();
     QCOMPARE(m_controls->bridgeStops, 1);
     QCOMPARE(startStop()->text(), QStringLiteral("&Start"));
@@ -513,6 +482,9 @@ void TestPreferences::startStopAndObservers()
     QVERIFY(!m_controls->stopped);
     QCOMPARE(m_controls->searches, 1);
     QCOMPARE(startStop()->text(), QStringLiteral("Searching..."));
+    QVERIFY(!startStop()->isEnabled() && !m_window->canStop());
+    post(Notifications::discoveryStarted);
+    QVERIFY(m_window->findChild<QProgressBar *>("spinner")->isVisible());
     m_window->hide();
     QCOMPARE(NotificationCenter::defaultCenter().observerCount(), before);
     m_window->show();
@@ -687,7 +659,10 @@ void TestPreferences::factoryMakesEachWindowOnce()
     // The setup shows where the bridge was looked for and reports an install.
     auto *setup = qobject_cast<BridgeSetupWindow *>(windows.window(Kind::BridgeSetup));
     windows.setBridgeLookedIn({QStringLiteral("/looked/here")});
-    QVERIFY(setup->findChild<QPlainTextEdit *>()->toPlainText().contains("/looked/here"));
+    auto *places = setup->findChild<QPlainTextEdit *>();
+    setup->findChild<QAbstractButton *>("detailsToolButton")->toggle(); // opens the list
+    QVERIFY(places->isVisibleTo(setup) && places->isReadOnly());
+    QVERIFY(places->toPlainText().contains("/looked/here"));
     setup->installFrom(QStringLiteral("/nonexistent/airupnp")); // refused, and said so
     QVERIFY(setup->findChild<QLabel *>("statusLabel")->text().startsWith("Cannot read "));
     emit setup->installed(QStringLiteral("/x/airupnp"));
