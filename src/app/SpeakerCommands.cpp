@@ -36,9 +36,10 @@ QString SpeakerCommands::formatList(const Settings &settings)
 std::optional<QUrl> SpeakerCommands::findSpeaker(const Settings &settings,
                                                  const QString &locationOrName, QString *error)
 {
+    // A location matches however it is spelled (percent-encoded or not).
+    const QUrl asLocation(locationOrName);
     for (const auto &entry : settings.devices) {
-        if (absoluteString(entry.first) == locationOrName ||
-            entry.first.url.toString() == locationOrName)
+        if (entry.first.url == asLocation)
             return entry.first.url;
     }
     std::optional<QUrl> found;

@@ -352,6 +352,7 @@ void TestApp::wiring()
     if (!line.isEmpty())
         QVERIFY2(capture.has(line), capture.dump());
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge needed") <= 1); // once per run
+    QVERIFY(capture.count("Warning - No AirConnect bridge on this computer") <= 1);
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge stopped") <= 1);
     QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped - The bridge stopped "
                            "unexpectedly"),

@@ -562,7 +562,9 @@ void TestBridge::shutdownKillsABridgeDeafToTerm()
 
 void TestBridge::missingBridgeIsReported()
 {
-    qputenv("CORVEL_BRIDGE", "/nonexistent/airupnp-linux-x86_64");
+    const QString plain = m_dir.filePath(QStringLiteral("airupnp-not-a-program"));
+    QVERIFY(writeFileAtomically(plain, "#!/bin/sh\n", nullptr)); // a file, not executable
+    qputenv("CORVEL_BRIDGE", plain.toUtf8());
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", m_dir.filePath(QStringLiteral("empty")).toUtf8());
     AirConnect bridge;
@@ -575,9 +577,9 @@ void TestBridge::missingBridgeIsReported()
     QVERIFY(missing.notifications[0]
                 .userInfo.value(UserInfoKey::lookedIn)
                 .toStringList()
-                .contains("/nonexistent/airupnp-linux-x86_64"));
+                .contains(plain));
     QVERIFY(bridge.bridgeMissing() && !bridge.running() && !bridge.watchdogPending());
-    QVERIFY(capture.dump().contains("/nonexistent/airupnp-linux-x86_64"));
+    QVERIFY(capture.dump().contains(plain.toUtf8()));
 }
 
 void TestBridge::bridgeSetupInstalls_data()

@@ -21,12 +21,14 @@ QByteArray deviceBlock(const char *udn, const char *name, int enabled)
            "</name>\n  <enabled>" + QByteArray::number(enabled) + "</enabled>\n</device>";
 }
 
-// corvel --headless with the stand-in bridge under a name only this suite uses.
+// corvel --headless with the stand-in bridge under a name only this run of the suite uses.
 struct Corvel : HeadlessCorvel
 {
     explicit Corvel(const QString &home, const QStringList &environment = {})
-        : HeadlessCorvel(QStringLiteral(CORVEL), QStringLiteral(FAKE_BRIDGE), home,
-                         QStringLiteral("airupnp-endtoend"), environment)
+        : HeadlessCorvel(
+              QStringLiteral(CORVEL), QStringLiteral(FAKE_BRIDGE), home,
+              QStringLiteral("airupnp-endtoend-%1").arg(QCoreApplication::applicationPid()),
+              environment)
     {
     }
 };

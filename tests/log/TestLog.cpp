@@ -113,15 +113,12 @@ void TestLog::sessionFileMirrorsAndStaysBounded()
     log.setEchoSink([](const QByteArray &) {});
     log.log(LogLevel::Info, std::nullopt, QStringLiteral("before"));
     log.setSessionFile(path);
-    const auto file = [&path] {
-        return readFile(path);
-    };
-    QVERIFY(file().endsWith("[Info][default] before\n")); // the log so far, at once
+    QVERIFY(readFile(path).endsWith("[Info][default] before\n")); // the log so far, at once
     log.log(LogLevel::Warning, QStringLiteral("c"), QStringLiteral("after"));
-    QVERIFY(file().endsWith("[Warning][c] after\n")); // each entry as it arrives
+    QVERIFY(readFile(path).endsWith("[Warning][c] after\n")); // each entry as it arrives
     for (int i = 0; i < 3000; ++i)
         log.log(LogLevel::Info, std::nullopt, QString(600, QLatin1Char('x')) + QString::number(i));
-    const QByteArray text = file();
+    const QByteArray text = readFile(path);
     QVERIFY2(text.size() <= 1024 * 1024 && text.count('\n') <= Log::maxLines,
              QByteArray::number(text.size()));
     QVERIFY(text.endsWith("x2999\n"));
@@ -146,15 +143,11 @@ void TestLog::exportNameAndWrite()
     const QString path = dir.filePath(name);
     QString error;
     QVERIFY(LogExport::writeText(path, QStringLiteral("Wohnzimmer \u00e9 %d"), &error));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("Wohnzimmer \xc3\xa9 %d"));
+    QCOMPARE(readFile(path), QByteArray("Wohnzimmer \xc3\xa9 %d"));
     Log::shared().setEchoSink([](const QByteArray &) {});
     Log::shared().log(LogLevel::Info, std::nullopt, QStringLiteral("exported"));
     QVERIFY(LogExport::writeLog(path, &error)); // the shared log's last lines
-    QFile exported(path);
-    QVERIFY(exported.open(QIODevice::ReadOnly));
-    QVERIFY(exported.readAll().endsWith("[Info][default] exported"));
+    QVERIFY(readFile(path).endsWith("[Info][default] exported"));
     QVERIFY(!LogExport::writeText(dir.filePath(QStringLiteral("missing/") + name), {}, &error));
     QVERIFY(!error.isEmpty());
     // Save dialogs start in Documents, or at home where there is no such folder.
@@ -185,8 +178,7 @@ void TestLog::aFileThatDoesNotFitIsNotReplaced()
     std::signal(SIGXFSZ, ignored);
     QVERIFY2(!written && error.startsWith("wrote 1000 of 5000 bytes: "), qPrintable(error));
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"}); // no leftover
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll() == "old");
+    QCOMPARE(readFile(path), QByteArray("old"));
 
     // Every byte written but the replacement refused (a folder in the file's place).
     const QString folder = dir.filePath(QStringLiteral("in-the-way"));

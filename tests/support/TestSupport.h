@@ -96,8 +96,7 @@ inline QByteArray readFile(const QString &path)
 // A file under tests/data, or an empty array when it cannot be read.
 inline QByteArray testData(const QString &name)
 {
-    QFile file(QStringLiteral(CORVEL_TEST_DATA "/") + name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return readFile(QStringLiteral(CORVEL_TEST_DATA "/") + name);
 }
 
 // Waits, serving the event loop, until condition holds; generous, since sanitizer builds and

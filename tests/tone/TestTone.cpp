@@ -42,10 +42,11 @@ void TestTone::toneReachesTheRendererThroughAPause()
     QVERIFY(QDir().mkpath(home + QStringLiteral("/config")));
     qputenv("XDG_CONFIG_HOME", (home + QStringLiteral("/config")).toUtf8());
     Settings::load(std::make_unique<UserSettingsStorage>())->setSoundOutputs(true);
-    HeadlessCorvel corvel(
-        QStringLiteral(CORVEL), QStringLiteral(FAKE_BRIDGE), home, QStringLiteral("airupnp-tone"),
-        {QStringLiteral("PULSE_SERVER=") + rig.pulseServer(),
-         QStringLiteral("DBUS_SESSION_BUS_ADDRESS=") + rig.bus(), QStringLiteral("HOME=") + home});
+    HeadlessCorvel corvel(QStringLiteral(CORVEL), QStringLiteral(FAKE_BRIDGE), home,
+                          QStringLiteral("airupnp-tone-%1").arg(QCoreApplication::applicationPid()),
+                          {QStringLiteral("PULSE_SERVER=") + rig.pulseServer(),
+                           QStringLiteral("DBUS_SESSION_BUS_ADDRESS=") + rig.bus(),
+                           QStringLiteral("HOME=") + home});
     QVERIFY2(corvel.waitFor("Sound output ready: "), corvel.output.right(3000));
     QTRY_VERIFY(rig.corvelSink().startsWith("corvel.RINCON_")); // the one left behind is gone
     const QByteArray sink = rig.corvelSink();

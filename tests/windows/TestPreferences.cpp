@@ -652,10 +652,16 @@ void TestPreferences::factoryMakesEachWindowOnce()
     }
     QVERIFY(qobject_cast<PreferencesWindow *>(windows.window(Kind::Preferences)));
     QVERIFY(AboutWindow::versionInfo().startsWith("Corvel " + Settings::currentVersion()));
-    // About names no placeholder address (this build has none) and the version once.
-    const QString about = windows.window(Kind::About)->findChild<QLabel *>("aboutLabel")->text();
-    QVERIFY2(!about.contains(".invalid") && !about.contains(Settings::currentVersion()),
+    // About names no placeholder address (this build has none) and the version once; its
+    // links open in the browser. A closed About is gone.
+    const QLabel *aboutLabel = windows.window(Kind::About)->findChild<QLabel *>("aboutLabel");
+    const QString about = aboutLabel->text();
+    QVERIFY2(!about.contains(".invalid") && !about.contains(Settings::currentVersion()) &&
+                 aboutLabel->openExternalLinks(),
              qPrintable(about));
+    windows.window(Kind::About)->close();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(!windows.window(Kind::About));
     // The setup shows where the bridge was looked for and reports an install.
     auto *setup = qobject_cast<BridgeSetupWindow *>(windows.window(Kind::BridgeSetup));
     windows.setBridgeLookedIn({QStringLiteral("/looked/here")});
