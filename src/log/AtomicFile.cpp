@@ -18,8 +18,8 @@ bool writeFileAtomically(const QString &path, const QByteArray &bytes, QString *
     errno = 0;
     const qint64 written = file.write(bytes);
     if (written != bytes.size()) {
+        // Not committed: the temporary file goes with the QSaveFile, the old file stays.
         const int cause = errno;
-        file.cancelWriting();
         if (error)
             *error = QStringLiteral("wrote %1 of %2 bytes: %3")
                          .arg(std::max<qint64>(written, 0))

@@ -148,8 +148,7 @@ void TestLog::exportNameAndWrite()
     Log::shared().log(LogLevel::Info, std::nullopt, QStringLiteral("exported"));
     QVERIFY(LogExport::writeLog(path, &error)); // the shared log's last lines
     QVERIFY(readFile(path).endsWith("[Info][default] exported"));
-    QVERIFY(!LogExport::writeText(dir.filePath(QStringLiteral("missing/") + name), {}, &error));
-    QVERIFY(!error.isEmpty());
+    QVERIFY(!LogExport::writeText(dir.filePath("missing/" + name), {}, &error) && !error.isEmpty());
     // Save dialogs start in Documents, or at home where there is no such folder.
     const QByteArray home = qgetenv("HOME");
     qputenv("HOME", dir.path().toUtf8());
@@ -184,8 +183,7 @@ void TestLog::aFileThatDoesNotFitIsNotReplaced()
     const QString folder = dir.filePath(QStringLiteral("in-the-way"));
     QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("in-the-way")));
     error.clear();
-    QVERIFY(!writeFileAtomically(folder, "new", &error));
-    QVERIFY(!error.isEmpty());
+    QVERIFY(!writeFileAtomically(folder, "new", &error) && !error.isEmpty());
     QVERIFY(QFileInfo(folder).isDir());
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"});
 }

@@ -113,8 +113,7 @@ void TestPlatform::autostartEntry()
     QVERIFY(!autostart.enabled());
     LogCapture capture;
     QString error;
-    QVERIFY(autostart.setEnabled(true, &error));
-    QVERIFY(autostart.enabled());
+    QVERIFY(autostart.setEnabled(true, &error) && autostart.enabled());
     QCOMPARE(readFile(path), XdgAutostart::desktopEntry(QCoreApplication::applicationFilePath()));
     // Quoted and escaped as the desktop entry format asks, for any path.
     const QByteArray entryText = XdgAutostart::desktopEntry(R"(/opt/a b/$x"`\corvel)");
@@ -129,9 +128,14 @@ void TestPlatform::autostartEntry()
     QVERIFY(entry.open(QIODevice::Append) && entry.write("Hidden = true\n") > 0);
     entry.close();
     QVERIFY(!autostart.enabled());
-    QVERIFY(autostart.setEnabled(false, &error));
-    QVERIFY(!QFile::exists(path));
+    QVERIFY(autostart.setEnabled(false, &error) && !QFile::exists(path));
     QVERIFY(capture.has("Info preferences Disabled start at login"));
+    // A file where the folder should be: enabling fails, and says so.
+    const QString folder = QFileInfo(path).path();
+    QVERIFY(QDir().rmdir(folder) && QFile(folder).open(QIODevice::WriteOnly));
+    QVERIFY(!autostart.setEnabled(true, &error) && !error.isEmpty());
+    QVERIFY(capture.has("Error preferences Failed to enable start at login"));
+    QFile::remove(folder);
 }
 
 void TestPlatform::enableAndDisable_data()
@@ -281,10 +285,11 @@ void TestPlatform::launcherHelperIsStoppedOnlyWhenItRuns()
     int stopping = 0;
     launcher.stopIfRunning([&stopping] { ++stopping; }); // no helper runs: nothing to stop
     QTest::qWait(300);
+    QVERIFY(stopping == 0 && m_killed.isEmpty());
     QVERIFY(helper.registerService(QStringLiteral(CORVEL_HELPER_ID)));
     launcher.stopIfRunning([&stopping] { ++stopping; });
     QTRY_COMPARE_WITH_TIMEOUT(m_killed, QStringList{CORVEL_APP_ID}, 5000);
-    QCOMPARE(stopping, 1); // the second time only
+    QCOMPARE(stopping, 1);
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)

@@ -247,9 +247,7 @@ void TestPreferences::renameStaysWithItsSpeaker()
         row->titleField()->selectAll();
         QTest::keyClicks(row->titleField(), typed);
     }
-    int changes = 0;
-    const auto token = NotificationCenter::defaultCenter().addObserver(
-        Notifications::deviceSettingsChanged, [&changes](const Notification &) { ++changes; });
+    EventRecorder saved({Notifications::deviceSettingsChanged});
     // Speakers that sort before and after it arrive while the name is edited.
     m_controls->add(1);
     m_controls->add(4);
@@ -262,14 +260,13 @@ void TestPreferences::renameStaysWithItsSpeaker()
     else
         QTest::keyClick(row->titleField(), Qt::Key_Return);
     settle();
-    NotificationCenter::defaultCenter().removeObserver(token);
-    QCOMPARE(changes, typed.isEmpty() ? 0 : 1);
-    const QString third = typed.isEmpty() ? QStringLiteral("Room 3 - One") : typed;
+    QCOMPARE(saved.notifications.size(), typed.isEmpty() ? 0 : 1);
+    QStringList expected{"Room 1 - One", "Room 2 - One", typed.isEmpty() ? "Room 3 - One" : typed,
+                         "Room 4 - One"};
     QCOMPARE(QStringList({nameOf(*m_controls, 1), nameOf(*m_controls, 2), nameOf(*m_controls, 3),
                           nameOf(*m_controls, 4)}),
-             QStringList({"Room 1 - One", "Room 2 - One", third, "Room 4 - One"}));
+             expected);
     // Now the newcomers are in, and the renamed speaker has its place in the order.
-    QStringList expected{"Room 1 - One", "Room 2 - One", third, "Room 4 - One"};
     expected.sort();
     QCOMPARE(shownNames(), expected);
 }
@@ -358,8 +355,8 @@ void TestPreferences::keyboard()
     QTest::keyClick(table(), Qt::Key_Down);
     QCOMPARE(table()->currentRow(), 1);
     QTest::keyClick(table(), Qt::Key_Space);
-    QVERIFY(!m_controls->settings().devices.at(location(2)).enabled);
-    QVERIFY(!m_window->row(1)->checkbox()->isChecked());
+    QVERIFY(!m_controls->settings().devices.at(location(2)).enabled &&
+            !m_window->row(1)->checkbox()->isChecked());
     QTest::keyClick(table(), Qt::Key_Return);
     QVERIFY(m_window->row(1)->isRenaming());
     QTest::keyClick(m_window->row(1)->titleField(), Qt::Key_Escape);
@@ -501,8 +498,7 @@ void TestPreferences::aFailedSaveIsShownUntilOneSucceeds()
     box->click();
     settle();
     auto *label = m_window->findChild<QLabel *>("saveErrorLabel");
-    QVERIFY(label && label->isVisible());
-    QVERIFY(label->text().contains(QStringLiteral("(No space left on device)")));
+    QVERIFY(label && label->isVisible() && label->text().contains("(No space left on device)"));
     storage.failure.reset();
     box->click();
     settle();

@@ -5,11 +5,9 @@
 #include "DBusNames.h"
 #include "Logging.h"
 
-#include <fcntl.h>
 #include <memory>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
-#include <unistd.h>
 
 namespace {
 const QString reason = QStringLiteral("Playing audio on Sonos speakers");
@@ -58,14 +56,6 @@ LinuxIdleInhibitor::LinuxIdleInhibitor(QDBusConnection sessionBus, QDBusConnecti
 {
 }
 
-LinuxIdleInhibitor::~LinuxIdleInhibitor()
-{
-    for (const auto &entry : m_locks) {
-        if (entry.second.logindFd >= 0)
-            ::close(entry.second.logindFd);
-    }
-}
-
 void LinuxIdleInhibitor::create(const QString &name, Done done)
 {
     // Two branches run side by side: the session's lock and logind's. The last to finish
@@ -82,7 +72,7 @@ void LinuxIdleInhibitor::create(const QString &name, Done done)
         if (--pending->branches > 0)
             return;
         const Locks &locks = pending->locks;
-        if (!locks.gnomeCookie && !locks.powerManagementCookie && locks.logindFd < 0) {
+        if (!locks.gnomeCookie && !locks.powerManagementCookie && !locks.logind.isValid()) {
             pending->done(locks.firstError != 0 ? locks.firstError : noLockTaken, 0);
             return;
         }
@@ -127,11 +117,9 @@ void LinuxIdleInhibitor::create(const QString &name, Done done)
          {QStringLiteral("idle"), name, reason, QStringLiteral("block")},
          [=](const QDBusMessage &reply) {
              if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-                 const auto fd = qvariant_cast<QDBusUnixFileDescriptor>(reply.arguments().first());
-                 // The descriptor Qt hands over is closed with it, so keep a duplicate, never
-                 // inherited by the bridge.
-                 if (fd.isValid())
-                     pending->locks.logindFd = fcntl(fd.fileDescriptor(), F_DUPFD_CLOEXEC, 0);
+                 // Qt holds the descriptor as a duplicate that the bridge never inherits.
+                 pending->locks.logind =
+                     qvariant_cast<QDBusUnixFileDescriptor>(reply.arguments().first());
              } else {
                  logDebug(QStringLiteral("logind inhibit failed: %1").arg(reply.errorMessage()));
                  if (pending->locks.firstError == 0)
@@ -153,6 +141,5 @@ void LinuxIdleInhibitor::release(quint32 id)
     if (locks.powerManagementCookie)
         send(m_session, powerManagement, powerManagementPath, powerManagementInterface,
              QStringLiteral("UnInhibit"), {*locks.powerManagementCookie});
-    if (locks.logindFd >= 0)
-        ::close(locks.logindFd);
+    // The last copy of logind's descriptor goes with locks, which releases that lock.
 }

@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <QDBusConnection>
+#include <QDBusUnixFileDescriptor>
 
 class LinuxIdleInhibitor : public IdleInhibitor
 {
@@ -18,10 +19,9 @@ public:
     static constexpr int callTimeoutMs = 1000;
     static constexpr int noLockTaken = -1;
 
+    // Gone, it closes logind's descriptors; the session services drop a lock when its owner
+    // leaves the bus, so no call is made then.
     LinuxIdleInhibitor(QDBusConnection sessionBus, QDBusConnection systemBus);
-    // Closes logind's descriptors; the session services drop a lock when its owner leaves
-    // the bus, so no call is made here.
-    ~LinuxIdleInhibitor() override;
 
     void create(const QString &name, Done done) override;
     void release(quint32 id) override;
@@ -31,7 +31,7 @@ private:
     {
         std::optional<quint32> gnomeCookie;
         std::optional<quint32> powerManagementCookie;
-        int logindFd = -1; // held open; closing it releases the lock
+        QDBusUnixFileDescriptor logind; // held open; closing it releases the lock
         int firstError = 0;
     };
 
