@@ -63,7 +63,6 @@ private slots:
     void autostartEntry();
     void enableAndDisable_data();
     void enableAndDisable();
-    void loadFailureSaysWhatIsMissing();
     void resumeIsToldOncePerWake();
     void sleepLocks_data();
     void sleepLocks();
@@ -91,11 +90,10 @@ private:
         }();
         return result.value_or(std::pair(false, QStringLiteral("no answer")));
     }
-    void serve(const QByteArray &server, bool failLoad = false)
+    void serve(const QByteArray &server)
     {
         qputenv("FAKE_PACTL_SERVER", server);
         qputenv("FAKE_PACTL_STATE", m_config.filePath(QStringLiteral("modules")).toUtf8());
-        qputenv("FAKE_PACTL_FAIL_LOAD", failLoad ? "1" : "");
         QFile::remove(m_config.filePath(QStringLiteral("modules")));
     }
 
@@ -171,15 +169,6 @@ void TestPlatform::enableAndDisable()
     QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
     QCOMPARE(readFile(outputs.pulseAudioScript()),
              QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
-}
-
-void TestPlatform::loadFailureSaysWhatIsMissing()
-{
-    serve("PulseAudio (on PipeWire 1.0)", true);
-    PactlSoundOutputs outputs(m_pactl, m_config.path(), [](auto done) { done(true); });
-    const auto [ok, error] = setEnabled(outputs, true);
-    QVERIFY(!ok && error.contains(QLatin1String("libpipewire-0.3-modules")));
-    QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
 }
 
 void TestPlatform::resumeIsToldOncePerWake()

@@ -25,6 +25,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QFileDialog>
 #include <QLabel>
 #include <QListWidget>
 #include <QMessageBox>
@@ -681,6 +682,7 @@ void TestPreferences::crashPromptAnswers_data()
     QTest::addColumn<QString>("answer");
     QTest::addColumn<int>("waiting");
     QTest::newRow("nowhere to send: don't save") << false << "Don't Save" << 0;
+    QTest::newRow("nowhere to send: saved to a file") << false << "Save Report…" << 0;
     QTest::newRow("Escape is no answer") << false << "Escape" << 2;
     QTest::newRow("closing is no answer") << true << "close" << 2;
     QTest::newRow("don't send") << true << "Don't Send" << 0;
@@ -725,6 +727,13 @@ void TestPreferences::crashPromptAnswers()
     else
         box->buttons().at(texts.indexOf(answer))->click();
     QTRY_VERIFY(!box);
+    if (answer == "Save Report…") { // saved under the name offered, here in the test's folder
+        QPointer<QFileDialog> dialog;
+        QTRY_VERIFY((dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())));
+        dialog->setDirectory(state.path());
+        static_cast<QDialog *>(dialog.data())->accept(); // virtual: the file dialog's own
+        QVERIFY(readFile(state.filePath("corvel-crash-report.txt")).contains("signal 11"));
+    }
     QTRY_COMPARE(reporter.pendingReports().size(), waiting);
     QCOMPARE(reporter.alwaysSend(), answer == "Always Send");
 }
