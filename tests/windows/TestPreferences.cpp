@@ -747,6 +747,7 @@ void TestPreferences::feedbackIsSentAsWritten_data()
         << QByteArray("200 OK") << true << "Thank you, your feedback was sent.";
     QTest::newRow("refused, without the log")
         << QByteArray("500 Internal Server Error") << false << "Sending failed: ";
+    QTest::newRow("not taken: 304") << QByteArray("304 Not Modified") << false << "Sending failed";
 }
 
 void TestPreferences::feedbackIsSentAsWritten()
