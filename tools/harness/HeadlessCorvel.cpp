@@ -13,6 +13,9 @@ HeadlessCorvel::HeadlessCorvel(const QString &corvel, const QString &fakeBridge,
     : m_record(home + QStringLiteral("/record"))
 {
     QDir().mkpath(m_record);
+    // The runtime folder must be the owner's alone: otherwise Qt falls back to a shared
+    // /tmp/runtime-$USER, where two runs would share the lock and the bridge's file.
+    QFile::setPermissions(home, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     const QString bridge = home + QLatin1Char('/') + bridgeName;
     QFile::copy(fakeBridge, bridge);
     QFile::setPermissions(bridge, QFile::ReadOwner | QFile::ExeOwner);
