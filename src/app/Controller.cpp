@@ -179,9 +179,9 @@ void Controller::run(Lifecycle::Command command)
         break;
     case C::StartBridge: {
         const auto records = allRecords();
+        // Every start is told back: as started and ended (even a file that could not be
+        // written), or as a missing bridge.
         m_services.startBridge(records, bridgeOptions(records));
-        if (!m_services.bridgeRunning())
-            handle(Event::BridgeLaunchFailed);
         break;
     }
     case C::RestartBridge: {

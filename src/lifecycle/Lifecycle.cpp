@@ -132,11 +132,6 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
             return {C::Search, C::RestartBridge};
         return {C::Search};
 
-    case Event::BridgeLaunchFailed:
-        // A restart that cannot even launch counts as a failure; other starts keep the state
-        // they had (the supervisor has logged why).
-        return m_state == S::Retrying ? bridgeEndedUnasked() : Commands{};
-
     case Event::RetryTimerFired:
         if (m_stoppedByUser || m_state != S::Retrying)
             return {};

@@ -38,7 +38,6 @@ public:
         SpeakerDeparted,
         SpeakerChanged, // the user checked, unchecked or renamed a speaker
         BridgeStarted,
-        BridgeLaunchFailed, // a start was asked for and no process is running after it
         BridgeReady,
         BridgeEnded,
         BridgeCannotStart, // the bridge ended at once: its network has no address yet

@@ -32,14 +32,12 @@ void post(const QString &name, const QVariantMap &info = {})
 // the events the real services would post.
 struct FakeWorld
 {
-    int searches = 0;
-    int searchStops = 0;
-    int starts = 0;
-    int shutdowns = 0;
+    int searches = 0, searchStops = 0, starts = 0, shutdowns = 0;
     std::map<QString, BridgeSpeakerState> said; // what the bridge says of the speakers
     bool running = false;
     bool watching = false;
-    bool slowStop = false; // a stopped bridge exits only when the test says so
+    bool slowStop = false;   // a stopped bridge exits only when the test says so
+    bool unwritable = false; // its file cannot be written: told as started and ended at once
     bool bridgePresent = true;
     quint64 launch = 0, stopped = 0;
     std::vector<DeviceSettings> configured;
@@ -69,8 +67,10 @@ struct FakeWorld
             this->options = options;
             ++starts;
             configured = records;
-            running = true;
+            running = !unwritable;
             post(Notifications::serviceStarted, {{UserInfoKey::launch, ++launch}});
+            if (unwritable)
+                post(Notifications::serviceTerminated, {{UserInfoKey::launch, launch}});
         };
         s.stopBridge = [this] {
             if (running) {
@@ -254,6 +254,9 @@ void TestApp::wiring_data()
         << int(S::Stopped) << on << 5
         << "Warning - Notice: Corvel stopped - The AirConnect bridge keeps stopping, so Corvel "
            "has stopped restarting it. Its last words:\nlast words";
+    QTest::newRow("a bridge file that cannot be written: five starts, each one failure")
+        << L{"unwritable", "launch", "speaker", "complete", "retried"} << int(S::Stopped) << on << 5
+        << "Error - AirConnect ended 5 times within 10 minutes; not restarting it";
     QTest::newRow("a bridge the watchdog stopped is said to be stopped by Corvel")
         << L{"launch", "speaker", "complete", "notready", "retried"} << int(S::Starting) << off << 2
         << "Warning - Notice: AirConnect bridge stopped - The bridge was not ready within 20 "
@@ -301,15 +304,15 @@ void TestApp::wiring()
             post(Notifications::discoveryStarted);
         else if (step == "ready")
             post(Notifications::serviceReady, {{UserInfoKey::launch, m_world->launch}});
-        else if (step == "slow")
-            m_world->slowStop = true;
+        else if (step == "slow" || step == "unwritable")
+            (step == "slow" ? m_world->slowStop : m_world->unwritable) = true;
         else if (step == "exited")
             post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->stopped}});
         else if (step == "crash") { // the bridge ends by itself
             m_world->running = false;
             post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
-        } else if (step == "retried")
-            CORVEL_WAIT(m_world->running);
+        } else if (step == "retried") // started again, or given up
+            CORVEL_WAIT(m_world->running || m_app->state() == Controller::State::Stopped);
         else if (step == "cannot") { // the bridge's network has no address yet
             m_world->running = false;
             post(Notifications::serviceTerminated,
@@ -356,7 +359,7 @@ void TestApp::wiring()
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge stopped") <= 1);
     QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped - The bridge stopped "
                            "unexpectedly"),
-             int(steps.contains("crash")));
+             int(steps.contains("crash") || steps.contains("unwritable")));
     if (starts > 0)
         QCOMPARE(m_world->configured.size(), 1u);
     QCOMPARE(m_world->options.latency,

@@ -22,7 +22,6 @@ const QHash<QString, E> events = {{"launch", E::Launched},
                                   {"departed", E::SpeakerDeparted},
                                   {"changed", E::SpeakerChanged},
                                   {"started", E::BridgeStarted},
-                                  {"launchFailed", E::BridgeLaunchFailed},
                                   {"ready", E::BridgeReady},
                                   {"exit", E::BridgeEnded},
                                   {"missing", E::BridgeMissing},
@@ -91,8 +90,6 @@ void TestLifecycle::rules_data()
         {"@running", "onoff", "+speakers", "searchEnded"}, S::Off, {}, true);
     row("starting, an older launch ready -> still starting", {"@starting", "started", "readyOld"},
         S::Starting, {});
-    row("searching, a start that could not launch -> state kept", {"@searching", "launchFailed"},
-        S::Searching, {});
     row("running, the bridge ends by itself -> retry in 2 s, told once",
         {"@running", "-bridge", "exit"}, S::Retrying,
         {"AllowSleep", "TellRetrying", "StartRetryTimer"});
@@ -107,8 +104,6 @@ void TestLifecycle::rules_data()
          "+bridge",       "started",     "-bridge", "exit",    "onoff",   "onoff",
          "searchStarted", "searchEnded", "+bridge", "started", "-bridge", "exit"},
         S::Retrying, {"AllowSleep", "TellRetrying", "StartRetryTimer"});
-    row("retrying, the restart cannot launch -> another failure, not told again",
-        {"@crashed", "retry", "launchFailed"}, S::Retrying, {"StartRetryTimer"});
     row("retrying, ends again -> retry, not told again", {"@crashed", "retry", "started", "exit"},
         S::Retrying, {"AllowSleep", "StartRetryTimer"});
     row("retrying, turned off -> the retry is cancelled", {"@crashed", "onoff"}, S::Off,
