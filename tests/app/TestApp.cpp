@@ -459,8 +459,10 @@ void TestApp::speakerCommands()
         const auto answer = SingleInstance::ask(method, arguments); // none without a bus
         return answer ? answer->status : -1;
     };
+    EventRecorder changes({Notifications::deviceSettingsChanged}); // the window follows
     QCOMPARE(status("SetEnabled", {"Room 1 - One", false}), 0);
     QCOMPARE(status("Rename", {speaker(3).location.toString(), "Attic \"A\""}), 0);
+    QCOMPARE(changes.count(Notifications::deviceSettingsChanged), 2);
     QCOMPARE(status("ShowPreferences", {}), 0);
     QCOMPARE(shown, 1);
     QCOMPARE(SpeakerCommands::rename(*settings, "Room 1 - One", QString(51, 'x'), &error), 2);

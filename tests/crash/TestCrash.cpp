@@ -25,9 +25,8 @@ struct FakeDelegate : CrashReporterDelegate
 void writeReport(const QString &folder, const QString &name)
 {
     QDir().mkpath(folder + "/reports");
-    QFile file(folder + "/reports/" + name);
-    if (file.open(QIODevice::WriteOnly))
-        file.write("signal 11\ntime 1\nversion 1.0.0\nlog /nonexistent\nbacktrace:\n");
+    writeFile(folder + "/reports/" + name,
+              "signal 11\ntime 1\nversion 1.0.0\nlog /nonexistent\nbacktrace:\n");
 }
 
 // The crashing side: starts the reporter, logs, then fails as asked. The null dereference must
@@ -212,8 +211,7 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     QVERIFY2(capture.dump().contains(" Failed to send the crash report "), capture.dump());
     reporter.processPendingReports();
     CORVEL_WAIT(handled.size() == 2);
-    QVERIFY(handled.last().at(1).toBool());
-    QVERIFY(reporter.pendingReports().isEmpty());
+    QVERIFY(handled.last().at(1).toBool() && reporter.pendingReports().isEmpty());
 }
 
 void TestCrash::waitingReportsAreCappedInNumberAndAge()

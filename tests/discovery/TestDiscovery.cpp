@@ -525,6 +525,9 @@ void TestDiscovery::httpFraming_data()
     QTest::newRow("declared length over the cap")
         << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 2000000\r\n\r\n") << false
         << HttpGet::tooLarge << QByteArray();
+    QTest::newRow("body over the cap")
+        << "HTTP/1.0 200 OK\r\n\r\n" + QByteArray(DeviceDiscovery::maxBodyBytes + 1, 'x') << false
+        << HttpGet::tooLarge << QByteArray();
     QTest::newRow("chunk over the cap")
         << QByteArray("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n200000\r\n") << false
         << HttpGet::tooLarge << QByteArray();

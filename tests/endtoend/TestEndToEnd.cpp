@@ -130,10 +130,8 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
     // The first session finds a settings document it cannot read: it says so on standard
     // error (the log exists before the settings are read) and keeps a copy.
     QVERIFY(QDir(home.path()).mkpath(QStringLiteral("config/Corvel")));
-    QFile conf(home.filePath(QStringLiteral("config/Corvel/Corvel.conf")));
-    QVERIFY(conf.open(QIODevice::WriteOnly));
-    conf.write("[General]\nsettings=\"{\\\"devices\\\": [\"\n");
-    conf.close();
+    QVERIFY(writeFile(home.filePath(QStringLiteral("config/Corvel/Corvel.conf")),
+                      "[General]\nsettings=\"{\\\"devices\\\": [\"\n"));
     for (int round = 0; round < 2; ++round) {
         Corvel corvel(home.path());
         QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));

@@ -90,6 +90,8 @@ void TestLifecycle::rules_data()
         {"@running", "onoff", "+speakers", "searchEnded"}, S::Off, {}, true);
     row("starting, an older launch ready -> still starting", {"@starting", "started", "readyOld"},
         S::Starting, {});
+    row("starting, an older launch not ready -> still starting",
+        {"@starting", "started", "notReadyOld"}, S::Starting, {});
     row("running, the bridge ends by itself -> retry in 2 s, told once",
         {"@running", "-bridge", "exit"}, S::Retrying,
         {"AllowSleep", "TellRetrying", "StartRetryTimer"});

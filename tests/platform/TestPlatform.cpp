@@ -125,8 +125,7 @@ void TestPlatform::autostartEntry()
     QFile entry(path);
     QVERIFY(entry.open(QIODevice::Append) && entry.write("Hidden = true\n") > 0);
     entry.close();
-    QVERIFY(!autostart.enabled());
-    QVERIFY(autostart.setEnabled(false, &error) && !QFile::exists(path));
+    QVERIFY(!autostart.enabled() && autostart.setEnabled(false, &error) && !QFile::exists(path));
     QVERIFY(capture.has("Info preferences Disabled start at login"));
     // A file where the folder should be: enabling fails, and says so.
     const QString folder = QFileInfo(path).path();
@@ -151,10 +150,8 @@ void TestPlatform::enableAndDisable()
     PactlSoundOutputs outputs(m_pactl, home, [](auto done) { done(true); });
     QVERIFY(outputs.pipeWireDropIn().startsWith(home + "/pipewire/"));
     const bool pipeWire = server.contains("PipeWire");
-    QFile pa(outputs.pulseAudioScript());
-    QDir().mkpath(QFileInfo(pa).path());
-    QVERIFY(pa.open(QIODevice::WriteOnly) && pa.write(".include /etc/pulse/default.pa") > 0);
-    pa.close();
+    QDir().mkpath(QFileInfo(outputs.pulseAudioScript()).path());
+    QVERIFY(writeFile(outputs.pulseAudioScript(), ".include /etc/pulse/default.pa"));
     QCOMPARE(setEnabled(outputs, true), std::pair(true, QString()));
     QVERIFY(status(outputs).raopDiscoveryActive);
     QCOMPARE(QFile::exists(outputs.pipeWireDropIn()), pipeWire);
@@ -165,8 +162,7 @@ void TestPlatform::enableAndDisable()
     QCOMPARE(setEnabled(outputs, true).first, true); // twice: nothing added twice
     QCOMPARE(readFile(outputs.pulseAudioScript()).count("raop"), pipeWire ? 0 : 1);
     QCOMPARE(setEnabled(outputs, false), std::pair(true, QString()));
-    QVERIFY(!status(outputs).raopDiscoveryActive);
-    QVERIFY(!QFile::exists(outputs.pipeWireDropIn()));
+    QVERIFY(!status(outputs).raopDiscoveryActive && !QFile::exists(outputs.pipeWireDropIn()));
     QCOMPARE(readFile(outputs.pulseAudioScript()),
              QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
 }

@@ -378,21 +378,17 @@ void TestSettings::userStoreSurvivesAndFails()
     QVERIFY(reloaded->renameDevice(kitchen, QStringLiteral("Den")));
     QVERIFY2(capture.count("Error settings Failed to save settings: ") == 1, capture.dump());
     QCOMPARE(reloaded->devices.begin()->second.name, QStringLiteral("Den"));
-    QVERIFY(QFile::remove(folder));
-    QVERIFY(QDir().mkpath(folder));
+    QVERIFY(QFile::remove(folder) && QDir().mkpath(folder));
+    QVERIFY(reloaded->renameDevice(kitchen, QStringLiteral("Attic")) && !reloaded->saveError());
     // Hand-edited unquoted JSON, which QSettings reads as a list, is read as the text it is.
-    QFile edited(folder + "/Corvel.conf");
-    QVERIFY(edited.open(QIODevice::WriteOnly));
-    edited.write("[General]\nsettings=" + validDocument + "\n");
-    edited.close();
+    QVERIFY(writeFile(folder + "/Corvel.conf", "[General]\nsettings=" + validDocument + "\n"));
     QCOMPARE(UserSettingsStorage().read(), QString::fromUtf8(validDocument));
     // An unreadable one is kept beside the fresh document, binary garbage too (a single byte
     // is a file); an empty file is a first start.
     for (const QByteArray &garbage :
          {QByteArray("[General]\nsettings=garbage\n"), QByteArray("\x00\xff\xfe\x01[\x80", 6),
           QByteArray("\x01", 1), QByteArray()}) {
-        QVERIFY(edited.open(QIODevice::WriteOnly) && edited.write(garbage) == garbage.size());
-        edited.close();
+        QVERIFY(writeFile(folder + "/Corvel.conf", garbage));
         Settings::load(std::make_unique<UserSettingsStorage>());
         const QStringList kept = QDir(folder).entryList({"Corvel.conf.unreadable-*"});
         QCOMPARE(kept.size(), garbage.isEmpty() ? 0 : 1);

@@ -93,6 +93,13 @@ inline QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+// Writes a whole file; false when any of it could not be written.
+inline bool writeFile(const QString &path, const QByteArray &data)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
 // A file under tests/data, or an empty array when it cannot be read.
 inline QByteArray testData(const QString &name)
 {

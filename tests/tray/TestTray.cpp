@@ -175,8 +175,7 @@ void TestTray::speakerItems()
     // Speakers not found (a new search) leave; below the limit the items come back inline.
     settings->markAllDevicesNotActive();
     tray.updateSpeakerItems();
-    QVERIFY(tray.speakerItems().isEmpty());
-    QVERIFY(tray.speakersMenu()->actions().isEmpty());
+    QVERIFY(tray.speakerItems().isEmpty() && tray.speakersMenu()->actions().isEmpty());
     QVERIFY(!menu->actions().at(3)->menu());
     settings->mergeDiscoveredSpeaker(speaker(2), {true, "G"});
     tray.updateSpeakerItems();
