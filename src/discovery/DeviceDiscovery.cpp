@@ -294,6 +294,17 @@ bool DeviceDiscovery::known(const QString &location, const QString &udn) const
     return m_devices.count(QUrl(location)) || (!udn.isEmpty() && m_knownUdns.count(udn));
 }
 
+bool DeviceDiscovery::hasRoomFor(const QString &location, const QString &udn)
+{
+    if (known(location, udn) || m_devices.size() < maxSpeakersKnown)
+        return true;
+    if (!std::exchange(m_toldTooMany, true))
+        logWarning(
+            category,
+            QStringLiteral("%1 speakers known: describing no new ones").arg(maxSpeakersKnown));
+    return false;
+}
+
 void DeviceDiscovery::describe(const SSDPMSearchResponse &response, bool answered)
 {
     const QString location = absoluteString(response.location);
@@ -301,14 +312,8 @@ void DeviceDiscovery::describe(const SSDPMSearchResponse &response, bool answere
     if (m_pipelines.count(location))
         return;
     const bool isKnown = known(location, response.udn());
-    if (!isKnown && m_devices.size() >= maxSpeakersKnown) {
-        if (!m_toldTooMany)
-            logWarning(
-                category,
-                QStringLiteral("%1 speakers known: describing no new ones").arg(maxSpeakersKnown));
-        m_toldTooMany = true;
+    if (!hasRoomFor(location, response.udn()))
         return;
-    }
     if (!m_heard.count(location)) {
         auto load = qsizetype(m_pipelineHosts.count(host));
         for (const auto &entry : m_heard)
@@ -507,6 +512,9 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
         return;
     }
     m_described.insert(location);
+    // Answers that came at once were all let in while there was room: the cap holds here.
+    if (!hasRoomFor(absoluteString(info->location), info->udn.value_or(QString())))
+        return;
     if (info->modelName == QStringLiteral("Sonos BOOST")) {
         logInfo(QStringLiteral("Ignoring BOOST device at ") + absoluteString(info->location));
         return;

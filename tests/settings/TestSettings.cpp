@@ -166,9 +166,8 @@ void TestSettings::undecodableDocumentIsReplaced()
     memory.text = QString::fromUtf8(validDocument) + QChar(0xD800);
     LogCapture quiet;
     loadFrom(memory);
-    QCOMPARE(quiet.count(QStringLiteral("Error")), 0);
-    QCOMPARE(memory.kept.size(), 2);
-    QCOMPARE(memory.writes, 2);
+    QVERIFY(quiet.count(QStringLiteral("Error")) == 0 && memory.kept.size() == 2 &&
+            memory.writes == 2);
 }
 
 void TestSettings::mergeKeepsTheUsersChoices_data()
@@ -272,8 +271,7 @@ void TestSettings::addressChangeMovesTheChoices()
     QCOMPARE(capture.lines(), QStringList{"Info - Speaker Mine moved from " + kitchen.toString() +
                                           " to " + info.location.toString()});
     QVERIFY(moved.nameChanged && !moved.enabled && moved.active);
-    QCOMPARE(moved.name, QStringLiteral("Mine"));
-    QCOMPARE(settings->devices.size(), 1u);
+    QVERIFY(moved.name == QStringLiteral("Mine") && settings->devices.size() == 1u);
     QCOMPARE(memory.writes, writes + 1);                        // saved at once
     info.location = QUrl(QStringLiteral("http://192.0.2.78/")); // a record without a UDN stays
     info.udn.reset();
