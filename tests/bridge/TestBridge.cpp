@@ -258,7 +258,8 @@ void TestBridge::speakersFromOutput_data()
         << QStringList{added("10", "Den"),
                        "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI http://x (cookie "
                        "0x1)",
-                       "+20000", "[12:00:22.001] ActionHandler:420 [0x55d0a010]: uPNP stopped"}
+                       "+20000", "[12:00:22.001] ActionHandler:420 [0x55d0a010]: uPNP stopped",
+                       "[12:00:23.001] ActionHandler:430 [0x55d0a010]: uPNP volume 20"}
         << QStringList{"Den=Ready"} << QList<int>{} << 1;
     QTest::newRow("the bridge's faults")
         << QStringList{"[09:00:00.000000] Start:300 UPnP init in 192.0.2.4:49152 (eth0) failed: "
@@ -303,6 +304,8 @@ void TestBridge::speakersFromOutput()
     QList<int> kinds;
     while (const auto problem = output.takeProblem()) {
         QVERIFY(!problem->shown.isEmpty() && !problem->english.contains("%1"));
+        QVERIFY(problem->kind != BridgeProblem::UpnpFailed ||
+                problem->english.contains(":49152, error -203"));
         kinds << problem->kind;
     }
     QCOMPARE(kinds, problems);

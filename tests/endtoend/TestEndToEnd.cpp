@@ -55,6 +55,7 @@ void TestEndToEnd::commandLineRefusesWhatItDoesNotTake()
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
     env.remove(QStringLiteral("DISPLAY"));
+    env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")); // no running Corvel to reach
     QTemporaryDir home;
     env.insert(QStringLiteral("HOME"), home.path());
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
@@ -76,6 +77,7 @@ void TestEndToEnd::commandLineRefusesWhatItDoesNotTake()
     QCOMPARE(run({QStringLiteral("Kitchen")}, &out, &err), 2);
     QVERIFY2(err.contains("Unknown argument \"Kitchen\"") && !err.contains("searchForDevices"),
              err.constData());
+    QCOMPARE(run({"--rename", "Kitchen", "Den"}, &out, &err), 1); // no such speaker stored
     QCOMPARE(run({QStringLiteral("--version")}, &out, &err), 0);
     QVERIFY2(out.startsWith("Corvel ") && out.count('\n') == 1 && err.isEmpty(),
              (out + err).constData());

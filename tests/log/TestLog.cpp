@@ -99,8 +99,7 @@ void TestLog::threadsLoseNoLine()
         });
     for (auto &worker : workers)
         worker.join();
-    QCOMPARE(echoed, QByteArray("[Info][t] line\n").repeated(800));
-    QCOMPARE(log.lines().size(), 800u);
+    QVERIFY(echoed == QByteArray("[Info][t] line\n").repeated(800) && log.lines().size() == 800u);
 }
 
 void TestLog::sessionFileMirrorsAndStaysBounded()

@@ -36,8 +36,7 @@ void TestRecords::everyFieldSurvivesText()
     QVERIFY2(info, qPrintable(error));
     QCOMPARE(*info->memory, 9007199254740993LL);
     QCOMPARE(*info->flash, std::numeric_limits<qint64>::min());
-    QCOMPARE(*info->satGainOffset, 0.1f);
-    QCOMPARE(info->iconList.size(), 2u);
+    QVERIFY(*info->satGainOffset == 0.1f && info->iconList.size() == 2u);
     const QByteArray text = QJsonDocument(info->toJson()).toJson(QJsonDocument::Compact);
     QCOMPARE(object(text), object(golden));
     QCOMPARE(object(text).size(), int(deviceInfoFields.size()) + 2);

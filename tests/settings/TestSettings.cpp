@@ -87,8 +87,7 @@ void TestSettings::firstStartAndAValidDocument()
     QVERIFY(capture.has("Verbose - Loading settings:\n" + *memory.text));
     QCoreApplication::setApplicationVersion(QStringLiteral("1.0.0"));
     settings->recordCrashReport(); // counted per version; unknown keys go at the next save
-    QCOMPARE(settings->crashCount(), 4);
-    QVERIFY(!memory.text->contains(QLatin1String("sparkle")));
+    QVERIFY(settings->crashCount() == 4 && !memory.text->contains(QLatin1String("sparkle")));
     QVERIFY(memory.text->contains(QLatin1String("{\"1.0.0\":4}")));
     QVERIFY(memory.text->contains(QLatin1String("\"hasPromptedForRating\":true")));
     // The bridge's delay and ports: read when known; a value this version cannot use falls
@@ -114,8 +113,7 @@ void TestSettings::firstStartAndAValidDocument()
     }
     const int writes = memory.writes;
     QVERIFY(!settings->setBridgeDelay(BridgeDelay::Balanced)); // already so: not saved
-    QVERIFY(settings->setBridgeDelay(BridgeDelay::Lowest));
-    QCOMPARE(memory.writes, writes + 1);
+    QVERIFY(settings->setBridgeDelay(BridgeDelay::Lowest) && memory.writes == writes + 1);
     QVERIFY(memory.text->contains(QLatin1String("\"bridgeDelay\":\"lowest\"")));
 }
 
@@ -159,8 +157,7 @@ void TestSettings::undecodableDocumentIsReplaced()
     // The unreadable document is kept beside the fresh one, and the line says where.
     QVERIFY(error.endsWith(QStringLiteral(" - \"") + QString::fromUtf8(stored) +
                            "\" (kept as memory)"));
-    QCOMPARE(memory.kept, QStringList{QString::fromUtf8(stored)});
-    QCOMPARE(memory.writes, 1);
+    QVERIFY(memory.kept == QStringList{QString::fromUtf8(stored)} && memory.writes == 1);
     QVERIFY(settings->devices.empty() && settings->crashesByVersion.empty());
     // Text with no UTF-8 form (a lone surrogate at the end) is replaced and kept, silently.
     memory.text = QString::fromUtf8(validDocument) + QChar(0xD800);
@@ -343,8 +340,7 @@ void TestSettings::enableAndUnknownLocations()
     settings->mergeDiscoveredSpeaker(speaker(kitchen, "Kitchen", "Front"), {true, "g"});
     LogCapture capture;
     QVERIFY(settings->setDeviceEnabled(kitchen, false));
-    QVERIFY(settings->setDeviceEnabled(kitchen, true));
-    QCOMPARE(memory.writes, 3);
+    QVERIFY(settings->setDeviceEnabled(kitchen, true) && memory.writes == 3);
     QCOMPARE(capture.lines(), QStringList({"Info - Disabling speaker at " + kitchen.toString(),
                                            "Info - Enabling speaker at " + kitchen.toString()}));
     QVERIFY(!settings->setDeviceEnabled(QUrl(QStringLiteral("http://192.0.2.99/")), false));
@@ -364,8 +360,7 @@ void TestSettings::userStoreSurvivesAndFails()
     }
     const QString folder = m_config.filePath(QStringLiteral("Corvel"));
     auto reloaded = Settings::load(std::make_unique<UserSettingsStorage>());
-    QCOMPARE(reloaded->devices.size(), 1u);
-    QVERIFY(!reloaded->devices.begin()->second.enabled);
+    QVERIFY(reloaded->devices.size() == 1u && !reloaded->devices.begin()->second.enabled);
     QCOMPARE(reloaded->devices.begin()->second.topology->group, QStringLiteral("g"));
     // A store that cannot be written: a log line, and the session keeps its document.
     QVERIFY(QFile::rename(folder + "/Corvel.conf", m_config.filePath("kept")));

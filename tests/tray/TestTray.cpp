@@ -169,8 +169,7 @@ void TestTray::speakerItems()
     tray.scheduleSpeakerItems(); // one update for the burst
     QCOMPARE(tray.speakerItems().size(), 3);
     QCoreApplication::sendPostedEvents();
-    QCOMPARE(menu->actions().size(), 10);
-    QCOMPARE(tray.speakersMenu()->actions(), tray.speakerItems());
+    QVERIFY(menu->actions().size() == 10 && tray.speakersMenu()->actions() == tray.speakerItems());
     QCOMPARE(menu->actions().at(3)->menu(), tray.speakersMenu());
     // Speakers not found (a new search) leave; below the limit the items come back inline.
     settings->markAllDevicesNotActive();
