@@ -195,7 +195,8 @@ void TestStream::upnpCallsAndTheirFaults()
     };
     call(QStringLiteral("http://h/a?b=1&c=<2>"));
     QVERIFY(asked.contains("SOAPACTION: \"urn:schemas-upnp-org:service:AVTransport:1#"
-                           "SetAVTransportURI\""));
+                           "SetAVTransportURI\"") &&
+            asked.contains("Content-Type: text/xml; charset=\"utf-8\"\r\n"));
     QVERIFY(asked.contains("<CurrentURI>http://h/a?b=1&amp;c=&lt;2&gt;</CurrentURI>"));
     call(QString());
     call(QString());
