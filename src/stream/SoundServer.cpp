@@ -121,6 +121,7 @@ void SoundServer::contextState(pa_context *context, void *userdata)
 void SoundServer::lost(const QString &error)
 {
     logWarning(category, QStringLiteral("No sound server: ") + error);
+    m_pendingLoads = m_pendingUnloads = 0; // a lost connection ends its calls unanswered
     for (auto &[id, output] : m_outputs) {
         if (output.stream) {
             pa_stream_set_read_callback(output.stream, nullptr, nullptr);
@@ -191,15 +192,17 @@ void SoundServer::load(const QString &id)
     if (output.loading || output.module != PA_INVALID_INDEX)
         return;
     output.loading = true;
+    ++m_pendingLoads;
     pa_operation_unref(pa_context_load_module(
         m_context, "module-null-sink", sinkArguments(id, output.name).toUtf8().constData(),
         [](pa_context *context, uint32_t index, void *userdata) {
             std::unique_ptr<Call> call(static_cast<Call *>(userdata));
+            --call->server->m_pendingLoads;
             const auto found = call->server->m_outputs.find(call->id);
             if (found == call->server->m_outputs.end()) {
                 // Removed while the server made it.
                 if (index != PA_INVALID_INDEX)
-                    pa_operation_unref(pa_context_unload_module(context, index, nullptr, nullptr));
+                    call->server->unload(index);
                 return;
             }
             found->second.loading = false;
@@ -373,17 +376,21 @@ void SoundServer::removeOutput(const QString &id)
         pa_stream_disconnect(output.stream);
         pa_stream_unref(output.stream);
     }
-    if (output.module != PA_INVALID_INDEX && connected()) {
-        ++m_pendingUnloads;
-        pa_operation_unref(pa_context_unload_module(
-            m_context, output.module,
-            [](pa_context *, int, void *userdata) {
-                --static_cast<SoundServer *>(userdata)->m_pendingUnloads;
-            },
-            this));
-    }
+    if (output.module != PA_INVALID_INDEX && connected())
+        unload(output.module);
     logInfo(category, QStringLiteral("Sound output removed: ") + output.name);
     m_outputs.erase(found);
+}
+
+void SoundServer::unload(quint32 module)
+{
+    ++m_pendingUnloads;
+    pa_operation_unref(pa_context_unload_module(
+        m_context, module,
+        [](pa_context *, int, void *userdata) {
+            --static_cast<SoundServer *>(userdata)->m_pendingUnloads;
+        },
+        this));
 }
 
 void SoundServer::removeAll(int timeoutMs)
@@ -392,6 +399,7 @@ void SoundServer::removeAll(int timeoutMs)
         removeOutput(m_outputs.begin()->first);
     const QDeadlineTimer deadline(timeoutMs);
     QEventLoop loop;
-    while (m_pendingUnloads > 0 && connected() && !deadline.hasExpired())
+    // Loads still on their way end in an unload too: no output outlives Corvel.
+    while ((m_pendingUnloads > 0 || m_pendingLoads > 0) && connected() && !deadline.hasExpired())
         loop.processEvents(QEventLoop::ExcludeUserInputEvents | QEventLoop::WaitForMoreEvents, 20);
 }

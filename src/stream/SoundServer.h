@@ -70,6 +70,7 @@ private:
     void ready();
     void load(const QString &id);
     void record(const QString &id, quint32 sinkIndex, const QString &monitor);
+    void unload(quint32 module);
     void refreshInputs();
     void readVolume(quint32 sinkIndex);
     void lost(const QString &error);
@@ -82,4 +83,5 @@ private:
     bool m_inputsQueued = false;
     bool m_inputsAgain = false;
     int m_pendingUnloads = 0;
+    int m_pendingLoads = 0; // an output removed meanwhile is unloaded when its load ends
 };

@@ -365,6 +365,8 @@ QSet<QString> SpeakerStreams::outputs() const
 
 void SpeakerStreams::shutdown(int timeoutMs)
 {
+    // No output is made again while Corvel quits (the wait below runs the event loop).
+    m_enabled = false;
     if (m_speakers.empty())
         return;
     const QDeadlineTimer deadline(timeoutMs);

@@ -102,7 +102,7 @@ void TestTone::toneReachesTheRendererThroughAPause()
              corvel.output.right(2000).constData());
 
     // Quitting stops the speaker and leaves nothing behind.
-    QVERIFY(corvel.end(SIGTERM));
+    QVERIFY2(corvel.end(SIGTERM), corvel.output.right(3000).constData());
     QTRY_VERIFY(rig.calls().contains("control 0 Stop"));
     QTcpSocket probe;
     probe.connectToHost(QLatin1String(SoundRig::speakerAddress), 49400);
