@@ -158,18 +158,7 @@ void SoundServer::ready()
         pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SINK_INPUT),
         nullptr, nullptr));
     // Sinks of a Corvel that ended without removing them would stand beside the new ones.
-    pa_operation_unref(pa_context_get_module_info_list(
-        m_context,
-        [](pa_context *context, const pa_module_info *info, int eol, void *) {
-            if (eol || !info->argument ||
-                !QByteArray(info->argument).contains(QByteArray("sink_name=") + sinkPrefix))
-                return;
-            logInfo(category,
-                    QStringLiteral("Removing a sound output left behind: ") +
-                        QString::fromUtf8(info->argument).section(QLatin1Char(' '), 0, 0));
-            pa_operation_unref(pa_context_unload_module(context, info->index, nullptr, nullptr));
-        },
-        nullptr));
+    sweep();
     if (m_callbacks.connection)
         m_callbacks.connection(true, {});
     for (auto &[id, output] : m_outputs)
@@ -393,13 +382,47 @@ void SoundServer::unload(quint32 module)
         this));
 }
 
+void SoundServer::sweep()
+{
+    // Every module that made a sink of Corvel's name is unloaded; counted as pending until
+    // the server has listed them all.
+    ++m_pendingUnloads;
+    pa_operation_unref(pa_context_get_module_info_list(
+        m_context,
+        [](pa_context *, const pa_module_info *info, int eol, void *userdata) {
+            auto *self = static_cast<SoundServer *>(userdata);
+            if (eol) {
+                --self->m_pendingUnloads;
+                return;
+            }
+            if (!info->argument ||
+                !QByteArray(info->argument).contains(QByteArray("sink_name=") + sinkPrefix))
+                return;
+            logInfo(category,
+                    QStringLiteral("Removing a sound output left behind: ") +
+                        QString::fromUtf8(info->argument).section(QLatin1Char(' '), 0, 0));
+            self->unload(info->index);
+        },
+        this));
+}
+
 void SoundServer::removeAll(int timeoutMs)
 {
     while (!m_outputs.empty())
         removeOutput(m_outputs.begin()->first);
     const QDeadlineTimer deadline(timeoutMs);
     QEventLoop loop;
-    // Loads still on their way end in an unload too: no output outlives Corvel.
-    while ((m_pendingUnloads > 0 || m_pendingLoads > 0) && connected() && !deadline.hasExpired())
-        loop.processEvents(QEventLoop::ExcludeUserInputEvents | QEventLoop::WaitForMoreEvents, 20);
+    // Loads still on their way end in an unload too, and a last sweep takes any output whose
+    // module this session lost track of: no output outlives Corvel.
+    const auto wait = [&] {
+        while ((m_pendingUnloads > 0 || m_pendingLoads > 0) && connected() &&
+               !deadline.hasExpired())
+            loop.processEvents(QEventLoop::ExcludeUserInputEvents | QEventLoop::WaitForMoreEvents,
+                               20);
+    };
+    wait();
+    if (connected()) {
+        sweep();
+        wait();
+    }
 }

@@ -71,6 +71,7 @@ private:
     void load(const QString &id);
     void record(const QString &id, quint32 sinkIndex, const QString &monitor);
     void unload(quint32 module);
+    void sweep(); // unloads every sink of Corvel's name on the server
     void refreshInputs();
     void readVolume(quint32 sinkIndex);
     void lost(const QString &error);
