@@ -203,7 +203,8 @@ bool SoundRig::play(const QByteArray &sink, const QByteArray &pcm) const
     pacat.write(pcm);
     pacat.closeWriteChannel(); // pacat ends its stream when its input ends
     const int ms = int(pcm.size() * 1000 / (4 * rate));
-    waitUntil([&] { return pacat.state() == QProcess::NotRunning; }, ms + 5000);
+    // Played at the sound server's pace: a loaded machine can stall its graph for seconds.
+    waitUntil([&] { return pacat.state() == QProcess::NotRunning; }, ms + 20000);
     return pacat.state() == QProcess::NotRunning && pacat.exitCode() == 0;
 }
 
