@@ -143,7 +143,6 @@ void Controller::shutdown()
     if (m_services.settings().saveError())
         m_services.settings().save();
     // The speakers playing this computer's sound are told to stop while Corvel can still ask.
-    m_streamsTimer.stop();
     m_streams.shutdown(2000);
     handle(Event::Quit);
 }

@@ -294,9 +294,9 @@ bool DeviceDiscovery::known(const QString &location, const QString &udn) const
     return m_devices.count(QUrl(location)) || (!udn.isEmpty() && m_knownUdns.count(udn));
 }
 
-bool DeviceDiscovery::hasRoomFor(const QString &location, const QString &udn)
+bool DeviceDiscovery::hasRoomFor(bool isKnown)
 {
-    if (known(location, udn) || m_devices.size() < maxSpeakersKnown)
+    if (isKnown || m_devices.size() < maxSpeakersKnown)
         return true;
     if (!std::exchange(m_toldTooMany, true))
         logWarning(
@@ -312,7 +312,7 @@ void DeviceDiscovery::describe(const SSDPMSearchResponse &response, bool answere
     if (m_pipelines.count(location))
         return;
     const bool isKnown = known(location, response.udn());
-    if (!hasRoomFor(location, response.udn()))
+    if (!hasRoomFor(isKnown))
         return;
     if (!m_heard.count(location)) {
         auto load = qsizetype(m_pipelineHosts.count(host));
@@ -513,7 +513,7 @@ void DeviceDiscovery::handleDeviceResult(const std::optional<DiscoveryError> &er
     }
     m_described.insert(location);
     // Answers that came at once were all let in while there was room: the cap holds here.
-    if (!hasRoomFor(absoluteString(info->location), info->udn.value_or(QString())))
+    if (!hasRoomFor(known(location, info->udn.value_or(QString()))))
         return;
     if (info->modelName == QStringLiteral("Sonos BOOST")) {
         logInfo(QStringLiteral("Ignoring BOOST device at ") + absoluteString(info->location));

@@ -147,8 +147,9 @@ private:
     void describe(const SSDPMSearchResponse &response, bool answered);
     // Whether the speaker at location, or with udn, was described before.
     bool known(const QString &location, const QString &udn) const;
-    // Whether a speaker may be added: known already, or fewer than maxSpeakersKnown known.
-    bool hasRoomFor(const QString &location, const QString &udn);
+    // Whether a speaker may be added: known already, or fewer than maxSpeakersKnown known;
+    // the first refusal is logged.
+    bool hasRoomFor(bool isKnown);
     // Ends the pipeline when the description claims a UDN described at another location that
     // still answers as that speaker (one fetch); otherwise goes on with the topology.
     void confirmMove(const SSDPMSearchResponse &response, DeviceInfo info);

@@ -105,7 +105,7 @@ QHostAddress SpeakerStreams::localAddressTowards(const QHostAddress &host)
 
 void SpeakerStreams::setEnabled(bool enabled)
 {
-    if (enabled == m_enabled)
+    if (enabled == m_enabled || m_shutDown)
         return;
     m_enabled = enabled;
     logInfo(category, enabled ? QStringLiteral("Speakers as sound outputs: on")
@@ -365,8 +365,10 @@ QSet<QString> SpeakerStreams::outputs() const
 
 void SpeakerStreams::shutdown(int timeoutMs)
 {
-    // No output is made again while Corvel quits (the wait below runs the event loop).
+    // No output is made again while Corvel quits: the wait below runs the event loop, where
+    // a queued update would turn the outputs on again.
     m_enabled = false;
+    m_shutDown = true;
     if (m_speakers.empty())
         return;
     const QDeadlineTimer deadline(timeoutMs);

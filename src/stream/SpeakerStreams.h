@@ -87,6 +87,7 @@ private:
     void listenerGone(const QString &id);
 
     bool m_enabled = false;
+    bool m_shutDown = false; // Corvel quits: outputs stay off
     DeviceMap m_devices;
     std::map<QString, Speaker> m_speakers; // by output id
     StreamServer m_http;
