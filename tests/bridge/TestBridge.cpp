@@ -103,7 +103,7 @@ void TestBridge::cleanup()
         qunsetenv(name);
     bool swept = false;
     StaleBridges::endAll(QFileInfo(m_bridge).fileName(), this, [&swept](int) { swept = true; });
-    QTRY_VERIFY(swept);
+    CORVEL_WAIT(swept);
 }
 
 void TestBridge::configFile()
@@ -461,8 +461,7 @@ void TestBridge::watchdog()
     CORVEL_WAIT(capture.has("Error AirConnect airupnp is not in a usable state, terminating"));
     QVERIFY2(waited.elapsed() >= 1500, "the watchdog fired early"); // a precise timer
     CORVEL_WAIT(!supervisor.running());
-    QTest::qWait(50);
-    QCOMPARE(recorder.names(), events);
+    CORVEL_WAIT_COMPARE(recorder.names(), events);
     QCOMPARE(capture.has("Error AirConnect Failed to launch " + broken), !events.size());
     // Only the bridge the watchdog ended is said to have been stopped for it.
     if (!events.isEmpty())

@@ -139,7 +139,7 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
         QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
         const pid_t bridge = corvel.bridgeRecord("pid").toInt();
         corvel.end(SIGKILL);
-        QTRY_VERIFY_WITH_TIMEOUT(::kill(bridge, 0) != 0, 10000);
+        CORVEL_WAIT_MS(::kill(bridge, 0) != 0, 10000);
         // The next session reads what the killed one left, and finds no bridge left over.
         QCOMPARE(corvel.output.contains("[Error][settings] Failed to deserialize settings, "),
                  round == 0);
@@ -177,10 +177,9 @@ void TestEndToEnd::keepsWatchingAndAppliesChangesAtOnce()
                 .contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 1)));
     // A command goes to the running Corvel, which restarts the bridge with the change.
     QCOMPARE(corvel.run({"--disable", "Kitchen - PLAY:3"}, &out), 0);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        corvel.bridgeRecord("config.xml")
-            .contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 0)),
-        10000);
+    CORVEL_WAIT_MS(corvel.bridgeRecord("config.xml")
+                       .contains(deviceBlock("RINCON_000E5800000201400", "Kitchen - PLAY:3", 0)),
+                   10000);
     // The file may change before Corvel's own line about it has been read.
     QVERIFY(corvel.waitFor("Speakers changed, restarting AirConnect"));
     QCOMPARE(corvel.run({"--list"}, &out), 0);
@@ -222,8 +221,7 @@ void TestEndToEnd::servesTheSpeakersNetworkOnceItHasAnAddress()
                    .arg(speakers.processId())) &&
             ip("link set lan0 up"));
     QByteArray listed;
-    QTRY_VERIFY_WITH_TIMEOUT((listed += speakers.readAllStandardOutput()).contains("ready\n"),
-                             10000);
+    CORVEL_WAIT_MS((listed += speakers.readAllStandardOutput()).contains("ready\n"), 10000);
 
     QTemporaryDir home;
     Corvel corvel(home.path());

@@ -77,7 +77,7 @@ private:
         std::optional<SoundOutputs::Status> result;
         outputs.status([&result](const SoundOutputs::Status &s) { result = s; });
         [&] {
-            QTRY_VERIFY_WITH_TIMEOUT(result, 10000);
+            CORVEL_WAIT(result);
         }();
         return result.value_or(SoundOutputs::Status());
     }
@@ -86,7 +86,7 @@ private:
         std::optional<std::pair<bool, QString>> result;
         outputs.setEnabled(enable, [&result](bool ok, const QString &e) { result = {ok, e}; });
         [&] {
-            QTRY_VERIFY_WITH_TIMEOUT(result, 10000);
+            CORVEL_WAIT(result);
         }();
         return result.value_or(std::pair(false, QStringLiteral("no answer")));
     }
@@ -192,7 +192,7 @@ void TestPlatform::resumeIsToldOncePerWake()
     QTest::qWait(200);
     QCOMPARE(resumes, 0);
     prepare(logind, false);
-    QTRY_COMPARE_WITH_TIMEOUT(resumes, 1, 10000);
+    CORVEL_WAIT_COMPARE(resumes, 1);
 }
 
 void TestPlatform::sleepLocks_data()
@@ -237,7 +237,7 @@ void TestPlatform::sleepLocks()
     inhibitor->create(QStringLiteral("corvel"), [&created](int result, quint32 id) {
         created = {result, id};
     });
-    QTRY_VERIFY_WITH_TIMEOUT(created, 5000);
+    CORVEL_WAIT(created);
     QCOMPARE(locks.calls, taken);
     QCOMPARE(created->first, taken.isEmpty() ? LinuxIdleInhibitor::noLockTaken : 0);
     if (taken.isEmpty())
@@ -250,7 +250,7 @@ void TestPlatform::sleepLocks()
     locks.calls.clear();
     inhibitor->release(created->second);
     inhibitor->release(created->second); // a second release of the same lock does nothing
-    QTRY_COMPARE_WITH_TIMEOUT(locks.calls, released, 5000);
+    CORVEL_WAIT_COMPARE(locks.calls, released);
     QTest::qWait(100);
     QVERIFY(locks.calls == released && !logindHeld());
 }
@@ -271,7 +271,7 @@ void TestPlatform::launcherHelperIsStoppedOnlyWhenItRuns()
     QVERIFY(stopping == 0 && m_killed.isEmpty());
     QVERIFY(helper.registerService(QStringLiteral(CORVEL_HELPER_ID)));
     launcher.stopIfRunning([&stopping] { ++stopping; });
-    QTRY_COMPARE_WITH_TIMEOUT(m_killed, QStringList{CORVEL_APP_ID}, 5000);
+    CORVEL_WAIT_COMPARE(m_killed, QStringList{CORVEL_APP_ID});
     QCOMPARE(stopping, 1);
 }
 

@@ -708,7 +708,7 @@ void TestPreferences::crashPromptAnswers()
     installCrashPrompts(reporter);
     reporter.processPendingReports();
     QPointer<QMessageBox> box;
-    QTRY_VERIFY((box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())));
+    CORVEL_WAIT((box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())));
     QCOMPARE(box->text(), "Corvel quit unexpectedly 2 times since it last asked.");
     QVERIFY(box->informativeText().contains("names your speakers and their addresses"));
     QVERIFY(box->detailedText().contains("Segmentation fault"));
@@ -722,15 +722,15 @@ void TestPreferences::crashPromptAnswers()
         box->close();
     else
         box->buttons().at(texts.indexOf(answer))->click();
-    QTRY_VERIFY(!box);
+    CORVEL_WAIT(!box);
     if (answer == "Save Report…") { // saved under the name offered, here in the test's folder
         QPointer<QFileDialog> dialog;
-        QTRY_VERIFY((dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())));
+        CORVEL_WAIT((dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())));
         dialog->setDirectory(state.path());
         static_cast<QDialog *>(dialog.data())->accept(); // virtual: the file dialog's own
         QVERIFY(readFile(state.filePath("corvel-crash-report.txt")).contains("signal 11"));
     }
-    QTRY_COMPARE(reporter.pendingReports().size(), waiting);
+    CORVEL_WAIT_COMPARE(reporter.pendingReports().size(), waiting);
     QCOMPARE(reporter.alwaysSend(), answer == "Always Send");
 }
 

@@ -205,7 +205,18 @@ bool SoundRig::play(const QByteArray &sink, const QByteArray &pcm) const
     const int ms = int(pcm.size() * 1000 / (4 * rate));
     // Played at the sound server's pace: a loaded machine can stall its graph for seconds.
     waitUntil([&] { return pacat.state() == QProcess::NotRunning; }, ms + 20000);
-    return pacat.state() == QProcess::NotRunning && pacat.exitCode() == 0;
+    if (pacat.state() == QProcess::NotRunning)
+        return pacat.exitCode() == 0;
+    QByteArray graph, top;
+    pactl({"list", "sink-inputs"}, &graph);
+    QByteArray more;
+    pactl({"list", "source-outputs"}, &more);
+    graph += more;
+    pactl({"list", "sinks"}, &more);
+    graph += more;
+    run(QStringLiteral("pw-top"), {"-b", "-n", "2"}, &top, m_env);
+    qWarning("pacat did not finish: %s\n%s", graph.constData(), top.constData());
+    return false;
 }
 
 QByteArray SoundRig::tone(double seconds)
