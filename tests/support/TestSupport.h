@@ -106,9 +106,8 @@ inline QByteArray testData(const QString &name)
     return readFile(QStringLiteral(CORVEL_TEST_DATA "/") + name);
 }
 
-// Waits are generous in the sanitizer builds, which are slow on a loaded machine; a passing
-// test never waits the whole time. Once a wait has failed, the suite's later waits only look:
-// its state is broken, and waiting out each one would only delay the verdict.
+// Waits are longer in the sanitizer builds (slow on a loaded machine). After a failed wait the
+// suite's state is broken: its later waits only look, not to delay the verdict.
 #ifdef CORVEL_SANITIZED
 inline constexpr int waitFactor = 6;
 #else

@@ -49,6 +49,12 @@ void TestTone::toneReachesTheRendererThroughAPause()
                            QStringLiteral("HOME=") + home});
     QVERIFY2(corvel.waitFor("Sound output ready: "), corvel.output.right(3000));
     QTRY_VERIFY(rig.corvelSink().startsWith("corvel.RINCON_")); // the one left behind is gone
+    // Unchecked, the speaker's output goes; checked again, it comes back.
+    QByteArray said;
+    QCOMPARE(corvel.run({"--disable", "Living Room - PLAY:3"}, &said), 0);
+    QTRY_VERIFY(rig.corvelSink().isEmpty());
+    QCOMPARE(corvel.run({"--enable", "Living Room - PLAY:3"}, &said), 0);
+    QTRY_VERIFY(rig.corvelSink().startsWith("corvel.RINCON_"));
     const QByteArray sink = rig.corvelSink();
 
     // A tone, a pause, the tone again; the list says where the sound goes while it plays.
@@ -63,9 +69,9 @@ void TestTone::toneReachesTheRendererThroughAPause()
     watch.start(5);
     QByteArray listed;
     QTimer::singleShot(1500, this, [&] { corvel.run({QStringLiteral("--list")}, &listed); });
-    QVERIFY(rig.play(sink, SoundRig::tone(2.0)));
+    QVERIFY2(rig.play(sink, SoundRig::tone(2.0)), corvel.output.right(3000).constData());
     QTest::qWait(2500);
-    QVERIFY(rig.play(sink, SoundRig::tone(2.0)));
+    QVERIFY2(rig.play(sink, SoundRig::tone(2.0)), corvel.output.right(3000).constData());
     QTest::qWait(1500);
     watch.stop();
     QVERIFY2(listed.contains("Playing from this computer"), listed.constData());
@@ -80,15 +86,15 @@ void TestTone::toneReachesTheRendererThroughAPause()
           firstByteMs, loudest.at1k, loudest.at3k, loudest.rms, pcm.size() / 4.0 / SoundRig::rate,
           qPrintable(letters));
     // Tone (at least 1.5 s), silence (at least 1 s), tone again; a few windows at each edge
-    // may be mixed (more on a loaded machine), and a busy machine may cost a tone a window or
-    // two, but nothing else is heard.
+    // may be mixed (more on a loaded machine), and a busy machine may cost a tone up to three
+    // windows, but nothing else is heard.
     static const QRegularExpression shape(
         QStringLiteral("^s*x{0,4}([Tx]{15,}?)x{0,4}s{10,}x{0,4}([Tx]{15,}?)x{0,4}s*$"));
     const QRegularExpressionMatch match = shape.match(letters);
     QVERIFY2(match.hasMatch(), qPrintable(letters));
     for (int tone : {1, 2})
         QVERIFY2(match.captured(tone).count(QLatin1Char('T')) >= 15 &&
-                     match.captured(tone).count(QLatin1Char('x')) <= 2,
+                     match.captured(tone).count(QLatin1Char('x')) <= 3,
                  qPrintable(letters));
     QVERIFY(firstByteMs > 0);
     // One start for the whole session: the pause kept the speaker listening.

@@ -132,11 +132,23 @@ bool SoundRig::start(QString *error, bool *skip)
     QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     launch(QStringLiteral("dbus-daemon"),
            {"--session", "--nofork", "--address=unix:path=" + runtime + "/bus"});
+    // The session manager and the PulseAudio service give up when PipeWire is not listening
+    // yet; without the session manager nothing is ever linked.
     launch(QStringLiteral("pipewire"), {});
-    launch(QStringLiteral("wireplumber"), {});
+    if (!waitUntil([&] { return QFileInfo::exists(runtime + QStringLiteral("/pipewire-0")); },
+                   20000)) {
+        *error = QStringLiteral("PipeWire did not listen within 20 s");
+        return false;
+    }
+    QProcess *sessionManager = launch(QStringLiteral("wireplumber"), {});
     launch(QStringLiteral("pipewire-pulse"), {});
     if (!waitUntil([this] { return pactl({QStringLiteral("info")}); }, 20000)) {
         *error = QStringLiteral("The sound server did not answer within 20 s");
+        return false;
+    }
+    if (sessionManager->state() == QProcess::NotRunning) {
+        *error = QStringLiteral("WirePlumber ended: ") +
+                 QString::fromLocal8Bit(sessionManager->readAll());
         return false;
     }
 
@@ -214,7 +226,12 @@ bool SoundRig::play(const QByteArray &sink, const QByteArray &pcm) const
     graph += more;
     pactl({"list", "sinks"}, &more);
     graph += more;
-    run(QStringLiteral("pw-top"), {"-b", "-n", "2"}, &top, m_env);
+    for (QProcess *process : m_processes)
+        top += process == m_simulator
+                   ? QByteArray()
+                   : "\n" + process->program().toUtf8() +
+                         (process->state() == QProcess::Running ? " runs: " : " ended: ") +
+                         process->readAll().right(2000);
     qWarning("pacat did not finish: %s\n%s", graph.constData(), top.constData());
     return false;
 }
