@@ -392,6 +392,8 @@ void TestPreferences::everyControlHasAnAccessibleName()
         ++checked;
     }
     QCOMPARE(checked, 12); // the list, 3 controls per row, 2 buttons, 2 checkboxes, the delay
+    QVERIFY(!m_window->row(0)->titleField()->toolTip().isEmpty() &&
+            !m_window->row(0)->checkbox()->toolTip().isEmpty());
 }
 
 void TestPreferences::iconsAreFetchedOnce()
@@ -639,7 +641,7 @@ void TestPreferences::factoryMakesEachWindowOnce()
         QVERIFY(!windows.isVisible(kind));
         windows.show(kind);
         QWidget *made = windows.window(kind);
-        QVERIFY(made && windows.isVisible(kind));
+        QVERIFY(made && windows.isVisible(kind) && !made->windowTitle().isEmpty());
         windows.show(kind); // brought forward, not made again
         QCOMPARE(windows.window(kind), made);
     }
