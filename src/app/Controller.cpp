@@ -356,7 +356,8 @@ void Controller::addObservers()
                                           "description and topology"));
                 return;
             }
-            m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second);
+            m_services.settings().mergeDiscoveredSpeaker(speaker->first, speaker->second,
+                                                         answeredASearch(n));
             later(n);
             m_tray.scheduleSpeakerItems();
             m_streamsTimer.start();

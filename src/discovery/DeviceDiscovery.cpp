@@ -48,6 +48,13 @@ discoveredSpeaker(const Notification &notification)
     return std::pair(info.value<DeviceInfo>(), topology.value<DeviceTopology>());
 }
 
+bool answeredASearch(const Notification &notification)
+{
+    const QVariant response = notification.userInfo.value(UserInfoKey::response);
+    return response.metaType() != QMetaType::fromType<SSDPMSearchResponse>() ||
+           response.value<SSDPMSearchResponse>().announcement.isEmpty();
+}
+
 QString DiscoveryError::description() const
 {
     if (!message.isEmpty())

@@ -23,6 +23,9 @@ struct Notification;
 // is missing or of another type.
 std::optional<std::pair<DeviceInfo, DeviceTopology>>
 discoveredSpeaker(const Notification &notification);
+// False when the "deviceDiscovered" event's speaker only announced itself and did not answer
+// a search; an event without the datagram counts as an answer.
+bool answeredASearch(const Notification &notification);
 
 // An error of the discovery pipeline: the HTTP client's, or one of its own two domains.
 struct DiscoveryError

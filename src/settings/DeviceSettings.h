@@ -23,6 +23,10 @@ struct DeviceSettings
     bool nameChanged = false;
     BridgeView bridgeView = BridgeView::Unknown; // never stored
     bool playingHere = false;                    // plays this computer's sound; never stored
+    // New in this run and heard only in announcements, never answering a search: not written
+    // until it answers or the user changes it, so that a device announcing made-up speakers
+    // does not grow the settings file. Never stored.
+    bool onlyAnnounced = false;
 
     // True when the bridge is to offer the speaker: a known coordinator, found in this
     // run and enabled by the user.

@@ -90,10 +90,14 @@ QByteArray SettingsDocument::encode() const
 {
     QJsonArray deviceArray;
     // Past the cap, records the user changed come first, then those found in this run.
-    size_t room = maxStoredSpeakers;
+    size_t room = maxStoredSpeakers, unheard = 0;
     const bool crowded = devices.size() > maxStoredSpeakers;
     for (const int pass : {0, 1, 2}) {
         for (const auto &[location, record] : devices) {
+            if (record.onlyAnnounced && !record.touchedByUser()) {
+                unheard += pass == 0 ? 1 : 0;
+                continue;
+            }
             const int rank = !crowded || record.touchedByUser() ? 0 : record.active ? 1 : 2;
             if (rank != pass || (rank > 0 && room == 0))
                 continue;
@@ -102,7 +106,7 @@ QByteArray SettingsDocument::encode() const
             room -= room > 0 ? 1 : 0;
         }
     }
-    if (deviceArray.size() / 2 < qsizetype(devices.size()))
+    if (deviceArray.size() / 2 + qsizetype(unheard) < qsizetype(devices.size()))
         logWarning(QStringLiteral("More than %1 speakers known: writing %2 of %3")
                        .arg(maxStoredSpeakers)
                        .arg(deviceArray.size() / 2)
@@ -294,7 +298,8 @@ void Settings::recordCrashReport()
 }
 
 const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
-                                                       const DeviceTopology &topology)
+                                                       const DeviceTopology &topology,
+                                                       bool answered)
 {
     const QString locationText = absoluteString(info.location);
     DeviceSettings record;
@@ -307,6 +312,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
         record.name = known.nameChanged ? known.name : info.defaultName();
         record.enabled = known.enabled;
         record.nameChanged = known.nameChanged;
+        record.onlyAnnounced = known.onlyAnnounced && !answered;
     } else if (const auto moved = findByUdn(info.udn, info.location); moved != devices.end()) {
         // A speaker's identity is its UDN: when the router gives it a new address, the user's
         // choices move with it and the record at the old address goes.
@@ -325,6 +331,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
                 locationText + QLatin1Char(')'));
         // A speaker that plays AirPlay itself would be listed twice in every AirPlay menu.
         record.enabled = !info.hasOwnAirPlay();
+        record.onlyAnnounced = !answered;
         if (!record.enabled)
             logInfo(QStringLiteral("%1 (%2) plays AirPlay itself: not offered until chosen")
                         .arg(record.name, info.modelNumber.value_or(QString())));

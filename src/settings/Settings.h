@@ -83,9 +83,11 @@ public:
     // unless its model plays AirPlay by itself (it would be listed twice), unless
     // a record with its UDN is stored at another location: then that record's choices move
     // here and it goes (saved at once). Either way the speaker becomes active with the new
-    // description and topology. Otherwise does not save.
+    // description and topology. Otherwise does not save. answered: the speaker answered a
+    // search (false: it only announced itself).
     const DeviceSettings &mergeDiscoveredSpeaker(const DeviceInfo &info,
-                                                 const DeviceTopology &topology);
+                                                 const DeviceTopology &topology,
+                                                 bool answered = true);
     // Renames the speaker and marks the name as the user's; saves. Returns false (and does
     // nothing) for an unknown location or a name canonically equal to the current one.
     bool renameDevice(const QUrl &location, const QString &newName);

@@ -299,6 +299,15 @@ void TestSettings::aFloodOfSpeakersIsNotWritten()
     for (const int kept : {cap + 30, cap + 31, cap + 40})
         QVERIFY2(stored->devices.count(at(kept)), qPrintable(at(kept).toString()));
     QCOMPARE(stored->devices.at(at(cap + 30)).name, QStringLiteral("Mine"));
+    // A speaker only announced is written once it answers a search or the user changes it.
+    MemorySettingsStorage few;
+    auto announced = loadFrom(few);
+    for (int n = 1; n <= 3; ++n)
+        announced->mergeDiscoveredSpeaker(speaker(at(n), "Room", "One"), {true, "g"}, false);
+    announced->mergeDiscoveredSpeaker(speaker(at(1), "Room", "One"), {true, "g"});
+    announced->renameDevice(at(2), QStringLiteral("Mine"));
+    const auto written = SettingsDocument::decode(announced->encode(), nullptr)->devices;
+    QVERIFY(written.size() == 2 && !written.count(at(3)) && !capture.dump().contains("of 3"));
 }
 
 void TestSettings::renameRules_data()
