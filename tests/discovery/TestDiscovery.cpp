@@ -533,7 +533,7 @@ void TestDiscovery::httpFraming_data()
         << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n<b/>") << true
         << "The connection closed before a complete response" << QByteArray();
     const QString notHttp = QStringLiteral("The server's answer is not valid HTTP");
-    QTest::newRow("not HTTP") << QByteArray("SSH-2.0-OpenSSH\r\n\r\n") << false << notHttp
+    QTest::newRow("not HTTP") << QByteArray("RTSP/1.0 200 OK\r\n\r\n") << false << notHttp
                               << QByteArray();
     QTest::newRow("negative length") << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n")
                                      << false << notHttp << QByteArray();

@@ -192,7 +192,7 @@ void TestPlatform::resumeIsToldOncePerWake()
     QTest::qWait(200);
     QCOMPARE(resumes, 0);
     prepare(logind, false);
-    CORVEL_WAIT_COMPARE(resumes, 1);
+    CORVEL_WAIT(resumes == 1);
 }
 
 void TestPlatform::sleepLocks_data()
@@ -250,7 +250,7 @@ void TestPlatform::sleepLocks()
     locks.calls.clear();
     inhibitor->release(created->second);
     inhibitor->release(created->second); // a second release of the same lock does nothing
-    CORVEL_WAIT_COMPARE(locks.calls, released);
+    CORVEL_WAIT(locks.calls == released);
     QTest::qWait(100);
     QVERIFY(locks.calls == released && !logindHeld());
 }
@@ -271,7 +271,7 @@ void TestPlatform::launcherHelperIsStoppedOnlyWhenItRuns()
     QVERIFY(stopping == 0 && m_killed.isEmpty());
     QVERIFY(helper.registerService(QStringLiteral(CORVEL_HELPER_ID)));
     launcher.stopIfRunning([&stopping] { ++stopping; });
-    CORVEL_WAIT_COMPARE(m_killed, QStringList{CORVEL_APP_ID});
+    CORVEL_WAIT(m_killed == QStringList{CORVEL_APP_ID});
     QCOMPARE(stopping, 1);
 }
 

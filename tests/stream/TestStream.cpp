@@ -120,7 +120,7 @@ void TestStream::pausesAreSilenceAndSoundFollows()
     socket.connectToHost(url.host(), quint16(url.port()));
     QVERIFY(socket.waitForConnected(2000));
     socket.write("GET /stream/S.wav HTTP/1.0\r\n\r\n");
-    CORVEL_WAIT_COMPARE(server.listeners(QStringLiteral("S")), 1);
+    CORVEL_WAIT(server.listeners(QStringLiteral("S")) == 1);
     QByteArray received;
     // Nothing played for 700 ms: the speaker still gets a steady stream, of silence.
     QTest::qWait(700);
@@ -144,14 +144,14 @@ void TestStream::pausesAreSilenceAndSoundFollows()
     QVERIFY(!received.contains('\x22'));
     // A speaker that hangs up is no longer a listener; the one that listens again is.
     socket.abort();
-    CORVEL_WAIT_COMPARE(server.listeners(QStringLiteral("S")), 0);
+    CORVEL_WAIT(server.listeners(QStringLiteral("S")) == 0);
     socket.connectToHost(url.host(), quint16(url.port()));
     QVERIFY(socket.waitForConnected(2000));
     socket.write("GET /stream/S.wav HTTP/1.0\r\n\r\n");
-    CORVEL_WAIT_COMPARE(server.listeners(QStringLiteral("S")), 1);
+    CORVEL_WAIT(server.listeners(QStringLiteral("S")) == 1);
     // The speaker no longer offered: its listener is cut, the port closed.
     server.close(QStringLiteral("S"));
-    CORVEL_WAIT_COMPARE(socket.state(), QAbstractSocket::UnconnectedState);
+    CORVEL_WAIT(socket.state() == QAbstractSocket::UnconnectedState);
     QVERIFY(server.listening().isEmpty());
 }
 
@@ -191,7 +191,7 @@ void TestStream::upnpCallsAndTheirFaults()
                   {{QStringLiteral("InstanceID"), QStringLiteral("0")},
                    {QStringLiteral("CurrentURI"), uri}},
                   [&](const UpnpControl::Reply &reply) { got.push_back(reply); });
-        CORVEL_WAIT_COMPARE(upnp.pending(), 0);
+        CORVEL_WAIT(upnp.pending() == 0);
     };
     call(QStringLiteral("http://h/a?b=1&c=<2>"));
     QVERIFY(asked.contains("SOAPACTION: \"urn:schemas-upnp-org:service:AVTransport:1#"
@@ -266,7 +266,7 @@ void TestStream::noSoundServerIsSaidOnce()
     LogCapture capture;
     for (int attempt = 1; attempt <= 2; ++attempt) {
         streams.setEnabled(true);
-        CORVEL_WAIT_COMPARE(capture.count("Warning sound No sound server: "), attempt);
+        CORVEL_WAIT(capture.count("Warning sound No sound server: ") == attempt);
         streams.setEnabled(false);
     }
     QVERIFY(problems.size() == 1 && problems[0].startsWith("No sound server answered"));

@@ -127,11 +127,6 @@ template <typename Ready> bool waitFor(Ready ready, int ms)
             QVERIFY(condition);                                                                    \
     } while (false)
 #define CORVEL_WAIT(condition) CORVEL_WAIT_MS(condition, 5000)
-#define CORVEL_WAIT_COMPARE(actual, expected)                                                      \
-    do {                                                                                           \
-        if (!waitFor([&] { return (actual) == (expected); }, 5000))                                \
-            QCOMPARE(actual, expected);                                                            \
-    } while (false)
 
 #define CORVEL_REQUIRE_PRIVATE_NETWORK()                                                           \
     do {                                                                                           \

@@ -547,17 +547,13 @@ void TestPreferences::mnemonicsAreUniquePerMenuAndLanguage()
     // one key press does one thing. The on/off item is checked in each of its wordings.
     const auto mnemonics = [](const QStringList &texts) {
         QStringList keys;
-        for (const QString &text : texts) {
-            const qsizetype at = QString(text).replace("&&", "").indexOf('&');
-            if (at >= 0)
-                keys << QString(text).replace("&&", "").mid(at + 1, 1).toLower();
-        }
+        for (const QString &text : texts)
+            keys << QString(text).replace("&&", "").section('&', 1).left(1).toLower();
+        keys.removeAll(QString());
         return keys;
     };
     const auto unique = [](QStringList keys) {
-        const qsizetype all = keys.size();
-        keys.removeDuplicates();
-        return keys.size() == all;
+        return keys.removeDuplicates() == 0;
     };
     FakeFacts facts;
     Lifecycle lifecycle(facts, [] { return qint64(0); });
@@ -730,7 +726,7 @@ void TestPreferences::crashPromptAnswers()
         static_cast<QDialog *>(dialog.data())->accept(); // virtual: the file dialog's own
         QVERIFY(readFile(state.filePath("corvel-crash-report.txt")).contains("signal 11"));
     }
-    CORVEL_WAIT_COMPARE(reporter.pendingReports().size(), waiting);
+    CORVEL_WAIT(reporter.pendingReports().size() == waiting);
     QCOMPARE(reporter.alwaysSend(), answer == "Always Send");
 }
 
