@@ -77,6 +77,7 @@ void TestDiscovery::numbers_data()
     QTest::newRow("signs") << "-1" << I(-1) << F(-1);
     QTest::newRow("firmware style") << "60.000" << I() << F(60);
     QTest::newRow("leading space") << " 7" << I() << F();
+    QTest::newRow("a leading zero is still decimal") << "010" << I(10) << F(10);
     QTest::newRow("largest") << "9223372036854775807" << I(9223372036854775807LL)
                              << F(9223372036854775807.0f);
     QTest::newRow("beyond 64 bits") << "9223372036854775808" << I() << F(9223372036854775808.0f);
@@ -406,7 +407,6 @@ void TestDiscovery::believedSpeakersAreBounded()
     discovery.searchForDevices(1.3);
     const QString line = oneHost ? "Warning SSDP 127.0.1.1 names more speakers than a player has"
                                  : "Warning SSDP 256 speakers known: describing no new ones";
-    // The last answers are refused after the search is over.
     CORVEL_WAIT_MS(events.count("discoveryComplete") == 1 &&
                        discovery.devices().size() >= believed && capture.count(line) > 0,
                    30000);
