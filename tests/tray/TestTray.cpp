@@ -130,7 +130,7 @@ void TestTray::speakerItems()
     auto settings = Settings::load(std::make_unique<MemorySettingsStorage>());
     TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
     QMenu *menu = tray.menu();
-    QCOMPARE(menu->actions().size(), 10); // only the fixed entries
+    QVERIFY(menu->actions().size() == 10 && !menu->actions().at(3)->isEnabled()); // only fixed ones
     QAction *formerFourth = menu->actions().at(4);
     for (int n : {3, 1, 2})
         settings->mergeDiscoveredSpeaker(speaker(n), {n != 1, "G"});
