@@ -9,6 +9,7 @@
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <vector>
 
 namespace {
 const QString category = QStringLiteral("settings");
@@ -89,28 +90,31 @@ bool SettingsDocument::validBridgePorts(const QString &text)
 QByteArray SettingsDocument::encode() const
 {
     QJsonArray deviceArray;
-    // Past the cap, records the user changed come first, then those found in this run.
-    size_t room = maxStoredSpeakers, unheard = 0;
-    const bool crowded = devices.size() > maxStoredSpeakers;
+    // A speaker only announced, never changed by the user, is not written at all. Past the
+    // cap, records the user changed come first, then those found in this run.
+    std::vector<DeviceMap::const_pointer> writable;
+    for (const auto &entry : devices) {
+        if (!entry.second.onlyAnnounced || entry.second.touchedByUser())
+            writable.push_back(&entry);
+    }
+    size_t room = maxStoredSpeakers;
+    const bool crowded = writable.size() > maxStoredSpeakers;
     for (const int pass : {0, 1, 2}) {
-        for (const auto &[location, record] : devices) {
-            if (record.onlyAnnounced && !record.touchedByUser()) {
-                unheard += pass == 0 ? 1 : 0;
-                continue;
-            }
+        for (const auto *entry : writable) {
+            const DeviceSettings &record = entry->second;
             const int rank = !crowded || record.touchedByUser() ? 0 : record.active ? 1 : 2;
             if (rank != pass || (rank > 0 && room == 0))
                 continue;
-            deviceArray.append(absoluteString(location));
+            deviceArray.append(absoluteString(entry->first));
             deviceArray.append(record.toJson());
             room -= room > 0 ? 1 : 0;
         }
     }
-    if (deviceArray.size() / 2 + qsizetype(unheard) < qsizetype(devices.size()))
+    if (deviceArray.size() / 2 < qsizetype(writable.size()))
         logWarning(QStringLiteral("More than %1 speakers known: writing %2 of %3")
                        .arg(maxStoredSpeakers)
                        .arg(deviceArray.size() / 2)
-                       .arg(devices.size()));
+                       .arg(writable.size()));
     QJsonObject crashes;
     for (const auto &[version, count] : crashesByVersion)
         crashes.insert(version, QJsonValue(count));
@@ -303,7 +307,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
 {
     const QString locationText = absoluteString(info.location);
     DeviceSettings record;
-    bool moveSaved = false;
+    bool moveSaved = false, onlyAnnouncedSoFar = true;
     const auto existing = devices.find(info.location);
     if (existing != devices.end()) {
         const DeviceSettings &known = existing->second;
@@ -312,7 +316,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
         record.name = known.nameChanged ? known.name : info.defaultName();
         record.enabled = known.enabled;
         record.nameChanged = known.nameChanged;
-        record.onlyAnnounced = known.onlyAnnounced && !answered;
+        onlyAnnouncedSoFar = known.onlyAnnounced;
     } else if (const auto moved = findByUdn(info.udn, info.location); moved != devices.end()) {
         // A speaker's identity is its UDN: when the router gives it a new address, the user's
         // choices move with it and the record at the old address goes.
@@ -322,6 +326,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
         record.name = known.nameChanged ? known.name : info.defaultName();
         record.enabled = known.enabled;
         record.nameChanged = known.nameChanged;
+        onlyAnnouncedSoFar = known.onlyAnnounced;
         logInfo(
             QStringLiteral("Speaker %1 moved from %2 to %3").arg(record.name, from, locationText));
         moveSaved = true;
@@ -331,7 +336,6 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
                 locationText + QLatin1Char(')'));
         // A speaker that plays AirPlay itself would be listed twice in every AirPlay menu.
         record.enabled = !info.hasOwnAirPlay();
-        record.onlyAnnounced = !answered;
         if (!record.enabled)
             logInfo(QStringLiteral("%1 (%2) plays AirPlay itself: not offered until chosen")
                         .arg(record.name, info.modelNumber.value_or(QString())));
@@ -339,6 +343,7 @@ const DeviceSettings &Settings::mergeDiscoveredSpeaker(const DeviceInfo &info,
     record.info = info;
     record.topology = topology;
     record.active = true;
+    record.onlyAnnounced = onlyAnnouncedSoFar && !answered;
     const auto stored = devices.insert_or_assign(info.location, std::move(record)).first;
     if (moveSaved)
         save();

@@ -219,20 +219,20 @@ bool SoundRig::play(const QByteArray &sink, const QByteArray &pcm) const
     waitUntil([&] { return pacat.state() == QProcess::NotRunning; }, ms + 20000);
     if (pacat.state() == QProcess::NotRunning)
         return pacat.exitCode() == 0;
-    QByteArray graph, top;
-    pactl({"list", "sink-inputs"}, &graph);
-    QByteArray more;
-    pactl({"list", "source-outputs"}, &more);
-    graph += more;
-    pactl({"list", "sinks"}, &more);
-    graph += more;
-    for (QProcess *process : m_processes)
-        top += process == m_simulator
-                   ? QByteArray()
-                   : "\n" + process->program().toUtf8() +
-                         (process->state() == QProcess::Running ? " runs: " : " ended: ") +
-                         process->readAll().right(2000);
-    qWarning("pacat did not finish: %s\n%s", graph.constData(), top.constData());
+    // What the sound graph and the rig's programs were doing.
+    QByteArray said;
+    for (const char *what : {"sink-inputs", "source-outputs", "sinks"}) {
+        QByteArray listed;
+        pactl({QStringLiteral("list"), QString::fromLatin1(what)}, &listed);
+        said += listed;
+    }
+    for (QProcess *process : m_processes) {
+        if (process != m_simulator) // its output is the calls
+            said += "\n" + process->program().toUtf8() +
+                    (process->state() == QProcess::Running ? " runs: " : " ended: ") +
+                    process->readAll().right(2000);
+    }
+    qWarning("pacat did not finish: %s", said.constData());
     return false;
 }
 
