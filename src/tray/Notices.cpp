@@ -6,7 +6,10 @@
 #include <QMenu>
 #include <QSystemTrayIcon>
 
-Notices::Notices(bool shown, QObject *parent) : QObject(parent), m_shown(shown) {}
+Notices::Notices(bool shown, QObject *parent)
+    : QObject(parent), m_shown(shown), m_trayCheck(&QSystemTrayIcon::isSystemTrayAvailable)
+{
+}
 
 void Notices::setTrayIcon(QSystemTrayIcon *icon)
 {
@@ -29,7 +32,7 @@ void Notices::show(const QString &title, const QString &message, const QString &
     logWarning(QStringLiteral("Notice: ") + title + QStringLiteral(" - ") + message);
     if (!m_shown)
         return;
-    if (m_trayIcon && !m_noTray && QSystemTrayIcon::isSystemTrayAvailable()) {
+    if (m_trayIcon && !m_noTray && m_trayCheck()) {
         // A balloon has no buttons: a click on it is the action.
         m_balloonAction = std::move(onAction);
         m_trayIcon->showMessage(title,

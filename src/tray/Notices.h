@@ -22,6 +22,8 @@ public:
     void setTrayIcon(QSystemTrayIcon *icon);
     // Without a tray (the panel has none) notices go to the desktop's notifications.
     void setNoTray(bool noTray) { m_noTray = noTray; }
+    // Whether a tray shows the icon at this moment; the platform's answer unless set.
+    void setTrayCheck(std::function<bool()> check) { m_trayCheck = std::move(check); }
 
     // Shows a notice; a click on it, or on actionLabel, runs onAction.
     void show(const QString &title, const QString &message, const QString &actionLabel = {},
@@ -31,6 +33,7 @@ private:
     bool m_shown;
     bool m_noTray = false;
     QSystemTrayIcon *m_trayIcon = nullptr;
-    DesktopNotices m_desktopNotices;
+    DesktopNotices m_desktopNotices{this};
+    std::function<bool()> m_trayCheck;
     std::function<void()> m_balloonAction; // what a click on the tray's balloon does
 };

@@ -425,6 +425,7 @@ void TestApp::tellsTheServiceManager()
         post(Notifications::bridgeSpeakersChanged);
     settle();
     QCOMPARE(views.count(Notifications::speakerStatesChanged), 1);
+    QVERIFY(notifyServiceManager("WATCHDOG=1"));
     qputenv("NOTIFY_SOCKET", QByteArray(5000, 'x')); // longer than a socket address holds
     QVERIFY(!notifyServiceManager("STATUS=x"));
     qunsetenv("NOTIFY_SOCKET");
@@ -434,9 +435,10 @@ void TestApp::tellsTheServiceManager()
         messages << QString::fromUtf8(buffer, int(n));
     ::close(fd);
     // The bridge names the speaker by its room: it is told as playing.
-    QCOMPARE(messages, QStringList({"STATUS=Looking For Speakers...", "STATUS=Starting...\nREADY=1",
-                                    "STATUS=Running: 1 speaker offered, 1 ready, 1 playing",
-                                    "STATUS=Running: 1 speaker offered, 1 ready, 0 playing"}));
+    QCOMPARE(messages,
+             QStringList({"STATUS=Looking For Speakers...", "STATUS=Starting...\nREADY=1",
+                          "STATUS=Running: 1 speaker offered, 1 ready, 1 playing",
+                          "STATUS=Running: 1 speaker offered, 1 ready, 0 playing", "WATCHDOG=1"}));
 }
 
 void TestApp::speakerCommands()

@@ -108,7 +108,6 @@ void TestDiscovery::realDescriptions()
     // Each capture beside the record it must give.
     QFETCH(QString, file);
     const QByteArray body = testData(file + QStringLiteral(".xml"));
-    QVERIFY(!body.isEmpty());
     const auto info =
         DescriptionParser::parseDeviceDescription(body, location, QStringLiteral("S"));
     QVERIFY(info);
@@ -232,6 +231,9 @@ void TestDiscovery::searchesAHousehold()
                         "completed. (InvalidDeviceXMLErrorDomain error -1.)"));
     QVERIFY(capture.has("Info - Received a response from http://127.0.1.1:1400/status/topology"));
     QCOMPARE(capture.count("Error - Failed to fetch topology"), 0); // a missing one is quiet
+    // The session's end says what it searched for, and where.
+    const QString closed = capture.lines().filter(" closedSession(SSDP").value(0);
+    QVERIFY(closed.endsWith(", urn:schemas-upnp-org:device:ZonePlayer:1, from 127.0.0.1))"));
     qunsetenv("http_proxy");
 }
 

@@ -2,6 +2,7 @@
 #include "MainQueue.h"
 #include "NotificationCenter.h"
 #include "Notifications.h"
+#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QTest>
@@ -61,7 +62,7 @@ void TestEvents::mainQueueRunsLaterInOrder()
     mainQueueAsync([&order] { order << QStringLiteral("1"); });
     std::thread([&order] { mainQueueAsync([&order] { order << QStringLiteral("2"); }); }).join();
     QVERIFY(order.isEmpty()); // nothing runs before the loop turns
-    QTRY_COMPARE(order, (QStringList{QStringLiteral("1"), QStringLiteral("2")}));
+    CORVEL_WAIT(order == QStringList({QStringLiteral("1"), QStringLiteral("2")}));
 }
 
 QTEST_GUILESS_MAIN(TestEvents)

@@ -66,6 +66,7 @@ void TestLog::levelGatesTheFacade()
     qInstallMessageHandler(nullptr);
     logDebug(QStringLiteral("dropped"));
     logInfo(QStringLiteral("c"), QStringLiteral("kept"));
+    QCOMPARE(Logging::defaultLevel(), LogLevel::Info);
     Logging::setDefaultLevel(LogLevel::Off);
     logError(QStringLiteral("dropped too"));
     QCOMPARE(capture.lines(), QStringList({"Warning Qt from Qt", "Info c kept"}));

@@ -7,6 +7,7 @@
 #include "LinuxIdleInhibitor.h"
 #include "LogindResumeWatcher.h"
 #include "PactlSoundOutputs.h"
+#include "Platform.h"
 #include "SessionBus.h"
 #include "TestSupport.h"
 #include "XdgAutostart.h"
@@ -29,9 +30,14 @@ public:
     ~FakeLocks() override { ::close(pipeEnds[1]); }
     QStringList calls;
     int pipeEnds[2] = {-1, -1};
+    bool refuse = false; // every call answered with an error
 
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
     {
+        if (refuse) {
+            calls << message.member();
+            return connection.send(message.createErrorReply(QDBusError::AccessDenied, "No"));
+        }
         const QVariantList arguments = message.arguments();
         QDBusMessage reply = message.createReply();
         if (message.interface() == QLatin1String("org.freedesktop.login1.Manager")) {
@@ -48,6 +54,9 @@ public:
             reply << (gnome ? 9u : 7u);
         } else {
             calls << message.member() + " " + arguments.value(0).toString();
+            if (message.member() == QLatin1String("Get")) // the tray's watcher: a panel hosts
+                reply << QVariant::fromValue(
+                    QDBusVariant(arguments.value(1) == "IsStatusNotifierHostRegistered"));
         }
         return connection.send(reply);
     }
@@ -66,7 +75,7 @@ private slots:
     void resumeIsToldOncePerWake();
     void sleepLocks_data();
     void sleepLocks();
-    void launcherHelperIsStoppedOnlyWhenItRuns();
+    void launcherHelperAndTrayHost();
 
 public slots:
     void killLauncher(const QString &app) { m_killed << app; }
@@ -76,18 +85,14 @@ private:
     {
         std::optional<SoundOutputs::Status> result;
         outputs.status([&result](const SoundOutputs::Status &s) { result = s; });
-        [&] {
-            CORVEL_WAIT(result);
-        }();
+        waitFor([&result] { return result.has_value(); }, 5000); // a missing answer fails below
         return result.value_or(SoundOutputs::Status());
     }
     std::pair<bool, QString> setEnabled(PactlSoundOutputs &outputs, bool enable)
     {
         std::optional<std::pair<bool, QString>> result;
         outputs.setEnabled(enable, [&result](bool ok, const QString &e) { result = {ok, e}; });
-        [&] {
-            CORVEL_WAIT(result);
-        }();
+        waitFor([&result] { return result.has_value(); }, 5000); // a missing answer fails below
         return result.value_or(std::pair(false, QStringLiteral("no answer")));
     }
     void serve(const QByteArray &server)
@@ -209,6 +214,9 @@ void TestPlatform::sleepLocks_data()
     QTest::newRow("a server: logind's idle lock, released by closing it")
         << QStringList{logind} << QStringList{"logind idle block"} << QStringList{};
     QTest::newRow("nothing to ask") << QStringList{} << QStringList{} << QStringList{};
+    QTest::newRow("asked, and refused: nothing held")
+        << QStringList{"refused", gnome, logind} << QStringList{"Inhibit", "Inhibit"}
+        << QStringList{};
 }
 
 void TestPlatform::sleepLocks()
@@ -224,6 +232,7 @@ void TestPlatform::sleepLocks()
     const QString row = QString::fromUtf8(QTest::currentDataTag());
     QDBusConnection server = QDBusConnection::connectToBus(bus.address, "server " + row);
     FakeLocks locks;
+    locks.refuse = services.removeAll("refused") > 0;
     const std::map<QString, QString> paths = {
         {"org.gnome.SessionManager", "/org/gnome/SessionManager"},
         {"org.freedesktop.PowerManagement", "/org/freedesktop/PowerManagement/Inhibit"},
@@ -232,15 +241,17 @@ void TestPlatform::sleepLocks()
         QVERIFY(server.registerService(service) &&
                 server.registerVirtualObject(paths.at(service), &locks));
     const auto client = QDBusConnection::connectToBus(bus.address, "client " + row);
-    auto inhibitor = std::make_unique<LinuxIdleInhibitor>(client, client);
+    // With nothing to ask, not even a system bus.
+    auto inhibitor = std::make_unique<LinuxIdleInhibitor>(
+        client, services.isEmpty() ? QDBusConnection(QStringLiteral("none")) : client);
     std::optional<std::pair<int, quint32>> created;
     inhibitor->create(QStringLiteral("corvel"), [&created](int result, quint32 id) {
         created = {result, id};
     });
     CORVEL_WAIT(created);
     QCOMPARE(locks.calls, taken);
-    QCOMPARE(created->first, taken.isEmpty() ? LinuxIdleInhibitor::noLockTaken : 0);
-    if (taken.isEmpty())
+    QCOMPARE(created->first, taken.isEmpty() || locks.refuse ? LinuxIdleInhibitor::noLockTaken : 0);
+    if (taken.isEmpty() || locks.refuse)
         return;
     const auto logindHeld = [&locks] {
         pollfd writer{locks.pipeEnds[1], POLLOUT, 0};
@@ -255,7 +266,7 @@ void TestPlatform::sleepLocks()
     QVERIFY(locks.calls == released && !logindHeld());
 }
 
-void TestPlatform::launcherHelperIsStoppedOnlyWhenItRuns()
+void TestPlatform::launcherHelperAndTrayHost()
 {
     SessionBus bus(m_config.path());
     if (bus.address.isEmpty())
@@ -273,6 +284,18 @@ void TestPlatform::launcherHelperIsStoppedOnlyWhenItRuns()
     launcher.stopIfRunning([&stopping] { ++stopping; });
     CORVEL_WAIT(m_killed == QStringList{CORVEL_APP_ID});
     QCOMPARE(stopping, 1);
+    // A tray: a panel registered as the watcher's host (no X server here for an XEmbed one).
+    std::optional<bool> host;
+    const auto trayHost = [&host] {
+        host.reset();
+        Platform::whenTrayHostRegistered([&host](bool found) { host = found; });
+        return waitFor([&host] { return host.has_value(); }, 5000) && *host;
+    };
+    QVERIFY(!trayHost() && host);
+    FakeLocks watcher;
+    QVERIFY(helper.registerService("org.kde.StatusNotifierWatcher") &&
+            helper.registerVirtualObject("/StatusNotifierWatcher", &watcher));
+    QVERIFY(trayHost());
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)

@@ -771,8 +771,7 @@ void TestPreferences::feedbackIsSentAsWritten()
     window.findChild<QPlainTextEdit *>("messagePlainTextEdit")->setPlainText("Café works");
     window.findChild<QCheckBox *>("includeLogCheckBox")->setChecked(withLog);
     send->click();
-    QTRY_VERIFY2(window.statusLabel()->text().startsWith(status),
-                 qPrintable(window.statusLabel()->text()));
+    CORVEL_WAIT(window.statusLabel()->text().startsWith(status));
     QVERIFY(received.startsWith("POST /f HTTP/1.1\r\n"));
     const QByteArray body = received.mid(received.indexOf("\r\n\r\n") + 4);
     QVERIFY2(body.startsWith("Name: Ann\nEmail: ann@example.org\n\nCafé works\n"),

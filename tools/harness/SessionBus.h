@@ -3,7 +3,7 @@
 
 #include <QProcess>
 
-// A session bus of the test's own, on a socket file (abstract sockets belong to the network
+// A session bus of the caller's own, on a socket file (abstract sockets belong to the network
 // namespace, which the bus would not share with a desktop anyway).
 struct SessionBus
 {
