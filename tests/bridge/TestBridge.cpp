@@ -306,7 +306,6 @@ void TestBridge::speakersFromOutput()
     QCOMPARE(said, speakers);
     QList<int> kinds;
     while (const auto problem = output.takeProblem()) {
-        // Each kind's detail, taken from its line, in both texts.
         const QString detail =
             QStringList{"(Address in use)", "(192.0.2.4:49152, error -203)", "Den", "Den"}.at(
                 problem->kind);

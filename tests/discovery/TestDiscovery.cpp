@@ -231,8 +231,7 @@ void TestDiscovery::searchesAHousehold()
                         "completed. (InvalidDeviceXMLErrorDomain error -1.)"));
     QVERIFY(capture.has("Info - Received a response from http://127.0.1.1:1400/status/topology"));
     QCOMPARE(capture.count("Error - Failed to fetch topology"), 0); // a missing one is quiet
-    // The session's end says what it searched for, and where.
-    const QString closed = capture.lines().filter(" closedSession(SSDP").value(0);
+    const QString closed = capture.lines().filter(" closedSession(SSDP").value(0); // its end
     QVERIFY(closed.endsWith(", urn:schemas-upnp-org:device:ZonePlayer:1, from 127.0.0.1))"));
     qunsetenv("http_proxy");
 }

@@ -105,7 +105,7 @@ void TestRecords::defaultName_data()
     QTest::newRow("room alone falls to friendly") << S("K") << S() << S("F") << loc << "F";
     QTest::newRow("trimmed of line breaks")
         << S("Den \n") << S("\tOne\n") << S() << loc << "Den - One";
-    QTest::newRow("one line") << S("Living\nRoom") << S("One\u2028") << S() << loc
+    QTest::newRow("one line") << S("Living\nRoom\xc2\x9f") << S("\x7fOne\u2028") << S() << loc
                               << "Living Room - One";
     QTest::newRow("host") << S() << S() << S() << loc << "192.0.2.10";
     QTest::newRow("no host gives the text") << S() << S() << S() << "urn:sonos:player"
@@ -132,6 +132,7 @@ void TestRecords::topologyAndLocationOrder()
     const DeviceTopology topology{false, QStringLiteral("RINCON_1:5")};
     const auto read = DeviceTopology::fromJson(topology.toJson(), nullptr);
     QVERIFY(read && !read->coordinator && read->group == topology.group);
+    QVERIFY(!DeviceTopology::fromJson(QJsonObject{{"group", "G"}}, nullptr)); // no coordinator
     QVERIFY(LocationKey(QUrl("http://127.0.1.10/")) < QUrl("http://127.0.1.2/"));
     QVERIFY(!(LocationKey(QUrl("http://a/")) < QUrl("http://a/")));
 }

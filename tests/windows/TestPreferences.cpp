@@ -24,6 +24,7 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QCheckBox>
+#include <QClipboard>
 #include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
@@ -283,9 +284,8 @@ void TestPreferences::names_data()
     QTest::newRow("spaces kept") << " Den " << int(Qt::Key_Return) << "(45 left)"
                                  << " Den "
                                  << "" << false;
-    QTest::newRow("focus leaving commits") << "Den" << 0 << "(47 left)"
-                                           << "Den"
-                                           << "" << false;
+    QTest::newRow("focus leaving commits the longest name")
+        << QString(50, 'd') << 0 << "(0 left)" << QString(50, 'd') << "" << false;
     QTest::newRow("Escape puts it back")
         << "Den" << int(Qt::Key_Escape) << "(47 left)" << old << "" << false;
     QTest::newRow("empty refused, still editing")
@@ -648,6 +648,8 @@ void TestPreferences::factoryMakesEachWindowOnce()
     QVERIFY2(!about.contains(".invalid") && !about.contains(Settings::currentVersion()) &&
                  aboutLabel->openExternalLinks(),
              qPrintable(about));
+    windows.window(Kind::About)->findChild<QPushButton *>("copyVersionInfoPushButton")->click();
+    QCOMPARE(QGuiApplication::clipboard()->text(), AboutWindow::versionInfo());
     windows.window(Kind::About)->close();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QVERIFY(!windows.window(Kind::About));
@@ -658,7 +660,8 @@ void TestPreferences::factoryMakesEachWindowOnce()
     setup->findChild<QAbstractButton *>("detailsToolButton")->toggle(); // opens the list
     QVERIFY(places->isVisibleTo(setup) && places->isReadOnly());
     QVERIFY(places->toPlainText().contains("/looked/here"));
-    setup->installFrom(QStringLiteral("/nonexistent/airupnp")); // refused, and said so
+    QVERIFY(setup->findChild<QLabel *>("introLabel")->openExternalLinks()); // the releases page
+    setup->installFrom(QStringLiteral("/nonexistent/airupnp"));             // refused, and said so
     QVERIFY(setup->findChild<QLabel *>("statusLabel")->text().startsWith("Cannot read "));
     emit setup->installed(QStringLiteral("/x/airupnp"));
     QCOMPARE(m_controls->installs, 1);
@@ -765,11 +768,12 @@ void TestPreferences::feedbackIsSentAsWritten()
     });
     FeedbackWindow window(QUrl("http://127.0.0.1:" + QString::number(server.serverPort()) + "/f"));
     auto *send = window.findChild<QPushButton *>("sendButton");
-    QVERIFY(!send->isEnabled()); // nothing written yet
+    auto *log = window.findChild<QCheckBox *>("includeLogCheckBox");
+    QVERIFY(!send->isEnabled() && log->isChecked()); // nothing written yet; the log goes along
     window.findChild<QLineEdit *>("nameLineEdit")->setText("Ann");
     window.findChild<QLineEdit *>("emailLineEdit")->setText("ann@example.org");
     window.findChild<QPlainTextEdit *>("messagePlainTextEdit")->setPlainText("Café works");
-    window.findChild<QCheckBox *>("includeLogCheckBox")->setChecked(withLog);
+    log->setChecked(withLog);
     send->click();
     CORVEL_WAIT(window.statusLabel()->text().startsWith(status));
     QVERIFY(received.startsWith("POST /f HTTP/1.1\r\n"));
