@@ -26,7 +26,9 @@ namespace {
 // An XEmbed tray owns the selection _NET_SYSTEM_TRAY_S<screen> on the X server.
 bool xembedTrayRuns()
 {
-    auto *x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+    // qGuiApp is a plain cast: in a program without a GUI it names no QGuiApplication.
+    const auto *app = qobject_cast<QGuiApplication *>(QCoreApplication::instance());
+    auto *x11 = app ? app->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
     if (!x11 || !x11->connection())
         return false;
     xcb_connection_t *connection = x11->connection();
