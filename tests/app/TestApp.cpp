@@ -466,6 +466,7 @@ void TestApp::speakerCommands()
     };
     EventRecorder changes({Notifications::deviceSettingsChanged}); // the window follows
     QCOMPARE(status("SetEnabled", {"Room 1 - One", false}), 0);
+    QCOMPARE(status("SetEnabled", {"Nowhere", true}), 1); // the running copy's refusal
     QCOMPARE(status("Rename", {speaker(3).location.toString(), "Attic \"A\""}), 0);
     QCOMPARE(changes.count(Notifications::deviceSettingsChanged), 2);
     QVERIFY(status("ShowPreferences", {}) == 0 && shown == 1);
