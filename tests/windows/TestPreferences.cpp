@@ -26,6 +26,7 @@
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
+#include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QLabel>
 #include <QListWidget>
@@ -521,19 +522,19 @@ void TestPreferences::startAtLoginAndSoundOutputs()
 
     m_platform->autostart->on = true;
     m_platform->sound->current = {SoundOutputs::Server::PipeWire, true, true};
-    m_controls->document->soundOutputs = false;
+    m_controls->document->soundOutputs = true; // as stored
     m_window->show();
     auto *login = m_window->findChild<QCheckBox *>("startAtLoginCheckBox");
     auto *sound = m_window->findChild<QCheckBox *>("soundOutputsCheckBox");
-    QVERIFY(login->isChecked() && sound->isEnabled() && !sound->isChecked());
+    QVERIFY(login->isChecked() && sound->isEnabled() && sound->isChecked());
+    sound->click();
+    QVERIFY(!m_controls->document->soundOutputs);
     // On: stored and applied; the sound server's own AirPlay outputs (from earlier versions)
     // go, or every speaker would be listed twice.
     sound->click();
     QVERIFY(m_controls->document->soundOutputs);
-    QCOMPARE(changes.count(Notifications::deviceSettingsChanged), 2);
+    QCOMPARE(changes.count(Notifications::deviceSettingsChanged), 3);
     QVERIFY(!m_platform->sound->current.raopDiscoveryActive);
-    sound->click();
-    QVERIFY(!m_controls->document->soundOutputs);
     login->click();
     QVERIFY(!m_platform->autostart->on);
     m_platform->autostart->fails = true;
@@ -651,7 +652,7 @@ void TestPreferences::factoryMakesEachWindowOnce()
              qPrintable(about));
     windows.window(Kind::About)->findChild<QPushButton *>("copyVersionInfoPushButton")->click();
     QCOMPARE(QGuiApplication::clipboard()->text(), AboutWindow::versionInfo());
-    windows.window(Kind::About)->close();
+    emit windows.window(Kind::About)->findChild<QDialogButtonBox *>()->rejected(); // its Close
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QVERIFY(!windows.window(Kind::About));
     // The setup shows where the bridge was looked for and reports an install.
