@@ -24,11 +24,12 @@ QByteArray deviceBlock(const char *udn, const char *name, int enabled)
 // corvel --headless with the stand-in bridge under a name only this run of the suite uses.
 struct Corvel : HeadlessCorvel
 {
-    explicit Corvel(const QString &home, const QStringList &environment = {})
+    explicit Corvel(const QString &home, const QStringList &environment = {},
+                    const QStringList &arguments = {QStringLiteral("--headless")})
         : HeadlessCorvel(
               QStringLiteral(CORVEL), QStringLiteral(FAKE_BRIDGE), home,
               QStringLiteral("airupnp-endtoend-%1").arg(QCoreApplication::applicationPid()),
-              environment)
+              environment, arguments)
     {
     }
 };
@@ -46,6 +47,7 @@ private slots:
     void keepsWatchingAndAppliesChangesAtOnce();
     void servesTheSpeakersNetworkOnceItHasAnAddress();
     void commandLineRefusesWhatItDoesNotTake();
+    void desktopStartWaitsForThePanelsTray();
 };
 
 void TestEndToEnd::commandLineRefusesWhatItDoesNotTake()
@@ -74,9 +76,38 @@ void TestEndToEnd::commandLineRefusesWhatItDoesNotTake()
     QVERIFY2(err.contains("Unknown argument \"Kitchen\"") && !err.contains("searchForDevices"),
              err.constData());
     QCOMPARE(run({"--rename", "Kitchen", "Den"}, &out, &err), 1); // no such speaker stored
+    QVERIFY2(err.contains("No known speaker has the location or name \"Kitchen\""), err);
+    env.insert(QStringLiteral("LC_ALL"), QStringLiteral("de_DE.UTF-8")); // told in German
+    QCOMPARE(run({"--rename", "Kitchen"}, &out, &err), 2);
+    QVERIFY2(err.contains("--rename braucht den neuen Namen nach dem Lautsprecher"), err);
+    env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     QCOMPARE(run({QStringLiteral("--version")}, &out, &err), 0);
     QVERIFY2(out.startsWith("Corvel ") && out.count('\n') == 1 && err.isEmpty(),
              (out + err).constData());
+}
+
+void TestEndToEnd::desktopStartWaitsForThePanelsTray()
+{
+    // At login Corvel may start before the panel (trayer, from scripts/setup): it waits for
+    // the panel's tray, then lives there without a window until a second start asks for one.
+    QProcess display, panel;
+    display.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-nolisten", "tcp"});
+    QVERIFY2(display.waitForReadyRead(10000), "Xvfb did not start (scripts/setup installs it)");
+    const QString screen = QLatin1Char(':') + display.readLine().trimmed();
+    QTemporaryDir home;
+    SessionBus bus(home.path());
+    Corvel corvel(
+        home.path(),
+        {"DISPLAY=" + screen, "QT_QPA_PLATFORM=xcb", "DBUS_SESSION_BUS_ADDRESS=" + bus.address},
+        {QStringLiteral("--autostart")});
+    QVERIFY(corvel.waitFor("applicationWillFinishLaunching"));
+    QVERIFY(!corvel.waitFor("applicationDidFinishLaunching", 1500));
+    panel.start(QStringLiteral("env"), {"DISPLAY=" + screen, "trayer"});
+    QVERIFY2(corvel.waitFor("Listening for announcements"), corvel.output.constData());
+    QVERIFY(!corvel.waitFor("viewWillAppear", 1000) && !corvel.output.contains("No system tray"));
+    QByteArray out;
+    QVERIFY(corvel.run({}, &out) == 0 && corvel.waitFor("viewWillAppear"));
+    QVERIFY(corvel.end(SIGTERM));
 }
 
 void TestEndToEnd::headlessLifecycle()

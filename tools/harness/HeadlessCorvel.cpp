@@ -9,7 +9,7 @@
 
 HeadlessCorvel::HeadlessCorvel(const QString &corvel, const QString &fakeBridge,
                                const QString &home, const QString &bridgeName,
-                               const QStringList &environment)
+                               const QStringList &environment, const QStringList &arguments)
     : m_record(home + QStringLiteral("/record"))
 {
     QDir().mkpath(m_record);
@@ -32,7 +32,7 @@ HeadlessCorvel::HeadlessCorvel(const QString &corvel, const QString &fakeBridge,
     m_process.setProcessEnvironment(env);
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     QObject::connect(&m_process, &QProcess::readyRead, [this] { output += m_process.readAll(); });
-    m_process.start(corvel, {QStringLiteral("--headless")});
+    m_process.start(corvel, arguments);
 }
 
 HeadlessCorvel::~HeadlessCorvel()

@@ -11,9 +11,10 @@ class HeadlessCorvel
 {
 public:
     // environment: "NAME=value" entries on top of the ones set here (a session bus, say;
-    // by default Corvel has none).
+    // by default Corvel has none); arguments: how it is started (a desktop start, say).
     HeadlessCorvel(const QString &corvel, const QString &fakeBridge, const QString &home,
-                   const QString &bridgeName, const QStringList &environment = {});
+                   const QString &bridgeName, const QStringList &environment = {},
+                   const QStringList &arguments = {QStringLiteral("--headless")});
     ~HeadlessCorvel();
 
     // Serves the event loop (servers in this process keep answering) until the output holds
