@@ -202,9 +202,9 @@ void TestDiscovery::searchesAHousehold()
     EventRecorder events(discoveryEvents);
     LogCapture capture;
     qputenv("http_proxy", "http://127.0.0.1:9"); // speakers are never asked through a proxy
-    discovery.searchForDevices(1.3);
+    discovery.searchForDevices(2.6);             // sent again after a second, and only once
     QVERIFY(discovery.session() && events.names() == QStringList{"discoveryStarted"});
-    // Sent again after a second, and one player answers each twice: every player is still
+    // One player answers each search twice: every player is still
     // described once, but a failed one is tried again on its next answer.
     CORVEL_WAIT(events.count("discoveryComplete") == 1);
     QVERIFY(events.count("deviceDiscovered") == 4 && simulator.searchesReceived() == 2);
@@ -255,11 +255,15 @@ void TestDiscovery::searchLifecycle()
     QTest::qWait(500); // past the time-out: closed sessions report nothing more
     QCOMPARE(events.names(),
              QStringList({"discoveryStarted", "discoveryStarted", "discoveryComplete"}));
-    // With no interface that can multicast, watching says it hears nothing.
+    // With no interface that can multicast, a search ends at once and watching hears nothing.
     QCOMPARE(QProcess::execute("ip", {"link", "set", "lo", "multicast", "off"}), 0);
+    discovery.searchForDevices(0.3);
     discovery.startWatching();
     QProcess::execute("ip", {"link", "set", "lo", "multicast", "on"});
     QCOMPARE(capture.count("Warning SSDP Not listening for announcements: no interface could"), 1);
+    QVERIFY(capture.has("Error SSDP Failed to establish socket for M-SEARCH broadcasts: no network "
+                        "interface is up and able to multicast"));
+    QCOMPARE(events.names().mid(3), QStringList{"discoveryComplete"});
 }
 
 void TestDiscovery::playerFaults_data()
@@ -405,7 +409,7 @@ void TestDiscovery::believedSpeakersAreBounded()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents);
     LogCapture capture;
-    discovery.searchForDevices(1.3);
+    discovery.searchForDevices(2.6); // sent again after a second, and only once
     const QString line = oneHost ? "Warning SSDP 127.0.1.1 names more speakers than a player has"
                                  : "Warning SSDP 256 speakers known: describing no new ones";
     CORVEL_WAIT_MS(events.count("discoveryComplete") == 1 &&
@@ -452,6 +456,9 @@ void TestDiscovery::keepsWatching()
     QVERIFY(capture.has("Info SSDP Searching again after a network change"));
     QCOMPARE(events.count("discoveryStarted") + events.count("discoveryComplete"), 0);
     QVERIFY(!discovery.session());
+    QCOMPARE(QProcess::execute("ip", {"link", "set", "lo", "mtu", "60000"}), 0); // no address moved
+    QTest::qWait(1500);
+    QCOMPARE(capture.count("Info SSDP Network changed"), 1);
     QProcess::execute("ip", {"addr", "del", "127.0.9.9/32", "dev", "lo"}); // searches send from it
     // Another host claiming a known speaker's UDN takes its place only once the speaker's
     // own address no longer answers as it.
