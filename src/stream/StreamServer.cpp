@@ -117,14 +117,6 @@ void StreamServer::closeUnusedServers()
     }
 }
 
-QList<QHostAddress> StreamServer::listening() const
-{
-    QList<QHostAddress> addresses;
-    for (const auto &[address, server] : m_servers)
-        addresses.append(server->serverAddress());
-    return addresses;
-}
-
 int StreamServer::listeners(const QString &id) const
 {
     return int(std::count_if(m_listeners.begin(), m_listeners.end(),

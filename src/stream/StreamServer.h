@@ -49,8 +49,6 @@ public:
     // while sound plays, a late delivery is waited for, not cut into.
     void setSounding(const QString &id, bool sounding);
     int listeners(const QString &id) const;
-    // The local addresses with a listening socket.
-    QList<QHostAddress> listening() const;
 
     // Told when a speaker stops fetching id's stream (it closed the connection).
     std::function<void(const QString &id)> onListenerGone;

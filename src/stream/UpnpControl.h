@@ -44,6 +44,6 @@ public:
     int pending() const { return m_pending; }
 
 private:
-    QNetworkAccessManager m_network;
+    QNetworkAccessManager m_network{this}; // its replies are children of this
     int m_pending = 0;
 };

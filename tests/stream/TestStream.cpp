@@ -8,6 +8,7 @@
 #include "TestSupport.h"
 #include "UpnpControl.h"
 
+#include <QNetworkReply>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QtEndian>
@@ -152,7 +153,8 @@ void TestStream::pausesAreSilenceAndSoundFollows()
     // The speaker no longer offered: its listener is cut, the port closed.
     server.close(QStringLiteral("S"));
     CORVEL_WAIT(socket.state() == QAbstractSocket::UnconnectedState);
-    QVERIFY(server.listening().isEmpty());
+    socket.connectToHost(url.host(), quint16(url.port()));
+    QVERIFY(!socket.waitForConnected(2000));
 }
 
 void TestStream::upnpCallsAndTheirFaults()
@@ -201,6 +203,7 @@ void TestStream::upnpCallsAndTheirFaults()
     call(QString());
     call(QString());
     QCOMPARE(got.size(), size_t(3));
+    CORVEL_WAIT(upnp.findChildren<QNetworkReply *>().isEmpty()); // none kept
     QVERIFY(got[0].ok && !got[1].ok && got[1].fault == 714 && !got[2].ok && got[2].fault == 0);
     QVERIFY(UpnpControl::sentence(got[1]).contains(QStringLiteral("refused the audio format")));
     QVERIFY(UpnpControl::sentence(got[2]).contains(QStringLiteral("did not answer")));
