@@ -67,111 +67,29 @@ private slots:
 
 void TestLifecycle::rules_data()
 {
+    // The rules are a table, one a line: see its head for the columns.
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<int>("state");
     QTest::addColumn<QStringList>("commands"); // of the last step
     QTest::addColumn<bool>("turnsOn");
-    using L = QStringList;
-    const auto row = [](const char *name, L steps, S state, L commands, bool turnsOn = false) {
-        QTest::addRow("%s", name) << steps << int(state) << commands << turnsOn;
+    const QStringList states = {"StartingUp",    "Searching",        "NoSpeakers", "Starting",
+                                "Running",       "Retrying",         "Stopped",    "Off",
+                                "BridgeMissing", "WaitingForNetwork"};
+    const auto words = [](const QString &text) {
+        return text.split(u' ', Qt::SkipEmptyParts);
     };
-    row("start-up, launched -> search and watch", {"launch"}, S::StartingUp, {"Search", "Watch"},
-        true);
-    row("start-up, search started -> searching", {"launch", "searchStarted"}, S::Searching, {});
-    row("searching, ended without speakers -> no speakers",
-        {"@searching", "-search", "searchEnded"}, S::NoSpeakers, {});
-    row("searching, ended with speakers -> start the bridge",
-        {"@searching", "+speakers", "-search", "searchEnded"}, S::Searching, {"StartBridge"});
-    row("searching, an older search ended -> the running one decides",
-        {"@searching", "+speakers", "searchEnded"}, S::Searching, {});
-    row("searching, ended while the bridge runs -> apply what it changed",
-        {"@running", "searchStarted", "searchEnded"}, S::Searching, {"StartApplyTimer"});
-    row("off, a search ends with speakers -> nothing starts",
-        {"@running", "onoff", "+speakers", "searchEnded"}, S::Off, {}, true);
-    row("starting, an older launch ready -> still starting", {"@starting", "started", "readyOld"},
-        S::Starting, {});
-    row("starting, an older launch not ready -> still starting",
-        {"@starting", "started", "notReadyOld"}, S::Starting, {});
-    row("running, the bridge ends by itself -> retry in 2 s, told once",
-        {"@running", "-bridge", "exit"}, S::Retrying,
-        {"AllowSleep", "TellRetrying", "StartRetryTimer"});
-    row("starting, not ready in time -> stopped by Corvel, said so, retried",
-        {"@starting", "-bridge", "notReady"}, S::Retrying,
-        {"AllowSleep", "TellNotReady", "StartRetryTimer"});
-    row("off, then the watchdog's stop -> no failure",
-        {"@starting", "onoff", "-bridge", "notReady"}, S::Stopped, {"AllowSleep"}, true);
-    row("four ends, off and on, one more -> a first failure again, not the give-up",
-        {"@crashed",      "retry",       "+bridge", "started", "-bridge", "exit",
-         "retry",         "+bridge",     "started", "-bridge", "exit",    "retry",
-         "+bridge",       "started",     "-bridge", "exit",    "onoff",   "onoff",
-         "searchStarted", "searchEnded", "+bridge", "started", "-bridge", "exit"},
-        S::Retrying, {"AllowSleep", "TellRetrying", "StartRetryTimer"});
-    row("retrying, ends again -> retry, not told again", {"@crashed", "retry", "started", "exit"},
-        S::Retrying, {"AllowSleep", "StartRetryTimer"});
-    row("retrying, turned off -> the retry is cancelled", {"@crashed", "onoff"}, S::Off,
-        {"StopRetryTimer", "StopApplyTimer", "AnnounceStopped", "StopWatching", "StopSearching",
-         "StopBridge"},
-        true);
-    row("off, the retry timer fires late -> nothing", {"@crashed", "onoff", "retry"}, S::Off, {},
-        true);
-    row("off, the bridge exits -> stopped", {"@running", "onoff", "-bridge", "exit"}, S::Stopped,
-        {"AllowSleep"}, true);
-    row("off, turned on -> search again", {"@running", "onoff", "onoff"}, S::Searching,
-        {"StopRetryTimer", "Search", "Watch"});
-    row("on again, the old bridge exits during the search -> searching stays",
-        {"@running", "onoff", "onoff", "-bridge", "exit"}, S::Searching, {"AllowSleep"});
-    row("on again, an older launch exits after the new one started -> ignored",
-        {"@running", "onoff", "onoff", "started", "exitOld"}, S::Starting, {});
-    row("running, stopped from the window -> no failure",
-        {"@running", "stopAsked", "-bridge", "exit"}, S::Stopped, {"AllowSleep"}, true);
-    row("turned off, a search asked for in the window -> its end starts the bridge",
-        {"@running", "onoff", "-bridge", "exit", "searchAsked", "searchStarted", "searchEnded"},
-        S::Searching, {"StartBridge"});
-    row("running, a speaker renamed -> wait for quiet", {"@running", "changed"}, S::Running,
-        {"StartApplyTimer"});
-    row("a steady trickle of changes -> no longer restarts the quiet time after 10 s",
-        {"@running", "changed", "t+4", "changed", "t+4", "changed", "t+2", "changed"}, S::Running,
-        {});
-    row("applied after a trickle -> the next change waits for quiet again",
-        {"@running", "changed", "t+10", "changed", "apply", "t+1", "changed"}, S::Running,
-        {"StartApplyTimer"});
-    row("running, quiet after a change -> restart", {"@running", "+differs", "apply"}, S::Starting,
-        {"RestartBridge"});
-    row("running, quiet, nothing the bridge sees -> no restart", {"@running", "apply"}, S::Running,
-        {});
-    row("searching, quiet -> the search decides",
-        {"@running", "searchStarted", "+search", "+differs", "apply"}, S::Searching, {});
-    row("off, quiet -> nothing", {"@running", "onoff", "+differs", "apply"}, S::Off, {}, true);
-    row("no speakers, one appears -> start",
-        {"@searching", "-search", "searchEnded", "+speakers", "apply"}, S::NoSpeakers,
-        {"StartBridge"});
-    row("no speakers, quiet with none -> nothing",
-        {"@searching", "-search", "searchEnded", "apply"}, S::NoSpeakers, {});
-    row("no bridge again -> told once", {"@searching", "missing", "searchStarted", "missing"},
-        S::BridgeMissing, {});
-    row("no bridge, the on/off command -> the setup", {"@searching", "missing", "onoff"},
-        S::BridgeMissing, {"ShowBridgeSetup"});
-    row("no bridge, installed -> search", {"@searching", "missing", "installed"}, S::Searching,
-        {"Search", "Watch"});
-    row("installed, missing again -> told again", {"@searching", "missing", "installed", "missing"},
-        S::BridgeMissing, {"TellBridgeMissing"});
-    row("starting, the network has no address -> wait for it, no failure",
-        {"@starting", "-bridge", "cannotStart"}, S::WaitingForNetwork, {"AllowSleep"});
-    row("waiting for the network, the next search -> start",
-        {"@starting", "-bridge", "cannotStart", "searchStarted", "searchEnded"}, S::Searching,
-        {"StartBridge"});
-    row("no address six times in a row -> still waiting, never given up",
-        {"@starting", "-bridge", "cannotStart", "started", "cannotStart", "started", "cannotStart",
-         "started", "cannotStart", "started", "cannotStart", "started", "cannotStart"},
-        S::WaitingForNetwork, {"AllowSleep"});
-    row("running, the machine wakes -> search and restart the bridge", {"@running", "resumed"},
-        S::Running, {"Search", "RestartBridge"});
-    row("no speakers, the machine wakes -> search",
-        {"@searching", "-search", "searchEnded", "resumed"}, S::NoSpeakers, {"Search"});
-    row("off, the machine wakes -> nothing", {"@running", "onoff", "resumed"}, S::Off, {}, true);
-    row("quit -> shut the bridge down", {"@running", "quit"}, S::Running, {"ShutdownBridge"});
-    row("quit, the bridge exits -> stopped, no failure", {"@running", "quit", "-bridge", "exit"},
-        S::Stopped, {"AllowSleep"}, true);
+    const QByteArray table = testData(QStringLiteral("lifecycle/rules.txt"));
+    QVERIFY(!table.isEmpty());
+    for (const QByteArray &line : table.split('\n')) {
+        const QStringList column = QString::fromUtf8(line).split(QStringLiteral(" | "));
+        if (line.startsWith('#') || column.size() < 4)
+            continue;
+        QVERIFY2(states.contains(column[2]), line.constData());
+        QTest::addRow("%s", qPrintable(column[0]))
+            << words(column[1]) << int(states.indexOf(column[2]))
+            << (column[3] == QLatin1String("none") ? QStringList() : words(column[3]))
+            << (column.value(4) == QLatin1String("on"));
+    }
 }
 
 void TestLifecycle::rules()
