@@ -375,6 +375,9 @@ void PreferencesWindow::fillRow(QListWidgetItem *item, const DeviceSettings &rec
 
 void PreferencesWindow::loadIcon(const QUrl &url, SpeakerRow *rowView)
 {
+    // Only a speaker's own icon: one named on another host is neither fetched nor shown.
+    if (!rowView->deviceLocation || url.host() != rowView->deviceLocation->host())
+        return;
     const auto cached = m_icons.constFind(url);
     if (cached != m_icons.constEnd()) {
         if (!cached->isNull())

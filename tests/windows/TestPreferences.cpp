@@ -23,11 +23,13 @@
 #include <QAbstractButton>
 #include <QAccessible>
 #include <QApplication>
+#include <QBuffer>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QFileDialog>
+#include <QImage>
 #include <QLabel>
 #include <QListWidget>
 #include <QMessageBox>
@@ -399,26 +401,37 @@ void TestPreferences::everyControlHasAnAccessibleName()
 
 void TestPreferences::iconsAreFetchedOnce()
 {
-    // A loopback server that never has the icon: reloads during a search must not ask again.
+    // Speaker 1's own server, answering when the test says: reloads during a search must not
+    // ask again, and speaker 2's icon, named there, is never asked for nor shown.
     QTcpServer server;
-    QVERIFY(server.listen(QHostAddress::LocalHost));
-    int requests = 0;
-    connect(&server, &QTcpServer::newConnection, this, [&] {
-        QTcpSocket *socket = server.nextPendingConnection();
-        ++requests;
-        socket->write("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-        socket->disconnectFromHost();
-    });
-    m_controls->add(1);
-    auto icon = std::make_shared<DeviceInfo::Icon>();
-    icon->url = QUrl(QStringLiteral("http://127.0.0.1:%1/icon.png").arg(server.serverPort()));
-    m_controls->settings().devices.at(location(1)).info.iconList = {icon};
+    QVERIFY(server.listen(QHostAddress(QStringLiteral("127.0.1.1"))));
+    QList<QTcpSocket *> asked;
+    connect(&server, &QTcpServer::newConnection, this,
+            [&] { asked << server.nextPendingConnection(); });
+    for (int n : {1, 2}) {
+        m_controls->add(n);
+        auto icon = std::make_shared<DeviceInfo::Icon>();
+        icon->url =
+            QUrl(QStringLiteral("http://127.0.1.1:%1/%2.png").arg(server.serverPort()).arg(n));
+        m_controls->settings().devices.at(location(n)).info.iconList = {icon};
+    }
     for (int i = 0; i < 5; ++i)
         m_window->reloadData();
-    CORVEL_WAIT(requests == 1);
-    m_window->reloadData();
-    QTest::qWait(200);
-    QCOMPARE(requests, 1);
+    CORVEL_WAIT(asked.size() == 1);
+    QByteArray png;
+    QBuffer buffer(&png);
+    QVERIFY(buffer.open(QIODevice::WriteOnly) &&
+            QImage(5, 3, QImage::Format_RGB32).save(&buffer, "PNG"));
+    asked[0]->write("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
+                    QByteArray::number(png.size()) + "\r\n\r\n" + png);
+    CORVEL_WAIT(asked[0]->state() == QAbstractSocket::UnconnectedState); // read whole
+    settle();
+    for (bool active : {false, true}) { // its row goes and comes back: the icon is remembered
+        m_controls->settings().devices.at(location(1)).active = active;
+        m_window->reloadData();
+    }
+    QCOMPARE(m_window->row(0)->icon()->pixmap().size(), QSize(5, 3));
+    QVERIFY(m_window->row(1)->icon()->pixmap().size() != QSize(5, 3) && asked.size() == 1);
 }
 
 void TestPreferences::buttonFollowsBridgeEventsOnly()
