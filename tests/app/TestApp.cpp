@@ -5,6 +5,7 @@
 #include "Controller.h"
 #include "DeviceDiscovery.h"
 #include "FakePlatform.h"
+#include "Log.h"
 #include "MainQueue.h"
 #include "Notifications.h"
 #include "ServiceManager.h"
@@ -188,6 +189,8 @@ void TestApp::launch()
              QStringList({TrayPresenter::statusSearching, TrayPresenter::commandTurnOff}));
     QCOMPARE(capture.lines().mid(0, 2),
              QStringList({"Info - applicationDidFinishLaunching", "Info - Stopping launcher app"}));
+    Log::shared().log(LogLevel::Info, std::nullopt, QStringLiteral("last words"));
+    QVERIFY(m_app->recentLog().endsWith("last words")); // what a crash report carries
     // A deviceDiscovered event without a topology is ignored with a line.
     post(Notifications::deviceDiscovered,
          {{UserInfoKey::deviceInfo, QVariant::fromValue(speaker(2))}});
@@ -354,6 +357,9 @@ void TestApp::wiring()
     if (!line.isEmpty())
         QVERIFY2(capture.has(line), capture.dump());
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge needed") <= 1); // once per run
+    QCoreApplication::processEvents(); // the outputs follow on a zero timer
+    QCOMPARE(capture.count("Info stream Speakers as sound outputs: on"),
+             int(steps.contains("sound") && !m_app->stoppedByUser())); // only when chosen
     QVERIFY(capture.count("Warning - No AirConnect bridge on this computer") <= 1);
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge stopped") <= 1);
     QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped - The bridge stopped "
