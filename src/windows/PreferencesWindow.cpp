@@ -331,8 +331,7 @@ void PreferencesWindow::layoutRows()
     showCurrentRow();
 }
 
-QListWidgetItem *PreferencesWindow::addRow(int index, const QUrl &location,
-                                           const DeviceSettings &record)
+void PreferencesWindow::addRow(int index, const QUrl &location, const DeviceSettings &record)
 {
     QListWidget *table = m_ui->tableView;
     auto *item = new QListWidgetItem;
@@ -355,7 +354,6 @@ QListWidgetItem *PreferencesWindow::addRow(int index, const QUrl &location,
         m_ui->tableView->setCurrentItem(item);
         m_ui->tableView->scrollToItem(item);
     });
-    return item;
 }
 
 void PreferencesWindow::fillRow(QListWidgetItem *item, const DeviceSettings &record)

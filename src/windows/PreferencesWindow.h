@@ -85,7 +85,7 @@ private:
     // Adds, removes and orders the rows, unless the user is renaming or pointing into the list.
     void layoutRows();
     SpeakerRow *makeRowView(std::optional<QUrl> location);
-    QListWidgetItem *addRow(int index, const QUrl &location, const DeviceSettings &record);
+    void addRow(int index, const QUrl &location, const DeviceSettings &record);
     bool isRenaming() const;
     // Space toggles the current row, F2, Return and Enter rename it.
     bool tableKeyPressed(const QKeyEvent *event);
