@@ -257,11 +257,11 @@ void TestBridge::speakersFromOutput_data()
                        "0x1)",
                        "+10000", "[12:00:12.001] ActionHandler:420 [0x55d0a010]: uPNP stopped"}
         << QStringList{"Den=Ready"} << QList<int>{P::StreamDropped} << 1;
-    QTest::newRow("stopped long after fetching: no problem")
+    QTest::newRow("stopped 15 s after fetching: no problem")
         << QStringList{added("10", "Den"),
                        "[12:00:02.001] HandleRAOP:640 [0x55d0a010]: uPNP setURI http://x (cookie "
                        "0x1)",
-                       "+20000", "[12:00:22.001] ActionHandler:420 [0x55d0a010]: uPNP stopped",
+                       "+15000", "[12:00:17.001] ActionHandler:420 [0x55d0a010]: uPNP stopped",
                        "[12:00:23.001] ActionHandler:430 [0x55d0a010]: uPNP volume 20"}
         << QStringList{"Den=Ready"} << QList<int>{} << 1;
     QTest::newRow("the bridge's faults")
