@@ -540,6 +540,10 @@ void TestDiscovery::httpFraming_data()
     QTest::newRow("closed short of its length")
         << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n<b/>") << true
         << "The connection closed before a complete response" << QByteArray();
+    for (const char *status : {"204 No Content", "304 Not Modified"}) // no body, whatever it says
+        QTest::addRow("%s", status)
+            << "HTTP/1.1 " + QByteArray(status) + "\r\nContent-Length: 5\r\n\r\n"
+            << false << QString() << QByteArray();
     const QString notHttp = QStringLiteral("The server's answer is not valid HTTP");
     QTest::newRow("not HTTP") << QByteArray("RTSP/1.0 200 OK\r\n\r\n") << false << notHttp
                               << QByteArray();
