@@ -343,6 +343,7 @@ void TestBridge::launchReadyAndStop()
     QVERIFY(!bridge.running());
     CORVEL_WAIT(events.names().size() == 3);
     QCOMPARE(events.names().last(), QStringLiteral("serviceTerminated"));
+    QVERIFY(!events.notifications.last().userInfo.value(UserInfoKey::cannotStart).toBool());
     QVERIFY(capture.has("Info AirConnect Terminated"));
     bridge.stop(); // idle: nothing more
     QTest::qWait(50);
