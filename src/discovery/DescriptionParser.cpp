@@ -92,18 +92,15 @@ locale_t cLocale()
 
 std::optional<qint64> DescriptionParser::parseInteger(const QString &text)
 {
-    qsizetype digits = 0;
+    // Digits only, with at most a leading sign: toLongLong alone would take spaces around.
     for (qsizetype i = 0; i < text.size(); ++i) {
         const QChar c = text.at(i);
         if (i == 0 && (c == QLatin1Char('+') || c == QLatin1Char('-')))
             continue;
         if (c < QLatin1Char('0') || c > QLatin1Char('9'))
             return std::nullopt;
-        ++digits;
     }
-    if (digits == 0)
-        return std::nullopt;
-    bool ok = false;
+    bool ok = false; // an empty text or a lone sign is no number
     const qint64 value = text.toLongLong(&ok, 10);
     return ok ? std::optional<qint64>(value) : std::nullopt;
 }

@@ -82,6 +82,7 @@ void TestDiscovery::numbers_data()
                              << F(9223372036854775807.0f);
     QTest::newRow("beyond 64 bits") << "9223372036854775808" << I() << F(9223372036854775808.0f);
     QTest::newRow("exponent") << "1e3" << I() << F(1000);
+    QTest::newRow("a lone sign") << "-" << I() << F();
 }
 
 void TestDiscovery::numbers()
