@@ -9,7 +9,6 @@
 
 #include <csignal>
 #include <cstring>
-#include <exception>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <QCoreApplication>
@@ -258,8 +257,8 @@ void CrashReporter::start()
     sigemptyset(&action.sa_mask);
     for (const int signal : fatalSignals)
         sigaction(signal, &action, nullptr);
-    // qFatal and std::terminate end in abort(), which the SIGABRT handler records.
-    std::set_terminate([] { std::abort(); });
+    // qFatal and std::terminate (after the runtime has named the exception) end in abort(),
+    // which the SIGABRT handler records.
 
     processPendingReports();
 }

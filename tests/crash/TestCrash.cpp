@@ -13,6 +13,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <stdexcept>
 
 namespace {
 struct FakeDelegate : CrashReporterDelegate
@@ -41,6 +42,8 @@ __attribute__((no_sanitize_undefined)) int crash(int argc, char *argv[])
     logInfo(QStringLiteral("the crashed session's last words"));
     if (QByteArray(argv[2]) == "fatal")
         qFatal("fatal error for the test");
+    if (QByteArray(argv[2]) == "throw")
+        throw std::runtime_error("an exception nothing caught");
     volatile int *nothing = nullptr;
     return *nothing;
 }
@@ -93,6 +96,7 @@ void TestCrash::eachRealCrashLeavesAReport_data()
     QTest::addColumn<int>("signal");
     QTest::newRow("null pointer") << "segv" << int(SIGSEGV);
     QTest::newRow("qFatal") << "fatal" << int(SIGABRT);
+    QTest::newRow("uncaught exception") << "throw" << int(SIGABRT);
 }
 
 void TestCrash::eachRealCrashLeavesAReport()

@@ -421,8 +421,7 @@ void TestPreferences::iconsAreFetchedOnce()
     CORVEL_WAIT(asked.size() == 1);
     QByteArray png;
     QBuffer buffer(&png);
-    QVERIFY(buffer.open(QIODevice::WriteOnly) &&
-            QImage(5, 3, QImage::Format_RGB32).save(&buffer, "PNG"));
+    QVERIFY(QImage(5, 3, QImage::Format_RGB32).save(&buffer, "PNG")); // opens it
     asked[0]->write("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
                     QByteArray::number(png.size()) + "\r\n\r\n" + png);
     CORVEL_WAIT(asked[0]->state() == QAbstractSocket::UnconnectedState); // read whole
