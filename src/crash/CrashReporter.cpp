@@ -255,10 +255,10 @@ void CrashReporter::start()
     action.sa_handler = onFatalSignal;
     action.sa_flags = SA_ONSTACK | SA_RESETHAND;
     sigemptyset(&action.sa_mask);
+    // SIGABRT among them: qFatal and std::terminate (after the runtime has named the
+    // exception) end in abort().
     for (const int signal : fatalSignals)
         sigaction(signal, &action, nullptr);
-    // qFatal and std::terminate (after the runtime has named the exception) end in abort(),
-    // which the SIGABRT handler records.
 
     processPendingReports();
 }
