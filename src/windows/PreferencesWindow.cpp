@@ -396,8 +396,7 @@ void PreferencesWindow::loadIcon(const QUrl &url, SpeakerRow *rowView)
         if (reply->error() != QNetworkReply::NoError || !pixmap.loadFromData(reply->readAll()))
             return;
         m_icons.insert(url, pixmap);
-        // The row may show another speaker by now; only its current speaker's icon goes in.
-        if (target && target->deviceLocation && target->deviceLocation->host() == url.host())
+        if (target) // a row keeps its speaker, but may be gone by now
             target->icon()->setPixmap(pixmap);
     });
 }

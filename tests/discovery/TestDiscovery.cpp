@@ -205,8 +205,8 @@ void TestDiscovery::searchesAHousehold()
     qputenv("http_proxy", "http://127.0.0.1:9"); // speakers are never asked through a proxy
     discovery.searchForDevices(2.6);             // sent again after a second, and only once
     QVERIFY(discovery.session() && events.names() == QStringList{"discoveryStarted"});
-    // One player answers each search twice: every player is still
-    // described once, but a failed one is tried again on its next answer.
+    // One player answers each search twice: every player is still described once, but a
+    // failed one is tried again on its next answer.
     CORVEL_WAIT(events.count("discoveryComplete") == 1);
     QVERIFY(events.count("deviceDiscovered") == 4 && simulator.searchesReceived() == 2);
     QCOMPARE(capture.count("Info - Fetching XML from " + household[4].location().toString()), 1);
@@ -410,7 +410,7 @@ void TestDiscovery::believedSpeakersAreBounded()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents);
     LogCapture capture;
-    discovery.searchForDevices(2.6); // sent again after a second, and only once
+    discovery.searchForDevices(1.3);
     const QString line = oneHost ? "Warning SSDP 127.0.1.1 names more speakers than a player has"
                                  : "Warning SSDP 256 speakers known: describing no new ones";
     CORVEL_WAIT_MS(events.count("discoveryComplete") == 1 &&

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// corvel --headless as a server runs it, with folders of its own under home and the stand-in
-// bridge copied there under bridgeName (a name of the caller's own, so runs side by side
-// never sweep each other's bridges away as stale). For the end-to-end suite and the
-// benchmarks; start it only inside a private network namespace: it searches.
+// corvel --headless as a server runs it (or with other arguments, as a desktop starts it at
+// login), with folders of its own under home and the stand-in bridge copied there under
+// bridgeName (a name of the caller's own, so runs side by side never sweep each other's
+// bridges away as stale). For the end-to-end suite and the benchmarks; start it only inside
+// a private network namespace: it searches.
 #pragma once
 
 #include <QProcess>
