@@ -102,14 +102,7 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
 
     case Event::BridgeNotReady:
         // A failure like an end by itself (retried with back-off), told as what it was.
-        if (launch == m_launch && !m_stoppedByUser &&
-            (m_state == S::Starting || m_state == S::Running)) {
-            m_exitExpected = false;
-            Commands commands = bridgeEndedUnasked(true);
-            commands.insert(commands.begin(), C::AllowSleep);
-            return commands;
-        }
-        return bridgeEnded(launch);
+        return bridgeEnded(launch, true);
 
     case Event::BridgeCannotStart:
         // Not a failure: the network comes up later (at login, after a cable or Wi-Fi change),
@@ -126,7 +119,7 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
     case Event::Resumed:
         // Senders forget targets whose announcements expired during sleep, and a bridge may
         // hang after a suspend: search again and start the bridge afresh.
-        if (m_stoppedByUser || m_state == S::Off)
+        if (m_stoppedByUser)
             return {};
         if (m_facts.bridgeRunning())
             return {C::Search, C::RestartBridge};
@@ -179,7 +172,7 @@ Lifecycle::Commands Lifecycle::searchEnded()
 
 Lifecycle::Commands Lifecycle::applyChanges()
 {
-    if (m_stoppedByUser || m_state == S::Off)
+    if (m_stoppedByUser) // turned off
         return {};
     // A search decides when it completes (and comes back here).
     if (m_facts.searchRunning())
@@ -199,15 +192,14 @@ Lifecycle::Commands Lifecycle::applyChanges()
     return {};
 }
 
-Lifecycle::Commands Lifecycle::bridgeEnded(quint64 launch)
+Lifecycle::Commands Lifecycle::bridgeEnded(quint64 launch, bool notReady)
 {
     // Only the launch the state follows may change it.
     if (launch != m_launch)
         return {};
-    const bool expected = std::exchange(m_exitExpected, false);
     if (m_state == S::Starting || m_state == S::Running) {
-        if (!expected && !m_stoppedByUser) {
-            Commands commands = bridgeEndedUnasked();
+        if (!m_exitExpected && !m_stoppedByUser) {
+            Commands commands = bridgeEndedUnasked(notReady);
             commands.insert(commands.begin(), C::AllowSleep);
             return commands;
         }
@@ -235,8 +227,7 @@ Lifecycle::Commands Lifecycle::bridgeEndedUnasked(bool notReady)
         enter(S::Stopped, true);
         return {C::TellGaveUp};
     }
-    m_retryDelay = std::min(maxRetryDelaySeconds, 2 << std::min(m_retries, 5));
-    ++m_retries;
+    m_retryDelay = std::clamp(m_retryDelay * 2, 2, maxRetryDelaySeconds); // 2, 4, 8 … 60 s
     logWarning(notReady ? QStringLiteral("AirConnect was not ready in time, so Corvel stopped it; "
                                          "restarting it in %1 s")
                               .arg(m_retryDelay)
@@ -258,7 +249,7 @@ Lifecycle::Commands Lifecycle::stopBridge()
 void Lifecycle::forgetFailures()
 {
     m_failures.clear();
-    m_retries = 0;
+    m_retryDelay = 0;
     m_toldRetrying = false;
 }
 

@@ -122,8 +122,8 @@ private:
     Commands stopBridge();
     Commands applyChanges();
     Commands searchEnded();
-    Commands bridgeEnded(quint64 launch);
-    Commands bridgeEndedUnasked(bool notReady = false);
+    Commands bridgeEnded(quint64 launch, bool notReady = false);
+    Commands bridgeEndedUnasked(bool notReady);
 
     const Facts &m_facts;
     std::function<qint64()> m_now;
@@ -138,7 +138,6 @@ private:
     quint64 m_launch = 0;        // the bridge launch the state follows
     qint64 m_readySince = -1;
     std::deque<qint64> m_failures; // when the bridge ended by itself
-    int m_retries = 0;             // consecutive retries, for the back-off
-    int m_retryDelay = 0;          // seconds
+    int m_retryDelay = 0;          // seconds; doubles with each consecutive retry
     int m_retryUnitMs = 1000;
 };
