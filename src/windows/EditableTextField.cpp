@@ -28,41 +28,34 @@ EditableTextField::Action EditableTextField::actionFor(const QKeyEvent *event)
     return Action::None;
 }
 
-bool EditableTextField::perform(Action action)
+void EditableTextField::perform(Action action)
 {
+    // The line edit's own slots do nothing when there is nothing to do: no selection to copy,
+    // nothing to undo or redo, no copy of a hidden text. A read-only field takes no cut or paste.
     switch (action) {
     case Action::Cut:
-        if (isReadOnly() || !hasSelectedText() || echoMode() != Normal)
-            return false;
-        cut();
-        return true;
+        if (!isReadOnly())
+            cut();
+        break;
     case Action::Copy:
-        if (!hasSelectedText() || echoMode() != Normal)
-            return false;
         copy();
-        return true;
+        break;
     case Action::Paste:
-        if (isReadOnly())
-            return false;
-        paste();
-        return true;
+        if (!isReadOnly())
+            paste();
+        break;
     case Action::Undo:
-        if (isReadOnly() || !isUndoAvailable())
-            return false;
         undo();
-        return true;
+        break;
+    case Action::Redo:
+        redo();
+        break;
     case Action::SelectAll:
         selectAll();
-        return true;
-    case Action::Redo:
-        if (isReadOnly() || !isRedoAvailable())
-            return false;
-        redo();
-        return true;
+        break;
     case Action::None:
         break;
     }
-    return false;
 }
 
 bool EditableTextField::endsEdit(const QKeyEvent *event)
@@ -127,17 +120,14 @@ bool EditableTextField::event(QEvent *event)
                 endEditByKey(key);
             return true;
         }
+        // An editing key is claimed at the shortcut stage, so that it arrives here as a key
+        // press and not as some window's shortcut.
         const Action action = actionFor(key);
         if (action != Action::None) {
-            if (event->type() == QEvent::ShortcutOverride) {
-                // Claim the key so that it arrives here as a key press, not as a shortcut.
-                event->accept();
-                return true;
-            }
-            if (perform(action)) {
-                event->accept();
-                return true;
-            }
+            event->accept();
+            if (event->type() == QEvent::KeyPress)
+                perform(action);
+            return true;
         }
     }
     return QLineEdit::event(event);

@@ -37,8 +37,7 @@ protected:
 private:
     enum class Action { None, Cut, Copy, Paste, Undo, SelectAll, Redo };
     static Action actionFor(const QKeyEvent *event);
-    // Performs the action if it can be performed now; returns whether it was.
-    bool perform(Action action);
+    void perform(Action action);
     // Return, Enter and Escape without modifiers end an edit.
     static bool endsEdit(const QKeyEvent *event);
     void endEditByKey(const QKeyEvent *event);

@@ -314,11 +314,11 @@ void PreferencesWindow::layoutRows()
             addRow(index, key.url, record);
             continue;
         }
-        // Moved, not made again: the row keeps its widget, its focus and its icon.
+        // Moved, not made again: the row keeps its widget, its focus and its icon. The rows
+        // above hold the speakers placed so far, so this one is never above its place.
         const int from = table->row(*item);
         if (from != index)
-            table->model()->moveRow(QModelIndex(), from, QModelIndex(),
-                                    from < index ? index + 1 : index);
+            table->model()->moveRow(QModelIndex(), from, QModelIndex(), index);
     }
     if (shown.empty() && !m_noSpeakersItem) {
         m_noSpeakersItem = new QListWidgetItem(table);
