@@ -134,7 +134,7 @@ QString CrashReporter::readableRecord(const QString &record)
 {
     QStringList lines = record.split(QLatin1Char('\n'));
     for (QString &line : lines) {
-        bool ok = false;
+        bool ok; // set by each conversion below before it is read
         if (line.startsWith(QLatin1String("signal "))) {
             const int signal = line.mid(7).toInt(&ok);
             const char *name = ok ? ::strsignal(signal) : nullptr;

@@ -100,7 +100,7 @@ std::optional<qint64> DescriptionParser::parseInteger(const QString &text)
         if (c < QLatin1Char('0') || c > QLatin1Char('9'))
             return std::nullopt;
     }
-    bool ok = false; // an empty text or a lone sign is no number
+    bool ok; // set by the conversion: an empty text or a lone sign is no number
     const qint64 value = text.toLongLong(&ok, 10);
     return ok ? std::optional<qint64>(value) : std::nullopt;
 }

@@ -125,7 +125,7 @@ bool HttpGet::parseHead()
         const QByteArray name = lines[i].left(colon).trimmed().toLower();
         const QByteArray value = lines[i].mid(colon + 1).trimmed();
         if (name == "content-length") {
-            bool ok = false;
+            bool ok; // set by the conversion
             m_contentLength = value.toLongLong(&ok);
             if (!ok || m_contentLength < 0) {
                 finish(malformed);
@@ -158,7 +158,7 @@ bool HttpGet::parseChunks()
             // The size, in hex, may be followed by extensions after ';'.
             QByteArray size = m_buffer.left(lineEnd);
             size.truncate(size.indexOf(';') < 0 ? size.size() : size.indexOf(';'));
-            bool ok = false;
+            bool ok; // set by the conversion
             const qlonglong length = size.trimmed().toLongLong(&ok, 16);
             if (!ok || length < 0) {
                 finish(malformed);
