@@ -37,7 +37,7 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
             return {C::StopRetryTimer, C::Search, C::Watch};
         }
         enter(S::Off, true);
-        m_changedSince = -1;
+        m_changedSince.reset();
         Commands commands{C::StopRetryTimer, C::StopApplyTimer, C::AnnounceStopped, C::StopWatching,
                           C::StopSearching};
         for (const Command command : stopBridge())
@@ -72,20 +72,20 @@ Lifecycle::Commands Lifecycle::handle(Event event, quint64 launch)
     case Event::SpeakerDeparted:
     case Event::SpeakerChanged:
         // Each change starts the quiet time afresh, until the first waited maxApplyWaitMs.
-        if (m_changedSince < 0)
+        if (!m_changedSince)
             m_changedSince = m_now();
-        if (m_now() - m_changedSince >= maxApplyWaitMs)
+        if (m_now() - *m_changedSince >= maxApplyWaitMs)
             return {};
         return {C::StartApplyTimer};
 
     case Event::ApplyTimerFired:
-        m_changedSince = -1;
+        m_changedSince.reset();
         return applyChanges();
 
     case Event::BridgeStarted:
         m_launch = launch;
         m_exitExpected = false;
-        m_readySince = -1;
+        m_readySince.reset();
         enter(S::Starting);
         return {C::PreventSleep};
 
@@ -214,7 +214,7 @@ Lifecycle::Commands Lifecycle::bridgeEnded(quint64 launch, bool notReady)
 Lifecycle::Commands Lifecycle::bridgeEndedUnasked(bool notReady)
 {
     const qint64 now = m_now();
-    if (m_readySince >= 0 && now - m_readySince >= failureWindowMs)
+    if (m_readySince && now - *m_readySince >= failureWindowMs)
         forgetFailures(); // it had been running well: a fresh start
     m_failures.push_back(now);
     while (now - m_failures.front() > failureWindowMs)
@@ -227,7 +227,7 @@ Lifecycle::Commands Lifecycle::bridgeEndedUnasked(bool notReady)
         enter(S::Stopped, true);
         return {C::TellGaveUp};
     }
-    m_retryDelay = std::clamp(m_retryDelay * 2, 2, maxRetryDelaySeconds); // 2, 4, 8 … 60 s
+    m_retryDelay = std::min(m_retryDelay * 2, maxRetryDelaySeconds); // 2, 4, 8 … 60 s
     logWarning(notReady ? QStringLiteral("AirConnect was not ready in time, so Corvel stopped it; "
                                          "restarting it in %1 s")
                               .arg(m_retryDelay)
@@ -249,7 +249,7 @@ Lifecycle::Commands Lifecycle::stopBridge()
 void Lifecycle::forgetFailures()
 {
     m_failures.clear();
-    m_retryDelay = 0;
+    m_retryDelay = 1;
     m_toldRetrying = false;
 }
 

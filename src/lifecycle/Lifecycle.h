@@ -127,7 +127,7 @@ private:
 
     const Facts &m_facts;
     std::function<qint64()> m_now;
-    qint64 m_changedSince = -1; // when the first change not yet applied came; -1: none
+    std::optional<qint64> m_changedSince; // when the first change not yet applied came
     State m_state = State::StartingUp;
     bool m_onOffTurnsOn = true;
     bool m_stoppedByUser = false;
@@ -136,8 +136,8 @@ private:
     bool m_toldRetrying = false;
     bool m_exitExpected = false; // a stop was asked for: the next exit is no failure
     quint64 m_launch = 0;        // the bridge launch the state follows
-    qint64 m_readySince = -1;
+    std::optional<qint64> m_readySince;
     std::deque<qint64> m_failures; // when the bridge ended by itself
-    int m_retryDelay = 0;          // seconds; doubles with each consecutive retry
+    int m_retryDelay = 1; // seconds; doubled for each consecutive retry, 1 before the first
     int m_retryUnitMs = 1000;
 };
