@@ -359,11 +359,17 @@ void TestPreferences::keyboard()
     table()->setCurrentRow(0);
     QTest::keyClick(table(), Qt::Key_Down);
     QCOMPARE(table()->currentRow(), 1);
+    // The current row is tinted while the list has the keyboard (past the row's right margin).
+    const auto tint = [this](int row) {
+        const QImage image = m_window->row(row)->grab().toImage();
+        return image.pixelColor(image.width() - 5, image.height() / 2);
+    };
+    QVERIFY(tint(1) != tint(0));
     QTest::keyClick(table(), Qt::Key_Space);
     QVERIFY(!m_controls->settings().devices.at(location(2)).enabled &&
             !m_window->row(1)->checkbox()->isChecked());
     QTest::keyClick(table(), Qt::Key_Return);
-    QVERIFY(m_window->row(1)->isRenaming());
+    QVERIFY(m_window->row(1)->isRenaming() && tint(1) == tint(0));
     QTest::keyClick(m_window->row(1)->titleField(), Qt::Key_Escape);
     QVERIFY(m_window->isVisible());
     // Escape and Ctrl+W close the window; without a tray Escape leaves it be.
@@ -663,8 +669,13 @@ void TestPreferences::factoryMakesEachWindowOnce()
         QVERIFY(made && windows.isVisible(kind) && !made->windowTitle().isEmpty());
         windows.show(kind); // brought forward, not made again
         QCOMPARE(windows.window(kind), made);
-        for (const QLabel *label : made->findChildren<QLabel *>()) // long texts wrap
+        // Long texts wrap, in lines long enough to read easily (sixty characters or more).
+        for (const QLabel *label : made->findChildren<QLabel *>()) {
             QVERIFY2(label->text().size() < 90 || label->wordWrap(), qPrintable(label->text()));
+            QVERIFY2(!label->wordWrap() || !label->isVisible() ||
+                         label->width() >= 60 * label->fontMetrics().averageCharWidth(),
+                     qPrintable(label->text()));
+        }
     }
     QVERIFY(AboutWindow::versionInfo().startsWith("Corvel " + Settings::currentVersion()));
     // About names no placeholder address (this build has none) and the version once; its
@@ -800,7 +811,11 @@ void TestPreferences::feedbackIsSentAsWritten()
     QVERIFY(!send->isEnabled() && log->isChecked()); // nothing written yet; the log goes along
     window.findChild<QLineEdit *>("nameLineEdit")->setText("Ann");
     window.findChild<QLineEdit *>("emailLineEdit")->setText("ann@example.org");
-    window.findChild<QPlainTextEdit *>("messagePlainTextEdit")->setPlainText("Café works");
+    auto *message = window.findChild<QPlainTextEdit *>("messagePlainTextEdit");
+    message->setPlainText("Café works");
+    window.show();
+    window.resize(1, 1); // at its smallest, the message still has room for a few lines
+    QVERIFY(message->height() >= 5 * message->fontMetrics().lineSpacing());
     log->setChecked(withLog);
     Log::shared().log(LogLevel::Info, std::nullopt, QStringLiteral("the latest line"));
     send->click();
