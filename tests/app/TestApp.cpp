@@ -217,74 +217,28 @@ void TestApp::launch()
 
 void TestApp::wiring_data()
 {
+    // The cases are a table, one a line: see its head for the columns.
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<int>("state");
     QTest::addColumn<QString>("command");
     QTest::addColumn<int>("starts");
-    QTest::addColumn<QString>("line"); // the last decision logged, if any
-    using L = QStringList;
-    using S = Controller::State;
-    const QString on = TrayPresenter::commandTurnOn, off = TrayPresenter::commandTurnOff;
-    QTest::newRow("starting") << L{"launch", "speaker", "complete"} << int(S::Starting) << off << 1
-                              << "Info - Discovery complete, starting AirConnect";
-    QTest::newRow("turned off while running")
-        << L{"launch", "speaker", "complete", "ready", "onoff"} << int(S::Stopped) << on << 1
-        << "Info - Discovery complete, bridge is stopped";
-    // The bridge stopped by "off" exits while the search of "on" runs, or after the next
-    // launch: either way the newer run's titles stand.
-    QTest::newRow("off and on while the bridge stops")
-        << L{"launch", "speaker", "complete", "ready",    "slow", "onoff",
-             "onoff",  "exited",  "speaker",  "complete", "ready"}
-        << int(S::Running) << off << 2 << "";
-    QTest::newRow("a rename restarts the bridge")
-        << L{"launch", "speaker", "complete", "ready", "rename", "apply"} << int(S::Starting) << off
-        << 2 << "Info - Speakers changed, restarting AirConnect";
-    QTest::newRow("a bridge without a network waits for the next search")
-        << L{"launch", "speaker", "complete", "cannot", "cannot", "search", "speaker", "complete"}
-        << int(S::Starting) << off << 2
-        << "Warning - AirConnect cannot start until its network has an address; waiting for the "
-           "network";
-    QTest::newRow("waking from suspend searches and restarts the bridge")
-        << L{"launch", "speaker", "complete", "ready", "resumed"} << int(S::Starting) << off << 2
-        << "";
-    QTest::newRow("a new delay restarts the bridge once, with it")
-        << L{"launch", "speaker", "complete", "ready", "delay", "delay", "apply", "ready", "apply"}
-        << int(S::Running) << off << 2 << "";
-    QTest::newRow("a bridge that keeps ending is restarted, then given up with its last words")
-        << L{"launch",  "speaker", "complete", "ready", "crash",   "retried", "crash",
-             "retried", "crash",   "retried",  "crash", "retried", "crash"}
-        << int(S::Stopped) << on << 5
-        << "Warning - Notice: Corvel stopped - The AirConnect bridge keeps stopping, so Corvel "
-           "has stopped restarting it. Its last words:\nlast words";
-    QTest::newRow("a bridge file that cannot be written: five starts, each one failure")
-        << L{"unwritable", "launch", "speaker", "complete", "retried"} << int(S::Stopped) << on << 5
-        << "Error - AirConnect ended 5 times within 10 minutes; not restarting it";
-    QTest::newRow("a bridge the watchdog stopped is said to be stopped by Corvel")
-        << L{"launch", "speaker", "complete", "notready", "retried"} << int(S::Starting) << off << 2
-        << "Warning - Notice: AirConnect bridge stopped - The bridge was not ready within 20 "
-           "seconds, so Corvel stopped it; it is starting it again.";
-    QTest::newRow("a departure restarts the bridge")
-        << L{"launch", "speaker", "complete", "ready", "depart", "apply"} << int(S::Starting) << off
-        << 2 << "";
-    QTest::newRow("no bridge at start: said at once, whatever the search finds")
-        << L{"absent", "launch", "complete"} << int(S::BridgeMissing)
-        << TrayPresenter::commandInstallBridge << 0
-        << "Warning - No AirConnect bridge on this computer; looked in /opt/airupnp";
-    QTest::newRow("a bridge put in place: found after the next search, which starts over")
-        << L{"absent", "launch", "complete", "present", "complete"} << int(S::Searching) << off << 0
-        << "Info - Found the AirConnect bridge at /opt/airupnp";
-    QTest::newRow("no bridge: the on/off item offers its setup")
-        << L{"launch", "speaker", "complete", "missing", "search", "speaker", "complete", "missing"}
-        << int(S::BridgeMissing) << TrayPresenter::commandInstallBridge << 2
-        << "Warning - Notice: AirConnect bridge needed - Corvel needs the free AirConnect "
-           "bridge to play to your speakers from phones and other computers. This computer's "
-           "own sound needs no bridge: turn on sound outputs in Preferences.";
-    QTest::newRow("no bridge, this computer's sound on: the bridge is for other devices")
-        << L{"sound", "launch", "speaker", "complete", "missing"} << int(S::BridgeMissing)
-        << TrayPresenter::commandInstallBridge << 1
-        << "Warning - Notice: AirConnect bridge not set up - This computer plays to your "
-           "speakers without it. Set up the free AirConnect bridge so that phones and other "
-           "computers can too.";
+    QTest::addColumn<QString>("line");
+    const QStringList states = {"StartingUp", "Searching", "NoSpeakers", "Starting",     "Running",
+                                "Retrying",   "Stopped",   "Off",        "BridgeMissing"};
+    const QHash<QString, QString> commands = {{"on", TrayPresenter::commandTurnOn},
+                                              {"off", TrayPresenter::commandTurnOff},
+                                              {"install", TrayPresenter::commandInstallBridge}};
+    const QByteArray table = testData(QStringLiteral("app/wiring.txt"));
+    QVERIFY(!table.isEmpty());
+    for (const QString &line : QString::fromUtf8(table).split('\n')) {
+        const QStringList column = line.split(QStringLiteral(" | "));
+        if (line.startsWith('#') || column.size() < 5)
+            continue;
+        QVERIFY2(states.contains(column[2]) && commands.contains(column[3]), qPrintable(line));
+        QTest::addRow("%s", qPrintable(column[0]))
+            << column[1].split(' ') << int(states.indexOf(column[2])) << commands[column[3]]
+            << column[4].toInt() << column.value(5).replace(QStringLiteral("\\n"), "\n");
+    }
 }
 
 void TestApp::wiring()
