@@ -7,10 +7,12 @@
 #include "BuildConfig.h"
 #include "Log.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <iterator>
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
@@ -48,31 +50,19 @@ alignas(16) char g_alternateStack[64 * 1024];
 
 void writeText(int fd, const char *text)
 {
-    size_t left = std::strlen(text);
-    while (left > 0) {
-        const ssize_t written = ::write(fd, text, left);
-        if (written <= 0)
-            return;
-        text += written;
-        left -= size_t(written);
-    }
+    // One write: a short one (a full disk) leaves a shorter record, which is still read.
+    [[maybe_unused]] const ssize_t written = ::write(fd, text, std::strlen(text));
 }
 
-void writeNumber(int fd, long long value)
+void writeNumber(int fd, unsigned long long value)
 {
-    char digits[24];
-    int at = int(sizeof digits) - 1;
-    digits[at] = '\0';
-    const bool negative = value < 0;
-    unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(value)
-                                            : static_cast<unsigned long long>(value);
+    char digits[24] = {}; // the largest value has 20
+    char *at = std::end(digits) - 1;
     do {
-        digits[--at] = char('0' + magnitude % 10);
-        magnitude /= 10;
-    } while (magnitude > 0 && at > 1);
-    if (negative)
-        digits[--at] = '-';
-    writeText(fd, digits + at);
+        *--at = char('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    writeText(fd, at);
 }
 
 void onFatalSignal(int signal)
@@ -120,8 +110,8 @@ QString CrashReporter::lastEntries(const QString &text, int count, int linesEach
         entries.back() << line;
     }
     QStringList kept;
-    for (size_t i = entries.size() > size_t(count) ? entries.size() - size_t(count) : 0;
-         i < entries.size(); ++i) {
+    for (size_t i = entries.size() - std::min(entries.size(), size_t(count)); i < entries.size();
+         ++i) {
         const QStringList &entry = entries[i];
         kept << entry.mid(0, linesEach);
         if (entry.size() > linesEach)
@@ -156,9 +146,8 @@ QString lastEntriesOf(const QString &path, int count)
     QFile file(path);
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
         return {};
-    // The session file is bounded; its end is what matters.
-    if (file.size() > 4 * 1024 * 1024)
-        file.seek(file.size() - 4 * 1024 * 1024);
+    // The session file is bounded, to about this; its end is what matters.
+    file.seek(std::max<qint64>(0, file.size() - Log::sessionFileMaxBytes));
     return CrashReporter::lastEntries(QString::fromUtf8(file.readAll()), count);
 }
 } // namespace
@@ -166,12 +155,12 @@ QString lastEntriesOf(const QString &path, int count)
 void CrashReporter::writeCrashRecord(int signal)
 {
     const int fd = ::open(g_recordPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0)
+    if (fd == -1)
         return;
     writeText(fd, "signal ");
-    writeNumber(fd, signal);
+    writeNumber(fd, static_cast<unsigned>(signal));
     writeText(fd, "\ntime ");
-    writeNumber(fd, static_cast<long long>(::time(nullptr)));
+    writeNumber(fd, static_cast<unsigned long long>(::time(nullptr)));
     writeText(fd, "\nversion ");
     writeText(fd, g_version);
     writeText(fd, "\nlog ");
@@ -191,8 +180,7 @@ CrashReporter &CrashReporter::shared()
 
 CrashReporter::CrashReporter(QObject *parent) : QObject(parent)
 {
-    if (qstrlen(CORVEL_CRASH_ENDPOINT) > 0)
-        m_endpoint = QUrl(QStringLiteral(CORVEL_CRASH_ENDPOINT));
+    m_endpoint = QUrl(QStringLiteral(CORVEL_CRASH_ENDPOINT)); // empty: nowhere to send
 }
 
 void CrashReporter::configure(const QString &identifier, CrashReporterDelegate *delegate)

@@ -42,8 +42,6 @@ Log::~Log()
 }
 
 namespace {
-constexpr qint64 sessionFileMaxBytes = 1024 * 1024;
-
 void writeAll(int fd, const QByteArray &bytes)
 {
     qsizetype done = 0;

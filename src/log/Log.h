@@ -21,6 +21,7 @@ class Log : public LogDelegate
 {
 public:
     static constexpr int maxLines = 1000;
+    static constexpr qint64 sessionFileMaxBytes = 1024 * 1024; // about, see setSessionFile
 
     // The process-wide log, created on first use.
     static Log &shared();

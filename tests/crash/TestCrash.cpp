@@ -76,13 +76,15 @@ void TestCrash::reportsReadAsEntriesAndWords()
     log << QStringLiteral("[2026-11-25 03:41:00.000 +0000][Verbose][bridge] Config:");
     for (int i = 0; i < 300; ++i)
         log << QStringLiteral("  <device>%1</device>").arg(i);
-    log << QStringLiteral("[2026-11-25 03:41:01.000 +0000][Error][app] last words");
+    log << QStringLiteral("[2026-11-25 03:41:01.000 +0000][Error][app] last words:");
+    for (int i = 0; i < 9; ++i) // ten lines in all: kept whole, without a note
+        log << QStringLiteral("  word %1").arg(i);
     const QStringList kept =
         CrashReporter::lastEntries(log.join('\n'), 100).split(QLatin1Char('\n'));
-    QCOMPARE(kept.size(), 98 + 1 + 10 + 1); // 98 events, the config's first 10 lines and a note
+    QCOMPARE(kept.size(), 98 + 10 + 1 + 10); // 98 events, the config's first 10 lines and a note
     QVERIFY(kept.first().endsWith(QLatin1String("event 22")));
-    QCOMPARE(kept.at(kept.size() - 2), QStringLiteral("    … 291 more lines"));
-    QVERIFY(kept.last().endsWith(QLatin1String("last words")));
+    QCOMPARE(kept.at(kept.size() - 11), QStringLiteral("    … 291 more lines"));
+    QCOMPARE(kept.last(), QStringLiteral("  word 8"));
     // The record's signal and time in words.
     const QString record =
         CrashReporter::readableRecord(QStringLiteral("signal 11\ntime 0\nversion 1"));
@@ -123,6 +125,8 @@ void TestCrash::eachRealCrashLeavesAReport()
     QCOMPARE(QDir(reporter.stateFolder()).entryList({QStringLiteral("session-*.log")}).size(), 2);
     const QByteArray record = readFile(reports.first());
     QVERIFY2(record.startsWith("signal " + QByteArray::number(signal) + "\ntime "), record);
+    QVERIFY(qAbs(record.split('\n')[1].mid(5).toLongLong() - QDateTime::currentSecsSinceEpoch()) <
+            60);
     QVERIFY(record.contains("\nversion 9.8.7\n") && record.contains("\nbacktrace:\n"));
     FakeDelegate delegate;
     reporter.configure(QStringLiteral("org.corvel.Corvel"), &delegate);
@@ -247,7 +251,11 @@ void TestCrash::waitingReportsAreCappedInNumberAndAge()
     old.close();
     CrashReporter reporter;
     reporter.setStateFolder(state.path());
+    LogCapture capture(LogLevel::Info); // the usual level
     reporter.processPendingReports();
+    QVERIFY2(
+        capture.dump().contains(" Removed 5 crash report(s): 10 at most are kept, for 30 days"),
+        capture.dump());
     const QStringList left = reporter.pendingReports();
     QVERIFY(left.size() == 9 && left.first().endsWith("/crash-14-1.txt") &&
             left.last().endsWith("/crash-22-1.txt"));
