@@ -297,6 +297,5 @@ int main(int argc, char *argv[])
     } else {
         launch();
     }
-    const int status = app.exec();
-    return status;
+    return app.exec();
 }

@@ -95,15 +95,19 @@ void TestEndToEnd::desktopStartWaitsForThePanelsTray()
     const QString screen = QLatin1Char(':') + display.readLine().trimmed();
     QTemporaryDir home;
     SessionBus bus(home.path());
-    Corvel corvel(
-        home.path(),
-        {"DISPLAY=" + screen, "QT_QPA_PLATFORM=xcb", "DBUS_SESSION_BUS_ADDRESS=" + bus.address},
-        {QStringLiteral("--autostart")});
+    Corvel corvel(home.path(),
+                  {"DISPLAY=" + screen, "QT_QPA_PLATFORM=xcb",
+                   "DBUS_SESSION_BUS_ADDRESS=" + bus.address, "CORVEL_BRIDGE=/nonexistent/airupnp"},
+                  {QStringLiteral("--autostart")});
     QVERIFY(corvel.waitFor("applicationWillFinishLaunching"));
     QVERIFY(!corvel.waitFor("applicationDidFinishLaunching", 1500));
     panel.start(QStringLiteral("env"), {"DISPLAY=" + screen, "trayer"});
     QVERIFY2(corvel.waitFor("Listening for announcements"), corvel.output.constData());
+    // No bridge here: said in the tray's balloon, not in the desktop's notifications (which
+    // this bus does not have).
+    QVERIFY(corvel.waitFor("Notice: AirConnect bridge needed"));
     QVERIFY(!corvel.waitFor("viewWillAppear", 1000) && !corvel.output.contains("No system tray"));
+    QVERIFY2(!corvel.output.contains("No notification service"), corvel.output.constData());
     QByteArray out;
     QVERIFY(corvel.run({}, &out) == 0 && corvel.waitFor("viewWillAppear"));
     QVERIFY(corvel.end(SIGTERM));
