@@ -18,6 +18,7 @@
 #include "TestSupport.h"
 
 #include <QApplication>
+#include <QDBusConnection>
 #include <QSignalSpy>
 #include <QSystemTrayIcon>
 #include <sys/socket.h>
@@ -414,6 +415,12 @@ void TestApp::speakerCommands()
     QVERIFY(!SpeakerCommands::findSpeaker(*settings, QStringLiteral("Room 2 - One"), &error));
     QVERIFY(error.startsWith(QStringLiteral("More than one speaker")));
     LogCapture capture;
+    // A copy with a runtime folder of its own owns the bus name: that one runs, not this one.
+    QDBusConnection elsewhere =
+        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("elsewhere"));
+    QVERIFY(elsewhere.registerService(SingleInstance::serviceName));
+    QCOMPARE(SingleInstance(*settings, {}).claim(), SingleInstance::Claim::OtherRunning);
+    QVERIFY(elsewhere.unregisterService(SingleInstance::serviceName));
     // The running copy holds the lock and the name; the commands of others reach it on the bus.
     int shown = 0;
     SingleInstance running(*settings, [&shown] { ++shown; });
