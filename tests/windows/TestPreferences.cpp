@@ -654,7 +654,9 @@ void TestPreferences::germanTranslation()
              QStringLiteral("&Erneut suchen"));
     QCOMPARE(TrayPresenter::statusTitle(Lifecycle::State::Running),
              QStringLiteral("Corvel: Läuft"));
+    QCOMPARE(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Abbrechen"); // Qt's own
     QCOMPARE(Translations::install(QLocale(QLocale::English, QLocale::UnitedKingdom)), 0);
+    QCOMPARE(QCoreApplication::translate("QPlatformTheme", "Cancel"), "Cancel");
 }
 
 void TestPreferences::factoryMakesEachWindowOnce()
