@@ -54,6 +54,7 @@ void TestEvents::changesDuringDelivery()
     center.post(Notifications::serviceReady);
     QCOMPARE(calls.count(QStringLiteral("added")), 1);
     QVERIFY(!calls.contains(QStringLiteral("second")));
+    QCOMPARE(center.observerCount(), 3); // the first and the two it added
 }
 
 void TestEvents::mainQueueRunsLaterInOrder()

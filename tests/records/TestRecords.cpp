@@ -132,7 +132,8 @@ void TestRecords::topologyAndLocationOrder()
     const DeviceTopology topology{false, QStringLiteral("RINCON_1:5")};
     const auto read = DeviceTopology::fromJson(topology.toJson(), nullptr);
     QVERIFY(read && !read->coordinator && read->group == topology.group);
-    QVERIFY(!DeviceTopology::fromJson(QJsonObject{{"group", "G"}}, nullptr)); // no coordinator
+    QVERIFY(!DeviceTopology::fromJson(QJsonObject{{"group", "G"}}, nullptr) && // each is needed
+            !DeviceTopology::fromJson(QJsonObject{{"coordinator", true}}, nullptr));
     QVERIFY(LocationKey(QUrl("http://127.0.1.10/")) < QUrl("http://127.0.1.2/"));
     QVERIFY(!(LocationKey(QUrl("http://a/")) < QUrl("http://a/")));
 }
