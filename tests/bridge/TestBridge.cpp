@@ -101,7 +101,7 @@ void TestBridge::cleanup()
 {
     for (const char *name :
          {"FAKE_BRIDGE_READY_MS", "FAKE_BRIDGE_EXIT_MS", "FAKE_BRIDGE_IGNORE_TERM",
-          "FAKE_BRIDGE_TERM_DELAY_MS", "FAKE_BRIDGE_FLOOD_BYTES"})
+          "FAKE_BRIDGE_TERM_DELAY_MS", "FAKE_BRIDGE_FLOOD_BYTES", "FAKE_BRIDGE_EXIT_CODE"})
         qunsetenv(name);
     bool swept = false;
     StaleBridges::endAll(QFileInfo(m_bridge).fileName(), this, [&swept](int) { swept = true; });
@@ -398,8 +398,10 @@ void TestBridge::watchdog()
     QFETCH(QByteArray, exitMs);
     QFETCH(QString, bridge);
     QFETCH(QStringList, events);
-    if (!exitMs.isEmpty())
+    if (!exitMs.isEmpty()) { // with 1, as a bridge that cannot start, but without saying so
         qputenv("FAKE_BRIDGE_EXIT_MS", exitMs);
+        qputenv("FAKE_BRIDGE_EXIT_CODE", "1");
+    }
     const QString broken = m_dir.filePath(QStringLiteral("broken-airupnp"));
     if (bridge == QLatin1String("broken")) {
         QVERIFY(writeFile(broken, "not a program"));
@@ -420,9 +422,11 @@ void TestBridge::watchdog()
     CORVEL_WAIT(recorder.names() == events);
     QCOMPARE(capture.has("Error AirConnect Failed to launch " + broken), !events.size());
     // Only the bridge the watchdog ended is said to have been stopped for it.
-    if (!events.isEmpty())
-        QCOMPARE(recorder.notifications.constLast().userInfo.value(UserInfoKey::notReady).toBool(),
-                 exitMs.isEmpty());
+    if (!events.isEmpty()) {
+        const QVariantMap info = recorder.notifications.constLast().userInfo;
+        QCOMPARE(info.value(UserInfoKey::notReady).toBool(), exitMs.isEmpty());
+        QVERIFY(!info.value(UserInfoKey::cannotStart).toBool());
+    }
 }
 
 void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
@@ -449,7 +453,8 @@ void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
     QVERIFY(capture.has("Info AirConnect Terminated (an earlier bridge)"));
     QVERIFY(::kill(pid_t(first), 0) != 0); // gone before the second was launched
     QVERIFY(bridge.process() && bridge.isReady() && !bridge.configDiffers({}));
-    bridge.shutdown();
+    bridge.shutdown(); // it takes its time, as asked, and is not killed
+    QVERIFY(!capture.has("Warning AirConnect Bridge did not exit in time; killing it"));
 }
 
 void TestBridge::staleSweepEndsOnlySameNamedBridges()
