@@ -34,7 +34,7 @@ void post(const QString &name, const QVariantMap &info = {})
 // the events the real services would post.
 struct FakeWorld
 {
-    int searches = 0, searchStops = 0, starts = 0, shutdowns = 0;
+    int searches = 0, starts = 0, shutdowns = 0;
     std::map<QString, BridgeSpeakerState> said; // what the bridge says of the speakers
     bool running = false;
     bool watching = false;
@@ -57,8 +57,7 @@ struct FakeWorld
             ++searches;
             post(Notifications::discoveryStarted);
         };
-        s.stopSearching = [this] {
-            ++searchStops;
+        s.stopSearching = [] {
             post(Notifications::discoveryComplete);
         };
         s.bridgeRunning = [this] {
