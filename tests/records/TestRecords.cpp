@@ -77,6 +77,8 @@ void TestRecords::strictReading_data()
                                           << "\"bassExtension\"";
     QTest::newRow("icon width as string")
         << QByteArray(R"({"location":"http://a/","iconList":[{"width":"48"}]})") << "\"width\"";
+    QTest::newRow("icon not an object") << QByteArray(R"({"location":"http://a/","iconList":[1]})")
+                                        << "an iconList entry is not an object";
 }
 
 void TestRecords::strictReading()
