@@ -274,6 +274,10 @@ void TestSettings::addressChangeMovesTheChoices()
     info.udn.reset();
     settings->mergeDiscoveredSpeaker(info, {true, "g"});
     QCOMPARE(settings->devices.size(), 2u);
+    // Two of one name are listed in the order of their addresses, the same every time.
+    QVERIFY(settings->renameDevice(info.location, QStringLiteral("Mine")));
+    const auto order = displayOrder(settings->devices, [](const auto &) { return true; });
+    QVERIFY(order.size() == 2 && order[0] == &*settings->devices.begin());
 }
 
 void TestSettings::aFloodOfSpeakersIsNotWritten()
@@ -391,11 +395,14 @@ void TestSettings::userStoreSurvivesAndFails()
          {QByteArray("[General]\nsettings=garbage\n"), QByteArray("\x00\xff\xfe\x01[\x80", 6),
           QByteArray("\x01", 1), QByteArray()}) {
         QVERIFY(writeFile(folder + "/Corvel.conf", garbage));
+        LogCapture capture;
         Settings::load(std::make_unique<UserSettingsStorage>());
         const QStringList kept = QDir(folder).entryList({"Corvel.conf.unreadable-*"});
         QCOMPARE(kept.size(), garbage.isEmpty() ? 0 : 1);
         if (kept.isEmpty())
             continue;
+        // The line that says so quotes what was there (its last byte, at least).
+        QVERIFY(capture.lines().join("\n").contains(QString::fromUtf8(garbage.right(1))));
         QCOMPARE(readFile(folder + "/" + kept[0]), garbage);
         QVERIFY(QFile::remove(folder + "/" + kept[0]));
     }
