@@ -33,7 +33,7 @@ void HttpGet::start(const QUrl &url, int timeoutMs, qint64 maxBodyBytes, Complet
     connect(&get->m_socket, &QTcpSocket::connected, get,
             [get, request] { get->m_socket.write(request); });
     get->m_deadline.start(timeoutMs);
-    connect(&get->m_deadline, &QTimer::timeout, get, [get, timeoutMs] {
+    connect(&get->m_deadline, &QTimer::timeout, get, [get, timeoutMs] { // once: finish() stops it
         get->finish(QStringLiteral("No complete response within %1 ms").arg(timeoutMs));
     });
     get->m_socket.connectToHost(url.host(), quint16(port));
@@ -42,7 +42,6 @@ void HttpGet::start(const QUrl &url, int timeoutMs, qint64 maxBodyBytes, Complet
 HttpGet::HttpGet(QObject *parent, qint64 maxBodyBytes, Completion completion)
     : QObject(parent), m_maxBodyBytes(maxBodyBytes), m_completion(std::move(completion))
 {
-    m_deadline.setSingleShot(true);
     // Proxies are for the internet, not the living room: speakers are asked directly.
     m_socket.setProxy(QNetworkProxy::NoProxy);
     connect(&m_socket, &QTcpSocket::readyRead, this, &HttpGet::handleReadyRead);
@@ -112,7 +111,7 @@ bool HttpGet::parseHead()
     m_buffer.remove(0, end + 4);
     // "HTTP/1.1 200 OK"
     const QList<QByteArray> statusLine = lines.value(0).trimmed().split(' ');
-    bool statusOk = false;
+    bool statusOk; // set by the conversion
     m_status = statusLine.value(1).toInt(&statusOk);
     if (!statusLine.value(0).startsWith("HTTP/1.") || !statusOk || m_status < 100) {
         finish(malformed);

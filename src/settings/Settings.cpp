@@ -80,7 +80,7 @@ std::optional<BridgeDelay> bridgeDelayFromKey(const QString &key)
 bool SettingsDocument::validBridgePorts(const QString &text)
 {
     const QStringList parts = text.split(QLatin1Char(':'));
-    bool firstOk = false, countOk = false;
+    bool firstOk, countOk; // set by the conversions
     const int first = parts.value(0).toInt(&firstOk);
     const int count = parts.value(1).toInt(&countOk);
     return parts.size() == 2 && firstOk && countOk && first >= 1024 && count >= 1 &&

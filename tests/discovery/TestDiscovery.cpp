@@ -523,8 +523,8 @@ QTEST_GUILESS_MAIN(TestDiscovery)
 
 void TestDiscovery::httpFraming_data()
 {
-    // What a server sends (it then keeps the connection open unless the row closes it), and
-    // the error or body the GET must give.
+    // What a server sends (it then keeps the connection open unless the row closes it; \x01
+    // is a pause), and the error or body the GET must give.
     QTest::addColumn<QByteArray>("answer");
     QTest::addColumn<bool>("close");
     QTest::addColumn<QString>("error");
@@ -536,6 +536,9 @@ void TestDiscovery::httpFraming_data()
         << QByteArray("HTTP/1.1 404 Not Found\r\ntransfer-encoding: Chunked\r\n\r\n"
                       "3;x=y\r\n<a>\r\n4\r\n</a>\r\n0\r\n\r\n")
         << false << QString() << QByteArray("<a></a>");
+    QTest::newRow("head in two reads")
+        << QByteArray("HTTP/1.1 200 OK\r\nContent-Le\x01ngth: 4\r\n\r\n<a/>") << false << QString()
+        << QByteArray("<a/>");
     QTest::newRow("until closed") << QByteArray("HTTP/1.0 200 OK\r\n\r\n<b/>") << true << QString()
                                   << QByteArray("<b/>");
     QTest::newRow("closed short of its length")
@@ -576,7 +579,10 @@ void TestDiscovery::httpFraming()
             request += socket->readAll();
             if (!request.endsWith("\r\n\r\n"))
                 return;
-            socket->write(answer);
+            const QList<QByteArray> parts = answer.split('\x01');
+            socket->write(parts[0]);
+            if (parts.size() > 1)
+                QTimer::singleShot(50, socket, [socket, rest = parts[1]] { socket->write(rest); });
             if (close)
                 socket->disconnectFromHost();
         });
