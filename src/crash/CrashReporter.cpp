@@ -196,7 +196,7 @@ QString CrashReporter::stateFolder() const
     // QStandardPaths has no XDG state location in this Qt, so the XDG base-directory rule is
     // applied here.
     QString base = qEnvironmentVariable("XDG_STATE_HOME");
-    if (base.isEmpty() || !QDir::isAbsolutePath(base))
+    if (!QDir::isAbsolutePath(base)) // unset, empty or relative
         base = QDir::homePath() + QStringLiteral("/.local/state");
     return base + QStringLiteral("/corvel");
 }
