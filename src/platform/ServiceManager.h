@@ -5,5 +5,5 @@
 #include <QByteArray>
 
 // Sends newline-separated assignments ("READY=1", "STATUS=...") to $NOTIFY_SOCKET; does
-// nothing when it is unset (not started by systemd). Returns whether the message was sent.
-bool notifyServiceManager(const QByteArray &message);
+// nothing when it is unset (not started by systemd).
+void notifyServiceManager(const QByteArray &message);

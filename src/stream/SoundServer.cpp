@@ -239,8 +239,8 @@ void SoundServer::record(const QString &id, quint32 sinkIndex, const QString &mo
             auto *output = static_cast<Output *>(userdata);
             const void *data = nullptr;
             size_t size = 0;
-            while (pa_stream_readable_size(stream) > 0 &&
-                   pa_stream_peek(stream, &data, &size) == 0 && size > 0) {
+            // With nothing left to read, the peek gives no data and a size of 0.
+            while (pa_stream_peek(stream, &data, &size) == 0 && size > 0) {
                 // A hole in the recording is silence.
                 const QByteArray pcm =
                     data ? QByteArray(static_cast<const char *>(data), qsizetype(size))

@@ -6,23 +6,21 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-bool notifyServiceManager(const QByteArray &message)
+void notifyServiceManager(const QByteArray &message)
 {
     const QByteArray path = qgetenv("NOTIFY_SOCKET");
     sockaddr_un address{};
     if (path.isEmpty() || static_cast<size_t>(path.size()) >= sizeof address.sun_path)
-        return false;
+        return;
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
     if (address.sun_path[0] == '@')
         address.sun_path[0] = '\0'; // an abstract socket
     const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
+    if (fd == -1)
+        return;
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    const bool sent =
-        ::sendto(fd, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL,
-                 reinterpret_cast<const sockaddr *>(&address), length) == message.size();
+    ::sendto(fd, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr *>(&address), length);
     ::close(fd);
-    return sent;
 }
