@@ -18,6 +18,7 @@ AboutWindow::AboutWindow(QWidget *parent) : QWidget(parent)
     setWindowTitle(tr("About Corvel"));
     auto *layout = new QVBoxLayout(this);
     auto *icon = new QLabel(this);
+    icon->setObjectName(QStringLiteral("iconLabel"));
     icon->setPixmap(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(64, 64));
     icon->setAlignment(Qt::AlignHCenter);
     layout->addWidget(icon);
