@@ -33,9 +33,8 @@ int Translations::install(const QLocale &locale)
         ++loaded;
     };
     // English is the source language: nothing to load. Only the first language counts, or
-    // an English user with a second language would get that one.
-    const QString first = locale.uiLanguages().value(0);
-    if (first.isEmpty() || first == QLatin1String("C") || first.startsWith(QLatin1String("en")))
+    // an English user with a second language would get that one. ("C" has no file to load.)
+    if (locale.uiLanguages().value(0).startsWith(QLatin1String("en")))
         return 0;
     load(corvel, QStringLiteral("corvel"), folder());
     load(qt, QStringLiteral("qtbase"), QLibraryInfo::path(QLibraryInfo::TranslationsPath));
