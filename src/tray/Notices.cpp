@@ -39,7 +39,7 @@ void Notices::show(const QString &title, const QString &message, const QString &
                                 actionLabel.isEmpty() ? message
                                                       : message + QLatin1Char(' ') +
                                                             tr("Click here: %1").arg(actionLabel),
-                                QSystemTrayIcon::Warning, 30000);
+                                QSystemTrayIcon::Warning, balloonMs);
         return;
     }
     m_desktopNotices.show(title, message, actionLabel, std::move(onAction));

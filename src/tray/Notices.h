@@ -15,6 +15,9 @@ class Notices : public QObject
     Q_OBJECT
 
 public:
+    // How long a balloon stays: a notice may offer an action, time enough to read and click.
+    static constexpr int balloonMs = 30000;
+
     // shown: whether notices reach the screen at all (false when headless).
     explicit Notices(bool shown, QObject *parent = nullptr);
 

@@ -121,6 +121,10 @@ void TestTray::showsTheState()
     QCOMPARE(tray.trayIcon()->toolTip(), toolTip);
     QCOMPARE(tray.trayIcon()->icon().pixmap(22).toImage(),
              trayIcon(TrayLook(look)).pixmap(22).toImage());
+    settings->setDeviceEnabled(speaker(2).location, false);
+    tray.refresh(); // one offered speaker is one speaker
+    QCOMPARE(tray.trayIcon()->toolTip().section('\n', 0, 0).endsWith("— 1 speaker"),
+             look == int(TrayLook::Running));
 }
 
 void TestTray::speakerItems()
@@ -174,7 +178,8 @@ void TestTray::speakerItems()
     QCOMPARE(menu->actions().at(3)->menu(), tray.speakersMenu());
     // Speakers not found (a new search) leave; below the limit the items come back inline.
     settings->markAllDevicesNotActive();
-    tray.updateSpeakerItems();
+    tray.scheduleSpeakerItems(); // a later burst is one update too
+    QCoreApplication::sendPostedEvents();
     QVERIFY(tray.speakerItems().isEmpty() && tray.speakersMenu()->actions().isEmpty());
     QVERIFY(!menu->actions().at(3)->menu());
     settings->mergeDiscoveredSpeaker(speaker(2), {true, "G"});
