@@ -670,7 +670,7 @@ void TestPreferences::factoryMakesEachWindowOnce()
     QVERIFY(!windows.window(Kind::About)->findChild<QLabel *>("iconLabel")->pixmap().isNull());
     const QString about = aboutLabel->text();
     QVERIFY2(!about.contains(".invalid") && !about.contains(Settings::currentVersion()) &&
-                 aboutLabel->openExternalLinks(),
+                 !about.contains("<p></p>") && aboutLabel->openExternalLinks(),
              qPrintable(about));
     windows.window(Kind::About)->findChild<QPushButton *>("copyVersionInfoPushButton")->click();
     QCOMPARE(QGuiApplication::clipboard()->text(), AboutWindow::versionInfo());
