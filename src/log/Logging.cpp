@@ -25,7 +25,8 @@ QString description(LogLevel level)
     case LogLevel::Verbose:
         return QStringLiteral("Verbose");
     }
-    return QStringLiteral("Unknown");
+    Q_UNREACHABLE();
+    return {};
 }
 
 void Logging::setDefaultLevel(LogLevel level)

@@ -72,12 +72,8 @@ std::optional<SSDPMSearchResponse> parseMessage(const QByteArray &datagram, bool
     if (datagram.size() > SSDPMSearchResponse::maxDatagramSize)
         return reject(QStringLiteral("datagram of %1 bytes is too large").arg(datagram.size()));
 
-    // Lines end in CR LF or LF alone; both occur in the field.
-    QList<QByteArray> lines = datagram.split('\n');
-    for (QByteArray &line : lines) {
-        if (line.endsWith('\r'))
-            line.chop(1);
-    }
+    // Lines end in CR LF or LF alone; both occur in the field (every part is trimmed).
+    const QList<QByteArray> lines = datagram.split('\n');
     const QByteArray startLine = announcement ? "NOTIFY * HTTP/1.1" : "HTTP/1.1 200 OK";
     if (lines.isEmpty() || lines.first().trimmed() != startLine)
         return reject(announcement ? QStringLiteral("not an announcement")
@@ -87,7 +83,7 @@ std::optional<SSDPMSearchResponse> parseMessage(const QByteArray &datagram, bool
     response.raw = datagram;
     for (qsizetype i = 1; i < lines.size(); ++i) {
         const QByteArray &line = lines[i];
-        if (line.isEmpty())
+        if (line.trimmed().isEmpty())
             break;
         const qsizetype colon = line.indexOf(':');
         if (colon <= 0)

@@ -42,7 +42,6 @@ CrashPromptBox::CrashPromptBox(bool canSend, const CrashReporter::Reports &repor
     setText(reports.size() == 1 ? tr("Corvel quit unexpectedly the last time it ran.")
                                 : tr("Corvel quit unexpectedly %n times since it last asked.",
                                      nullptr, int(reports.size())));
-    setObjectName(QStringLiteral("crashReportMessageBox"));
     setInformativeText(canSend ? tr("Would you like to send a report? It holds where Corvel "
                                     "crashed and its recent log, which names your speakers "
                                     "and their addresses on your network.")
