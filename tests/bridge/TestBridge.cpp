@@ -212,7 +212,6 @@ void TestBridge::speakersFromOutput_data()
     QTest::addColumn<QStringList>("problems"); // kinds
     QTest::addColumn<int>("changes");          // lines that changed what is known of the speakers
     const QByteArray table = testData(QStringLiteral("bridge/output.txt"));
-    QVERIFY(table.count("\n== ") >= 10);
     QString name;
     QStringList lines, speakers, problems;
     for (const QString &line : QString::fromUtf8(table).split('\n')) {

@@ -80,7 +80,6 @@ void TestLifecycle::rules_data()
         return text.split(u' ', Qt::SkipEmptyParts);
     };
     const QByteArray table = testData(QStringLiteral("lifecycle/rules.txt"));
-    QVERIFY(!table.isEmpty());
     for (const QByteArray &line : table.split('\n')) {
         const QStringList column = QString::fromUtf8(line).split(QStringLiteral(" | "));
         if (line.startsWith('#') || column.size() < 4)

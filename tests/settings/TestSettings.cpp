@@ -401,8 +401,9 @@ void TestSettings::userStoreSurvivesAndFails()
         QCOMPARE(kept.size(), garbage.isEmpty() ? 0 : 1);
         if (kept.isEmpty())
             continue;
-        // The line that says so quotes what was there (its last byte, at least).
-        QVERIFY(capture.lines().join("\n").contains(QString::fromUtf8(garbage.right(1))));
+        // The line that says so quotes what was there (its last byte, at least) and the copy.
+        const QString said = capture.lines().join("\n");
+        QVERIFY(said.contains(QString::fromUtf8(garbage.right(1))) && said.contains(kept[0]));
         QCOMPARE(readFile(folder + "/" + kept[0]), garbage);
         QVERIFY(QFile::remove(folder + "/" + kept[0]));
     }

@@ -100,10 +100,13 @@ inline bool writeFile(const QString &path, const QByteArray &data)
     return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
 }
 
-// A file under tests/data, or an empty array when it cannot be read.
+// A file under tests/data; a missing or empty one ends the suite (no rows would pass).
 inline QByteArray testData(const QString &name)
 {
-    return readFile(QStringLiteral(CORVEL_TEST_DATA "/") + name);
+    const QByteArray data = readFile(QStringLiteral(CORVEL_TEST_DATA "/") + name);
+    if (data.isEmpty())
+        qFatal("No test data in %s", qPrintable(name));
+    return data;
 }
 
 // Waits are longer in the sanitizer builds (slow on a loaded machine). After a failed wait the

@@ -16,6 +16,7 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusVirtualObject>
 #include <QMenu>
+#include <QSignalSpy>
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
 
@@ -109,6 +110,11 @@ void TestTray::showsTheState()
         settings->mergeDiscoveredSpeaker(speaker(n), {n != 3, "G"}); // 3 is a group member
     TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
     tray.showTrayIcon();
+    QSignalSpy clicked(&tray, &TrayPresenter::iconClicked); // a left click, not the menu's
+    emit tray.trayIcon()->activated(QSystemTrayIcon::Context);
+    QCOMPARE(clicked.size(), 0);
+    emit tray.trayIcon()->activated(QSystemTrayIcon::Trigger);
+    QCOMPARE(clicked.size(), 1);
     for (const int event : events) {
         if (E(event) == E::BridgeEnded)
             world.bridge = false;
@@ -283,6 +289,8 @@ void TestTray::iconLooks()
             lightest = std::max(lightest, qAlpha(image.pixel(x, size / 2)) *
                                               qGray(image.pixel(x, size / 2)) / 255);
         QCOMPARE(lightest > 220, look != int(TrayLook::Idle));
+        const int exclamation = qGray(image.pixel(int(centre), int(size - across * 0.6)));
+        QVERIFY(look != int(TrayLook::Problem) || exclamation > 200); // a problem's "!" in white
         QVERIFY(lightest > 150);
     }
 }
