@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "HttpGet.h"
 
+#include "DescriptionParser.h"
+
 #include <QNetworkProxy>
 
 namespace {
@@ -124,12 +126,12 @@ bool HttpGet::parseHead()
         const QByteArray name = lines[i].left(colon).trimmed().toLower();
         const QByteArray value = lines[i].mid(colon + 1).trimmed();
         if (name == "content-length") {
-            bool ok; // set by the conversion
-            m_contentLength = value.toLongLong(&ok);
-            if (!ok || m_contentLength < 0) {
+            const auto length = DescriptionParser::parseInteger(QString::fromLatin1(value));
+            if (!length || *length < 0) {
                 finish(malformed);
                 return false;
             }
+            m_contentLength = *length;
         } else if (name == "transfer-encoding" && value.toLower().contains("chunked")) {
             m_chunked = true;
         }

@@ -229,12 +229,9 @@ void TestApp::wiring_data()
     const QHash<QString, QString> commands = {{"on", TrayPresenter::commandTurnOn},
                                               {"off", TrayPresenter::commandTurnOff},
                                               {"install", TrayPresenter::commandInstallBridge}};
-    const QByteArray table = testData(QStringLiteral("app/wiring.txt"));
-    for (const QString &line : QString::fromUtf8(table).split('\n')) {
-        const QStringList column = line.split(QStringLiteral(" | "));
-        if (line.startsWith('#') || column.size() < 5)
-            continue;
-        QVERIFY2(states.contains(column[2]) && commands.contains(column[3]), qPrintable(line));
+    for (const QStringList &column : tableRows(QStringLiteral("app/wiring.txt"))) {
+        QVERIFY2(column.size() >= 5 && states.contains(column[2]) && commands.contains(column[3]),
+                 qPrintable(column.join('|')));
         QTest::addRow("%s", qPrintable(column[0]))
             << column[1].split(' ') << int(states.indexOf(column[2])) << commands[column[3]]
             << column[4].toInt() << column.value(5).replace(QStringLiteral("\\n"), "\n");

@@ -79,12 +79,8 @@ void TestLifecycle::rules_data()
     const auto words = [](const QString &text) {
         return text.split(u' ', Qt::SkipEmptyParts);
     };
-    const QByteArray table = testData(QStringLiteral("lifecycle/rules.txt"));
-    for (const QByteArray &line : table.split('\n')) {
-        const QStringList column = QString::fromUtf8(line).split(QStringLiteral(" | "));
-        if (line.startsWith('#') || column.size() < 4)
-            continue;
-        QVERIFY2(states.contains(column[2]), line.constData());
+    for (const QStringList &column : tableRows(QStringLiteral("lifecycle/rules.txt"))) {
+        QVERIFY2(column.size() >= 4 && states.contains(column[2]), qPrintable(column.join('|')));
         QTest::addRow("%s", qPrintable(column[0]))
             << words(column[1]) << int(states.indexOf(column[2]))
             << (column[3] == QLatin1String("none") ? QStringList() : words(column[3]))

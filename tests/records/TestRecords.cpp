@@ -61,12 +61,9 @@ void TestRecords::strictReading_data()
 {
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<QString>("errorPart");
-    const QByteArray table = testData(QStringLiteral("records/refused.txt"));
-    for (const QByteArray &line : table.split('\n')) {
-        const QList<QByteArray> column = line.split('|');
-        if (!line.startsWith('#') && column.size() == 3)
-            QTest::addRow("%s", column[0].trimmed().constData())
-                << column[1].trimmed() << QString::fromUtf8(column[2].trimmed());
+    for (const QStringList &column : tableRows(QStringLiteral("records/refused.txt"))) {
+        QVERIFY2(column.size() == 3, qPrintable(column.join('|')));
+        QTest::addRow("%s", qPrintable(column[0])) << column[1].toUtf8() << column[2];
     }
 }
 

@@ -109,6 +109,18 @@ inline QByteArray testData(const QString &name)
     return data;
 }
 
+// The rows of a table under tests/data, one a line, its columns split at " | "; empty lines and
+// "#" comments are skipped, so every row returned is one the table means.
+inline QList<QStringList> tableRows(const QString &name)
+{
+    QList<QStringList> rows;
+    for (const QString &line : QString::fromUtf8(testData(name)).split(QLatin1Char('\n'))) {
+        if (!line.isEmpty() && !line.startsWith(QLatin1Char('#')))
+            rows << line.split(QStringLiteral(" | "));
+    }
+    return rows;
+}
+
 // Waits are longer in the sanitizer builds (slow on a loaded machine). After a failed wait the
 // suite's state is broken: its later waits only look, not to delay the verdict.
 #ifdef CORVEL_SANITIZED
