@@ -427,7 +427,7 @@
     </message>
     <message>
         <location line="+7"/>
-        <source>Start Corvel when I log &amp;in</source>
+        <source>Start Corvel &amp;when I log in</source>
         <translation>Corvel bei der &amp;Anmeldung starten</translation>
     </message>
     <message>

@@ -8,7 +8,6 @@
 #include "CrashReporter.h"
 #include "EditableTextField.h"
 #include "FakeControls.h"
-#include "FakeFacts.h"
 #include "FakePlatform.h"
 #include "FeedbackWindow.h"
 #include "Log.h"
@@ -85,7 +84,6 @@ private slots:
     void startStopAndObservers();
     void aFailedSaveIsShownUntilOneSucceeds();
     void startAtLoginAndSoundOutputs();
-    void mnemonicsAreUniquePerMenuAndLanguage();
     void germanTranslation();
     void factoryMakesEachWindowOnce();
     void crashPromptAnswers_data();
@@ -583,48 +581,6 @@ void TestPreferences::startAtLoginAndSoundOutputs()
     m_platform->autostart->fails = true;
     login->click(); // a failed write shows the state that holds
     QVERIFY(!login->isChecked());
-}
-
-void TestPreferences::mnemonicsAreUniquePerMenuAndLanguage()
-{
-    // In each language, no two items of a menu (or controls of a window) share a mnemonic:
-    // one key press does one thing. The on/off item is checked in each of its wordings.
-    const auto mnemonics = [](const QStringList &texts) {
-        QStringList keys;
-        for (const QString &text : texts)
-            keys << QString(text).replace("&&", "").section('&', 1).left(1).toLower();
-        keys.removeAll(QString());
-        return keys;
-    };
-    const auto unique = [](QStringList keys) {
-        return keys.removeDuplicates() == 0;
-    };
-    FakeFacts facts;
-    Lifecycle lifecycle(facts, [] { return qint64(0); });
-    for (const QLocale &locale : {QLocale(QLocale::English, QLocale::UnitedKingdom),
-                                  QLocale(QLocale::German, QLocale::Germany)}) {
-        Translations::install(locale);
-        TrayPresenter tray(lifecycle, [this]() -> Settings & { return m_controls->settings(); });
-        QStringList others;
-        for (const QAction *action : tray.menu()->actions()) {
-            if (action != tray.onOffItem() && !action->text().isEmpty())
-                others << action->text();
-        }
-        for (const char *onOff : {TrayPresenter::commandTurnOn, TrayPresenter::commandTurnOff,
-                                  TrayPresenter::commandInstallBridge}) {
-            const QStringList keys = mnemonics(others + QStringList{TrayPresenter::tr(onOff)});
-            QVERIFY2(unique(keys), qPrintable(locale.name() + ": " + keys.join(' ')));
-        }
-        PreferencesWindow window(*m_controls, m_platform->platform());
-        window.setClosingQuits(true); // with the tray menu's commands in it
-        QStringList texts;
-        for (const QAbstractButton *button : window.findChildren<QAbstractButton *>())
-            texts << button->text();
-        for (const QLabel *label : window.findChildren<QLabel *>())
-            texts << label->text();
-        QVERIFY2(unique(mnemonics(texts)), qPrintable(locale.name() + ": " + texts.join(" | ")));
-    }
-    Translations::install(QLocale(QLocale::English, QLocale::UnitedKingdom));
 }
 
 void TestPreferences::germanTranslation()
