@@ -61,24 +61,11 @@ void quitOnSignals(QCoreApplication &app)
     sigaction(SIGTERM, &action, nullptr);
 }
 
-bool wantsHeadless(int argc, char *argv[])
-{
-    // The speaker commands never show anything either.
-    for (int i = 1; i < argc; ++i) {
-        for (const char *option : {"--headless", "--list", "--enable", "--disable", "--rename"}) {
-            if (std::strcmp(argv[i], option) == 0)
-                return true;
-        }
-    }
-    return false;
-}
-
-// Help and version print their text and exit: Qt's own start-up remarks (no runtime folder on
-// a bare server, say) would only get in their way.
-bool asksHelpOrVersion(int argc, char *argv[])
+// Whether any argument is one of options.
+bool hasAnyOf(int argc, char *argv[], std::initializer_list<const char *> options)
 {
     for (int i = 1; i < argc; ++i) {
-        for (const char *option : {"-h", "--help", "--help-all", "-v", "--version"}) {
+        for (const char *option : options) {
             if (std::strcmp(argv[i], option) == 0)
                 return true;
         }
@@ -118,13 +105,21 @@ int main(int argc, char *argv[])
 {
     // Decided before the application object exists, since it fixes the platform plugin.
     const bool noDisplay = !hasDisplay();
-    const bool headless = wantsHeadless(argc, argv) || noDisplay;
+    // Help, version and the speaker commands never show anything, and must work over a remote
+    // shell whose DISPLAY names a screen that cannot be reached.
+    const bool helpOrVersion =
+        hasAnyOf(argc, argv, {"-h", "--help", "--help-all", "-v", "--version"});
+    const bool headless =
+        helpOrVersion || noDisplay ||
+        hasAnyOf(argc, argv, {"--headless", "--list", "--enable", "--disable", "--rename"});
     if (headless)
         qputenv("QT_QPA_PLATFORM", "offscreen");
     // The log exists before anything can log, Qt and the settings included.
     Logging::setDefaultLevel(LogLevel::Verbose);
     Logging::attach(&Log::shared());
-    if (asksHelpOrVersion(argc, argv))
+    // Help and version print their text and exit: Qt's own start-up remarks (no runtime folder
+    // on a bare server, say) would only get in their way.
+    if (helpOrVersion)
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     else
         Logging::installQtMessageHandler();
@@ -280,13 +275,10 @@ int main(int argc, char *argv[])
         // with no tray at all gets the window after two minutes.
         QElapsedTimer waited;
         waited.start();
-        auto launched = std::make_shared<bool>(false);
-        ask = [&app, &ask, waited, launch, launched] {
-            Platform::whenTrayHostRegistered([&app, &ask, waited, launch, launched](bool found) {
-                if (*launched)
-                    return;
+        // Each answer asks again only after it, so one of them launches.
+        ask = [&app, &ask, waited, launch] {
+            Platform::whenTrayHostRegistered([&app, &ask, waited, launch](bool found) {
                 if (found || waited.hasExpired(maxTrayWaitMs)) {
-                    *launched = true;
                     launch();
                     return;
                 }

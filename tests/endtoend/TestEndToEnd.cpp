@@ -75,6 +75,9 @@ void TestEndToEnd::commandLineRefusesWhatItDoesNotTake()
     QCOMPARE(run({QStringLiteral("Kitchen")}, &out, &err), 2);
     QVERIFY2(err.contains("Unknown argument \"Kitchen\"") && !err.contains("searchForDevices"),
              err.constData());
+    // The rest never open a window: a screen that cannot be reached does not stop them.
+    env.insert(QStringLiteral("DISPLAY"), QStringLiteral("unreachable:9"));
+    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
     QCOMPARE(run({"--rename", "Kitchen", "Den"}, &out, &err), 1); // no such speaker stored
     QVERIFY2(err.contains("No known speaker has the location or name \"Kitchen\"") &&
                  err.contains("[Warning][Qt] QStandardPaths: XDG_RUNTIME_DIR not set"), // logged
@@ -102,6 +105,12 @@ void TestEndToEnd::desktopStartWaitsForThePanelsTray()
                    "DBUS_SESSION_BUS_ADDRESS=" + bus.address, "CORVEL_BRIDGE=/nonexistent/airupnp"},
                   {QStringLiteral("--autostart")});
     QVERIFY(corvel.waitFor("applicationWillFinishLaunching"));
+    { // Started by hand where no tray runs at all: the window at once, and why in the log.
+        QTemporaryDir elsewhere;
+        Corvel alone(elsewhere.path(), {"DISPLAY=" + screen, "QT_QPA_PLATFORM=xcb"}, {});
+        QVERIFY2(alone.waitFor("viewWillAppear", 10000) && alone.output.contains("No system tray"),
+                 alone.output.constData());
+    }
     QVERIFY(!corvel.waitFor("applicationDidFinishLaunching", 1500));
     panel.start(QStringLiteral("env"), {"DISPLAY=" + screen, "trayer"});
     QVERIFY2(corvel.waitFor("Listening for announcements"), corvel.output.constData());
@@ -152,6 +161,13 @@ void TestEndToEnd::headlessLifecycle()
     QVERIFY(bridge > 0);
     QVERIFY(corvel.end(SIGTERM));    // as a service manager stops it: exit 0
     QVERIFY(::kill(bridge, 0) != 0); // the bridge is gone, and reaped
+    // With no Corvel running, the commands work on the stored settings; --list searches first.
+    QVERIFY(QFile::remove(home.filePath(QStringLiteral("config/Corvel/Corvel.conf"))));
+    QByteArray out;
+    QCOMPARE(corvel.run({"--list"}, &out), 0);
+    QVERIFY2(out.contains("enabled   \"Kitchen - PLAY:3\""), out.constData());
+    QCOMPARE(corvel.run({"--disable", "Kitchen - PLAY:3"}, &out), 0);
+    QCOMPARE(corvel.run({"--rename", "Kitchen - PLAY:3", "Den"}, &out), 0);
 }
 
 void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
