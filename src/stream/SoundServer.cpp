@@ -128,8 +128,7 @@ void SoundServer::lost(const QString &error)
             pa_stream_unref(output.stream);
         }
         const bool wasPlaying = output.playing;
-        output = Output{
-            output.name, PA_INVALID_INDEX, PA_INVALID_INDEX, nullptr, false, false, -1, this, id};
+        output = Output{.name = output.name, .server = this, .id = id};
         if (wasPlaying && m_callbacks.playing)
             m_callbacks.playing(id, false);
     }

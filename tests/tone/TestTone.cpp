@@ -112,6 +112,11 @@ void TestTone::toneReachesTheRendererThroughAPause()
     QTest::qWait(500); // sent once, not again and again
     QCOMPARE(rig.calls().count("control 0 SetVolume"), 1);
 
+    // The sound server restarts, as on an update: the output comes back by itself.
+    QVERIFY(rig.restartSoundServer());
+    QVERIFY(corvel.waitFor("No sound server: "));
+    QTRY_COMPARE_WITH_TIMEOUT(rig.corvelSink(), sink, 10000);
+
     // Quitting stops the speaker and leaves nothing behind.
     QVERIFY2(corvel.end(SIGTERM), corvel.output.right(3000).constData());
     QTRY_VERIFY(rig.calls().contains("control 0 Stop"));

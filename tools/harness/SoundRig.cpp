@@ -141,8 +141,7 @@ bool SoundRig::start(QString *error, bool *skip)
         return false;
     }
     QProcess *sessionManager = launch(QStringLiteral("wireplumber"), {});
-    launch(QStringLiteral("pipewire-pulse"), {});
-    if (!waitUntil([this] { return pactl({QStringLiteral("info")}); }, 20000)) {
+    if (!restartSoundServer()) {
         *error = QStringLiteral("The sound server did not answer within 20 s");
         return false;
     }
@@ -181,6 +180,16 @@ bool SoundRig::start(QString *error, bool *skip)
         return false;
     }
     return true;
+}
+
+bool SoundRig::restartSoundServer()
+{
+    if (m_pulse) {
+        m_pulse->terminate();
+        m_pulse->waitForFinished(3000);
+    }
+    m_pulse = launch(QStringLiteral("pipewire-pulse"), {});
+    return waitUntil([this] { return pactl({QStringLiteral("info")}); }, 20000);
 }
 
 QByteArray SoundRig::calls()

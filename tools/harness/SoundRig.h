@@ -35,6 +35,9 @@ public:
     QByteArray corvelSink() const;
     // Plays pcm into sink and returns once it has been played (the event loop runs meanwhile).
     bool play(const QByteArray &sink, const QByteArray &pcm) const;
+    // Ends the PulseAudio service (with every output loaded into it) and starts it again, as
+    // an update does; true once it answers.
+    bool restartSoundServer();
 
     // A 1 kHz sine, 16-bit stereo, amplitude 16000.
     static QByteArray tone(double seconds);
@@ -62,5 +65,6 @@ private:
     QProcessEnvironment m_env;
     std::vector<QProcess *> m_processes; // ended in reverse order
     QProcess *m_simulator = nullptr;
+    QProcess *m_pulse = nullptr;
     QByteArray m_calls;
 };
