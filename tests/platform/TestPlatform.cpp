@@ -49,7 +49,8 @@ public:
             ::close(pipeEnds[0]);
         } else if (message.member() == QLatin1String("Inhibit")) {
             const bool gnome = message.interface() == QLatin1String("org.gnome.SessionManager");
-            calls << (gnome ? "GNOME " + arguments.value(3).toString()
+            calls << (gnome ? "GNOME " + arguments.value(1).toString() + " " +
+                                  arguments.value(3).toString()
                             : "Inhibit " + arguments.value(0).toString());
             reply << (gnome ? 9u : 7u);
         } else {
@@ -208,7 +209,7 @@ void TestPlatform::sleepLocks_data()
     const QString gnome = "org.gnome.SessionManager", kde = "org.freedesktop.PowerManagement",
                   logind = "org.freedesktop.login1";
     QTest::newRow("GNOME: its suspend lock, never a second desktop lock")
-        << QStringList{gnome, kde} << QStringList{"GNOME 4"} << QStringList{"Uninhibit 9"};
+        << QStringList{gnome, kde} << QStringList{"GNOME 0 4"} << QStringList{"Uninhibit 9"};
     QTest::newRow("KDE and XFCE") << QStringList{kde} << QStringList{"Inhibit corvel"}
                                   << QStringList{"UnInhibit 7"};
     QTest::newRow("a server: logind's idle lock, released by closing it")

@@ -40,13 +40,11 @@ void send(const QDBusConnection &bus, const QString &service, const QString &pat
     call(bus, service, path, interface, method, arguments, [](const QDBusMessage &) {});
 }
 
-std::optional<quint32> cookieOf(const QDBusMessage &reply, const QString &what, int *firstError)
+std::optional<quint32> cookieOf(const QDBusMessage &reply, const QString &what)
 {
     if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty())
         return reply.arguments().first().toUInt();
     logDebug(QStringLiteral("%1 inhibit failed: %2").arg(what, reply.errorMessage()));
-    if (*firstError == 0)
-        *firstError = LinuxIdleInhibitor::noLockTaken;
     return std::nullopt;
 }
 } // namespace
@@ -73,7 +71,7 @@ void LinuxIdleInhibitor::create(const QString &name, Done done)
             return;
         const Locks &locks = pending->locks;
         if (!locks.gnomeCookie && !locks.powerManagementCookie && !locks.logind.isValid()) {
-            pending->done(locks.firstError != 0 ? locks.firstError : noLockTaken, 0);
+            pending->done(noLockTaken, 0);
             return;
         }
         const quint32 id = m_nextId++;
@@ -87,8 +85,7 @@ void LinuxIdleInhibitor::create(const QString &name, Done done)
             // Flag 4 blocks suspend only, not screen blanking; GNOME honours nothing else here.
             call(session, gnome, gnomePath, gnome, QStringLiteral("Inhibit"),
                  {QStringLiteral(CORVEL_APP_ID), 0u, reason, 4u}, [=](const QDBusMessage &reply) {
-                     pending->locks.gnomeCookie = cookieOf(reply, QStringLiteral("GNOME session"),
-                                                           &pending->locks.firstError);
+                     pending->locks.gnomeCookie = cookieOf(reply, QStringLiteral("GNOME session"));
                      branchDone();
                  });
             return;
@@ -100,8 +97,8 @@ void LinuxIdleInhibitor::create(const QString &name, Done done)
             }
             call(session, powerManagement, powerManagementPath, powerManagementInterface,
                  QStringLiteral("Inhibit"), {name, reason}, [=](const QDBusMessage &reply) {
-                     pending->locks.powerManagementCookie = cookieOf(
-                         reply, QStringLiteral("PowerManagement"), &pending->locks.firstError);
+                     pending->locks.powerManagementCookie =
+                         cookieOf(reply, QStringLiteral("PowerManagement"));
                      branchDone();
                  });
         });
@@ -116,15 +113,12 @@ void LinuxIdleInhibitor::create(const QString &name, Done done)
          QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("Inhibit"),
          {QStringLiteral("idle"), name, reason, QStringLiteral("block")},
          [=](const QDBusMessage &reply) {
-             if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-                 // Qt holds the descriptor as a duplicate that the bridge never inherits.
-                 pending->locks.logind =
-                     qvariant_cast<QDBusUnixFileDescriptor>(reply.arguments().first());
-             } else {
+             // Qt holds the descriptor as a duplicate that the bridge never inherits; an error's
+             // text is no descriptor.
+             pending->locks.logind =
+                 qvariant_cast<QDBusUnixFileDescriptor>(reply.arguments().value(0));
+             if (!pending->locks.logind.isValid())
                  logDebug(QStringLiteral("logind inhibit failed: %1").arg(reply.errorMessage()));
-                 if (pending->locks.firstError == 0)
-                     pending->locks.firstError = noLockTaken;
-             }
              branchDone();
          });
 }

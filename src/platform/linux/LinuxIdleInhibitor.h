@@ -32,7 +32,6 @@ private:
         std::optional<quint32> gnomeCookie;
         std::optional<quint32> powerManagementCookie;
         QDBusUnixFileDescriptor logind; // held open; closing it releases the lock
-        int firstError = 0;
     };
 
     QDBusConnection m_session;
