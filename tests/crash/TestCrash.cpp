@@ -179,8 +179,10 @@ void TestCrash::answers()
     if (save >= 0)
         reporter.setSavePrompt(
             [&](const CrashReporter::Reports &, auto done) { done(save ? target : QString()); });
+    LogCapture capture;
     reporter.processPendingReports();
-    QCOMPARE(prompts, QList<size_t>{2}); // both waiting reports in one prompt
+    QCOMPARE(prompts, QList<size_t>{2});                   // both waiting reports in one prompt
+    QCOMPARE(capture.count("Warning "), save < 0 ? 1 : 0); // only nowhere to go is a fault
     QCOMPARE(reporter.pendingReports().size(), kept ? 2 : 0);
     QCOMPARE(reporter.alwaysSend(), remembered);
     QCOMPARE(readFile(target).count("this session's log"), save > 0 ? 2 : 0);
