@@ -107,15 +107,14 @@ void SpeakerStreams::setEnabled(bool enabled)
 {
     if (enabled == m_enabled || m_shutDown)
         return;
-    m_enabled = enabled;
-    logInfo(category, enabled ? QStringLiteral("Speakers as sound outputs: on")
-                              : QStringLiteral("Speakers as sound outputs: off"));
     if (enabled && !SoundServer::mainLoopUsable()) {
         logError(category, QStringLiteral("Qt does not run GLib's main loop here "
                                           "(QT_NO_GLIB is set?): no sound outputs"));
-        m_enabled = false;
         return;
     }
+    m_enabled = enabled;
+    logInfo(category, enabled ? QStringLiteral("Speakers as sound outputs: on")
+                              : QStringLiteral("Speakers as sound outputs: off"));
     if (enabled)
         m_sound.connectToServer();
 }
@@ -352,14 +351,6 @@ QSet<QString> SpeakerStreams::playingHere() const
         if (speaker.sound && speaker.session == Session::On)
             udns.insert(speaker.udn);
     }
-    return udns;
-}
-
-QSet<QString> SpeakerStreams::outputs() const
-{
-    QSet<QString> udns;
-    for (const auto &[id, speaker] : m_speakers)
-        udns.insert(speaker.udn);
     return udns;
 }
 

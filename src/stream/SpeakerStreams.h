@@ -43,8 +43,6 @@ public:
     void update(const DeviceMap &devices, bool searching = false);
     // The UDNs of the speakers playing this computer's sound now.
     QSet<QString> playingHere() const;
-    // The speakers that have an output, by UDN.
-    QSet<QString> outputs() const;
     // Stops every speaker that plays from here and removes the outputs; waits at most
     // timeoutMs for the speakers and the sound server to confirm.
     void shutdown(int timeoutMs);
