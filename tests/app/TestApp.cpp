@@ -360,12 +360,13 @@ void TestApp::idleSleepFollowsTheBridge()
 
 void TestApp::tellsTheServiceManager()
 {
-    QTemporaryDir dir;
-    const QByteArray path = dir.filePath(QStringLiteral("notify")).toUtf8();
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    // An abstract socket ("@…" in the variable) whose name fills the whole address.
     sockaddr_un address{};
+    const QByteArray path = ("@corvel-" + QByteArray::number(QCoreApplication::applicationPid()))
+                                .leftJustified(sizeof address.sun_path, '-');
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    std::memcpy(address.sun_path + 1, path.constData() + 1, size_t(path.size() - 1));
     QCOMPARE(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     qputenv("NOTIFY_SOCKET", path);
     m_world->said = {{QStringLiteral("Room 1"), BridgeSpeakerState::Playing}};
