@@ -167,7 +167,7 @@ void CrashReporter::writeCrashRecord(int signal)
     writeText(fd, g_sessionLog);
     writeText(fd, "\nbacktrace:\n");
     void *frames[64];
-    const int depth = ::backtrace(frames, 64);
+    const int depth = ::backtrace(frames, int(std::size(frames)));
     ::backtrace_symbols_fd(frames, depth, fd);
     ::close(fd);
 }
@@ -231,7 +231,7 @@ void CrashReporter::start()
     copyInto(g_sessionLog, sizeof g_sessionLog, QFile::encodeName(sessionLog));
     // backtrace() loads its unwinder on first use; do that now, not inside the handler.
     void *warmUp[2];
-    ::backtrace(warmUp, 2);
+    ::backtrace(warmUp, int(std::size(warmUp)));
 
     stack_t stack{};
     stack.ss_sp = g_alternateStack;

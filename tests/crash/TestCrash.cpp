@@ -123,6 +123,8 @@ void TestCrash::eachRealCrashLeavesAReport()
     QCOMPARE(reports.size(), 2);
     QCOMPARE(QDir(reporter.stateFolder()).entryList({QStringLiteral("session-*.log")}).size(), 2);
     const QByteArray record = readFile(reports.first());
+    const auto readers = QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther;
+    QCOMPARE(QFile::permissions(reports.first()) & readers, QFile::ReadOwner); // private
     QVERIFY2(record.startsWith("signal " + QByteArray::number(signal) + "\ntime "), record);
     QVERIFY(qAbs(record.split('\n')[1].mid(5).toLongLong() - QDateTime::currentSecsSinceEpoch()) <
             60);

@@ -73,6 +73,8 @@ private slots:
     void autostartEntry();
     void enableAndDisable_data();
     void enableAndDisable();
+    void refusalsAreSaid_data();
+    void refusalsAreSaid();
     void resumeIsToldOncePerWake();
     void sleepLocks_data();
     void sleepLocks();
@@ -170,6 +172,43 @@ void TestPlatform::enableAndDisable()
     QVERIFY(!status(outputs).raopDiscoveryActive && !QFile::exists(outputs.pipeWireDropIn()));
     QCOMPARE(readFile(outputs.pulseAudioScript()),
              QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
+}
+
+void TestPlatform::refusalsAreSaid_data()
+{
+    QTest::addColumn<QByteArray>("server");
+    QTest::addColumn<bool>("avahi");
+    QTest::addColumn<QByteArray>("refused"); // a pactl command, pactl itself, or the config folder
+    QTest::addColumn<bool>("enable");
+    QTest::addColumn<QString>("said");
+    for (const QStringList &column : tableRows(QStringLiteral("platform/refusals.txt"))) {
+        QVERIFY2(column.size() == 6, qPrintable(column.join('|')));
+        QTest::addRow("%s", qPrintable(column[0]))
+            << column[1].toUtf8() << (column[2] == "yes") << column[3].toUtf8()
+            << (column[4] == "on") << column[5];
+    }
+}
+
+void TestPlatform::refusalsAreSaid()
+{
+    QFETCH(QByteArray, server);
+    QFETCH(bool, avahi);
+    QFETCH(QByteArray, refused);
+    QFETCH(bool, enable);
+    QFETCH(QString, said);
+    serve(server);
+    qputenv("FAKE_PACTL_REFUSE", refused);
+    const auto reset = qScopeGuard([] { qunsetenv("FAKE_PACTL_REFUSE"); });
+    if (!enable) // loaded, to be unloaded
+        QVERIFY(writeFile(m_config.filePath("modules"), "536870913\tmodule-raop-discover\t\t\n"));
+    QVERIFY(writeFile(m_config.filePath("a file"), ""));
+    PactlSoundOutputs outputs(refused == "pactl" ? "/nonexistent/pactl" : m_pactl,
+                              m_config.filePath(refused == "config" ? "a file/config" : "refusals"),
+                              [avahi](auto done) { done(avahi); });
+    const auto [ok, error] = setEnabled(outputs, enable);
+    QVERIFY2(!ok && error.startsWith(said), qPrintable(error));
+    QCOMPARE(status(outputs).raopDiscoveryActive,
+             refused == "config" || refused == "unload-module");
 }
 
 void TestPlatform::resumeIsToldOncePerWake()
