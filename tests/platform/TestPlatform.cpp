@@ -98,9 +98,10 @@ private:
         waitFor([&result] { return result.has_value(); }, 5000); // a missing answer fails below
         return result.value_or(std::pair(false, QStringLiteral("no answer")));
     }
-    void serve(const QByteArray &server)
+    void serve(const QByteArray &server, const QByteArray &refused = {})
     {
         qputenv("FAKE_PACTL_SERVER", server);
+        qputenv("FAKE_PACTL_REFUSE", refused);
         qputenv("FAKE_PACTL_STATE", m_config.filePath(QStringLiteral("modules")).toUtf8());
         QFile::remove(m_config.filePath(QStringLiteral("modules")));
     }
@@ -196,14 +197,12 @@ void TestPlatform::refusalsAreSaid()
     QFETCH(QByteArray, refused);
     QFETCH(bool, enable);
     QFETCH(QString, said);
-    serve(server);
-    qputenv("FAKE_PACTL_REFUSE", refused);
-    const auto reset = qScopeGuard([] { qunsetenv("FAKE_PACTL_REFUSE"); });
+    serve(server, refused);
     if (!enable) // loaded, to be unloaded
         QVERIFY(writeFile(m_config.filePath("modules"), "536870913\tmodule-raop-discover\t\t\n"));
-    QVERIFY(writeFile(m_config.filePath("a file"), ""));
     PactlSoundOutputs outputs(refused == "pactl" ? "/nonexistent/pactl" : m_pactl,
-                              m_config.filePath(refused == "config" ? "a file/config" : "refusals"),
+                              refused == "config" ? m_pactl + "/config"
+                                                  : m_config.filePath("refusals"),
                               [avahi](auto done) { done(avahi); });
     const auto [ok, error] = setEnabled(outputs, enable);
     QVERIFY2(!ok && error.startsWith(said), qPrintable(error));

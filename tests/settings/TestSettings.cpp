@@ -121,24 +121,13 @@ void TestSettings::undecodableDocumentIsReplaced_data()
 {
     QTest::addColumn<QByteArray>("stored");
     QTest::addColumn<QString>("errorPart");
-    const auto with = [](const char *from, const char *to) {
-        return QByteArray(validDocument).replace(from, to);
-    };
-    QTest::newRow("missing hasRated") << with(R"(,"hasRated":false)", "") << "\"hasRated\"";
-    QTest::newRow("missing hasPromptedForRating")
-        << with(R"("hasPromptedForRating":true,)", "") << "\"hasPromptedForRating\"";
-    QTest::newRow("odd-length devices")
-        << with(R"("devices":[])", R"("devices":["http://a/",{"name":"x"},"http://b/"])") << "odd";
-    QTest::newRow("device key not a URL")
-        << with(R"("devices":[])", R"("devices":["http://[x",{}])") << "not a valid URL";
-    QTest::newRow("record without name")
-        << with(R"("devices":[])",
-                R"("devices":["http://a/",{"info":{"location":"http://a/","iconList":[]}}])")
-        << "\"name\"";
-    QTest::newRow("crash count as text")
-        << with(R"({"1.0.0":3})", R"({"1.0.0":"3"})") << "\"1.0.0\"";
-    QTest::newRow("not JSON") << QByteArray("{\"devices\":") << "JSON error";
-    QTest::newRow("JSON array") << QByteArray("[]") << "not a JSON object";
+    for (const QStringList &column : tableRows(QStringLiteral("settings/undecodable.txt"))) {
+        QVERIFY2(column.size() == 4, qPrintable(column.join('|')));
+        const QByteArray valid(validDocument), from = column[1].toUtf8(), to = column[2].toUtf8();
+        QVERIFY2(from == "*" || valid.contains(from), qPrintable(column[0]));
+        QTest::addRow("%s", qPrintable(column[0]))
+            << (from == "*" ? to : QByteArray(valid).replace(from, to)) << column[3];
+    }
 }
 
 void TestSettings::undecodableDocumentIsReplaced()
