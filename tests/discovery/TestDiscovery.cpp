@@ -529,10 +529,9 @@ void TestDiscovery::httpFraming_data()
     QTest::addColumn<bool>("close");
     QTest::addColumn<QString>("error");
     QTest::addColumn<QByteArray>("body");
-    const auto bytes = [](QString text) {
-        return text == "-"
-                   ? QByteArray()
-                   : text.replace("\\r", "\r").replace("\\n", "\n").replace("\\p", "\x01").toUtf8();
+    const auto bytes = [](QString text) { // "-" is none
+        text.replace("\\r", "\r").replace("\\n", "\n").replace("\\p", "\x01");
+        return text == "-" ? QByteArray() : text.toUtf8();
     };
     for (const QStringList &column : tableRows(QStringLiteral("discovery/http.txt"))) {
         QVERIFY2(column.size() == 5, qPrintable(column.join('|')));
