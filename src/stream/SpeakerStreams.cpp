@@ -14,6 +14,16 @@
 
 namespace {
 const QString category = QStringLiteral("stream");
+
+// A timer that calls slot once, ms after its latest start.
+template <typename Slot> std::unique_ptr<QTimer> oneShot(int ms, QObject *context, Slot slot)
+{
+    auto timer = std::make_unique<QTimer>();
+    timer->setSingleShot(true);
+    timer->setInterval(ms);
+    QObject::connect(timer.get(), &QTimer::timeout, context, std::move(slot));
+    return timer;
+}
 } // namespace
 
 SpeakerStreams::SpeakerStreams(QObject *parent)
@@ -36,9 +46,7 @@ SpeakerStreams::SpeakerStreams(QObject *parent)
     m_http.onListenerGone = [this](const QString &id) {
         QTimer::singleShot(listenerGraceMs, this, [this, id] { listenerGone(id); });
     };
-    m_reconnect.setSingleShot(true);
-    m_reconnect.setInterval(reconnectMs);
-    connect(&m_reconnect, &QTimer::timeout, this, [this] {
+    m_reconnect = oneShot(reconnectMs, this, [this] {
         if (m_enabled)
             m_sound.connectToServer();
     });
@@ -123,7 +131,7 @@ void SpeakerStreams::connection(bool connected, const QString &error)
 {
     if (connected) {
         m_lastConnectionError.clear();
-        m_reconnect.setInterval(reconnectMs);
+        m_reconnect->setInterval(reconnectMs);
         return;
     }
     if (error != m_lastConnectionError && onProblem)
@@ -134,8 +142,8 @@ void SpeakerStreams::connection(bool connected, const QString &error)
     m_lastConnectionError = error;
     if (!m_enabled)
         return;
-    m_reconnect.start();
-    m_reconnect.setInterval(std::min(m_reconnect.interval() * 2, maxReconnectMs));
+    m_reconnect->start();
+    m_reconnect->setInterval(std::min(m_reconnect->interval() * 2, maxReconnectMs));
 }
 
 void SpeakerStreams::listenerGone(const QString &id)
@@ -199,15 +207,9 @@ void SpeakerStreams::add(const QString &id, const DeviceSettings &record)
     entry.name = record.name;
     entry.location = record.info.location;
     entry.stream = stream;
-    entry.idle = std::make_unique<QTimer>();
-    entry.idle->setSingleShot(true);
-    entry.idle->setInterval(idleStopMs);
-    connect(entry.idle.get(), &QTimer::timeout, this,
-            [this, id] { stop(id, QStringLiteral("quiet for a while")); });
-    entry.volumeTimer = std::make_unique<QTimer>();
-    entry.volumeTimer->setSingleShot(true);
-    entry.volumeTimer->setInterval(volumeSettleMs);
-    connect(entry.volumeTimer.get(), &QTimer::timeout, this, [this, id] {
+    entry.idle =
+        oneShot(idleStopMs, this, [this, id] { stop(id, QStringLiteral("quiet for a while")); });
+    entry.volumeTimer = oneShot(volumeSettleMs, this, [this, id] {
         const auto found = m_speakers.find(id);
         if (found == m_speakers.end())
             return;

@@ -91,6 +91,6 @@ private:
     StreamServer m_http;
     UpnpControl m_upnp;
     SoundServer m_sound;
-    QTimer m_reconnect;
+    std::unique_ptr<QTimer> m_reconnect;
     QString m_lastConnectionError;
 };
