@@ -36,8 +36,8 @@ int g_signalPipe[2] = {-1, -1};
 
 void onQuitSignal(int)
 {
-    const char byte = 1;
-    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[0], &byte, 1);
+    const char byte = 'q';
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[0], &byte, sizeof byte);
 }
 
 // SIGINT and SIGTERM reach the event loop through a socket pair, so quitting stops the bridge.
@@ -47,8 +47,8 @@ void quitOnSignals(QCoreApplication &app)
         return;
     auto *notifier = new QSocketNotifier(g_signalPipe[1], QSocketNotifier::Read, &app);
     QObject::connect(notifier, &QSocketNotifier::activated, &app, [&app] {
-        char byte = 0;
-        [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, 1);
+        char byte; // what was sent does not matter
+        [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, sizeof byte);
         app.quit();
     });
     struct sigaction action
