@@ -78,7 +78,7 @@ bool XdgAutostart::setEnabled(bool enabled, QString *error)
 {
     const QString path = entryPath();
     QString reason;
-    bool ok = false;
+    bool ok; // set on either branch
     if (enabled) {
         QDir().mkpath(QFileInfo(path).path());
         ok = writeFileAtomically(path, desktopEntry(QCoreApplication::applicationFilePath()),
