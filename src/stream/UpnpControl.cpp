@@ -7,7 +7,7 @@
 #include <QNetworkReply>
 #include <QPointer>
 
-UpnpControl::UpnpControl(QObject *parent) : QObject(parent)
+UpnpControl::UpnpControl(QObject *parent, int timeout) : QObject(parent), m_timeoutMs(timeout)
 {
     m_network.setProxy(QNetworkProxy::NoProxy);
     m_network.setAutoDeleteReplies(true);
@@ -79,7 +79,7 @@ void UpnpControl::call(const QUrl &control, const QString &service, const QStrin
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QByteArrayLiteral("text/xml; charset=\"utf-8\""));
     request.setRawHeader("SOAPACTION", '"' + service.toUtf8() + '#' + action.toUtf8() + '"');
-    request.setTransferTimeout(timeoutMs);
+    request.setTransferTimeout(m_timeoutMs);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::ManualRedirectPolicy);
     QNetworkReply *reply = m_network.post(request, envelope(service, action, arguments));

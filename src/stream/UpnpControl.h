@@ -28,7 +28,8 @@ public:
     using Arguments = std::vector<std::pair<QString, QString>>;
     using Done = std::function<void(const Reply &)>;
 
-    explicit UpnpControl(QObject *parent = nullptr);
+    // timeout: how long a call may take (a test gives up sooner).
+    explicit UpnpControl(QObject *parent = nullptr, int timeout = timeoutMs);
 
     // The control URL of a service of the player whose description is at location.
     static QUrl controlUrl(const QUrl &location, const QString &service);
@@ -44,6 +45,7 @@ public:
     int pending() const { return m_pending; }
 
 private:
+    int m_timeoutMs;
     QNetworkAccessManager m_network{this}; // its replies are children of this
     int m_pending = 0;
 };

@@ -206,8 +206,6 @@ void TestPlatform::refusalsAreSaid()
                               [avahi](auto done) { done(avahi); });
     const auto [ok, error] = setEnabled(outputs, enable);
     QVERIFY2(!ok && error.startsWith(said), qPrintable(error));
-    QCOMPARE(status(outputs).raopDiscoveryActive,
-             refused == "config" || refused == "unload-module");
 }
 
 void TestPlatform::resumeIsToldOncePerWake()

@@ -205,6 +205,10 @@ void TestStream::upnpCallsAndTheirFaults()
     QCOMPARE(got.size(), size_t(3));
     CORVEL_WAIT(upnp.findChildren<QNetworkReply *>().isEmpty()); // none kept
     QVERIFY(got[0].ok && !got[1].ok && got[1].fault == 714 && !got[2].ok && got[2].fault == 0);
+    UpnpControl impatient(nullptr, 300); // a player that never answers is given up on
+    impatient.call(control, UpnpControl::avTransport, QStringLiteral("Play"), {},
+                   [&](const UpnpControl::Reply &reply) { got.push_back(reply); });
+    CORVEL_WAIT(got.size() == 4 && !got[3].ok && got[3].fault == 0);
     QVERIFY(UpnpControl::sentence(got[1]).contains(QStringLiteral("refused the audio format")));
     QVERIFY(UpnpControl::sentence(got[2]).contains(QStringLiteral("did not answer")));
     QVERIFY(UpnpControl::sentence({false, 402, {}}).contains(QStringLiteral("UPnP error 402")));

@@ -112,6 +112,9 @@ void TestTone::toneReachesTheRendererThroughAPause()
     QTest::qWait(500); // sent once, not again and again
     QCOMPARE(rig.calls().count("control 0 SetVolume"), 1);
 
+    // A new name makes the output anew under it (a sink cannot be renamed).
+    QCOMPARE(corvel.run({"--rename", "Living Room - PLAY:3", "Den"}, &said), 0);
+    QTRY_VERIFY(rig.pactl({"list", "sinks"}, &said) && said.contains("Description: Den"));
     // The sound server restarts, as on an update: the output comes back by itself.
     QVERIFY(rig.restartSoundServer());
     QVERIFY(corvel.waitFor("No sound server: "));
