@@ -19,7 +19,7 @@ AboutWindow::AboutWindow(QWidget *parent) : QWidget(parent)
     auto *layout = new QVBoxLayout(this);
     auto *icon = new QLabel(this);
     icon->setObjectName(QStringLiteral("iconLabel"));
-    icon->setPixmap(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(64, 64));
+    icon->setPixmap(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")).pixmap(64));
     icon->setAlignment(Qt::AlignHCenter);
     layout->addWidget(icon);
     auto *text = new QLabel(this);
