@@ -376,7 +376,7 @@ void CrashReporter::send(const Report &report)
     connect(reply, &QNetworkReply::finished, this, [this, reply, report] {
         reply->deleteLater();
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        if (reply->error() != QNetworkReply::NoError || status < 200 || status >= 300) {
+        if (reply->error() != QNetworkReply::NoError || status / 100 != 2) { // 2xx: taken
             REPORTER_LOG(
                 Warning,
                 QStringLiteral(

@@ -103,7 +103,7 @@ void FeedbackWindow::sendClicked()
         reply->deleteLater();
         m_send->setEnabled(true);
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        if (reply->error() == QNetworkReply::NoError && status >= 200 && status < 300)
+        if (reply->error() == QNetworkReply::NoError && status / 100 == 2) // 2xx: taken
             m_status->setText(tr("Thank you, your feedback was sent."));
         else
             m_status->setText(tr("Sending failed: %1").arg(reply->errorString()));
