@@ -182,7 +182,7 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
         Corvel corvel(home.path());
         QVERIFY2(corvel.waitFor("adding renderer"), corvel.output.right(3000));
         const pid_t bridge = corvel.bridgeRecord("pid").toInt();
-        corvel.end(SIGKILL);
+        corvel.end(round == 0 ? SIGABRT : SIGKILL); // a crash, then a kill
         CORVEL_WAIT_MS(::kill(bridge, 0) != 0, 10000);
         // The next session reads what the killed one left, and finds no bridge left over.
         QCOMPARE(corvel.output.contains("[Error][settings] Failed to deserialize settings, "),
@@ -193,6 +193,8 @@ void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()
                  .entryList({QStringLiteral("Corvel.conf.unreadable-*")})
                  .size(),
              1);
+    // The crash left its report, kept with nobody to ask.
+    QCOMPARE(QDir(home.filePath("state/corvel/reports")).entryList(QDir::Files).size(), 1);
 }
 
 void TestEndToEnd::keepsWatchingAndAppliesChangesAtOnce()
