@@ -235,14 +235,11 @@ void SpeakerStreams::remove(const QString &id)
     const auto found = m_speakers.find(id);
     if (found == m_speakers.end())
         return;
-    if (found->second.session != Session::None)
-        stop(id, QStringLiteral("no longer offered"));
-    const bool wasPlaying = found->second.sound && found->second.session != Session::None;
+    // A speaker in a session is stopped, which tells whoever shows what plays.
+    stop(id, QStringLiteral("no longer offered"));
     m_sound.removeOutput(id);
     m_http.close(id);
     m_speakers.erase(found);
-    if (wasPlaying && onPlayingChanged)
-        onPlayingChanged();
 }
 
 void SpeakerStreams::soundChanged(const QString &id, bool sound)
