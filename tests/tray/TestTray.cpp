@@ -261,9 +261,8 @@ void TestTray::noticesWithoutATray()
 
 void TestTray::iconLooks_data()
 {
-    // Each look against its reviewed picture in tests/data/tray: the glyph dimmed when idle,
-    // an amber ring while busy, a green dot when running, a red dot with a white "!" for a
-    // problem, each at the tray's usual and a large size.
+    // Each look against its reviewed picture (tests/data/tray), at 22 and 48 pixels: dimmed
+    // when idle, an amber ring busy, a green dot running, a red dot with a white "!" a problem.
     QTest::addColumn<int>("look");
     QTest::newRow("idle") << int(TrayLook::Idle);
     QTest::newRow("busy") << int(TrayLook::Busy);
