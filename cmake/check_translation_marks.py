@@ -47,13 +47,14 @@ def shared_mnemonics(path, context, texts):
 
 failures, checked = [], 0
 for path in sys.argv[1:]:
-    for context in ET.parse(path).getroot().iter("context"):
+    root = ET.parse(path).getroot()
+    for context in root.iter("context"):
         name = context.findtext("name")
         if name in TOGETHER:
             texts = {m.findtext("source"): m.findtext("translation") or ""
                      for m in context.iter("message")}
             failures += shared_mnemonics(path, name, texts)
-    for message in ET.parse(path).getroot().iter("message"):
+    for message in root.iter("message"):
         source = message.findtext("source")
         translation = message.find("translation")
         forms = translation.findall("numerusform") or [translation]

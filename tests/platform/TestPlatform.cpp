@@ -181,8 +181,7 @@ void TestPlatform::refusalsAreSaid_data()
     QTest::addColumn<QByteArray>("refused"); // a pactl command, pactl itself, or the config folder
     QTest::addColumn<bool>("enable");
     QTest::addColumn<QString>("said");
-    for (const QStringList &column : tableRows(QStringLiteral("platform/refusals.txt"))) {
-        QVERIFY2(column.size() == 5, qPrintable(column.join('|')));
+    for (const QStringList &column : tableRows(QStringLiteral("platform/refusals.txt"), 5)) {
         QTest::addRow("%s", qPrintable(column[0]))
             << column[1].toUtf8() << column[2].toUtf8() << (column[3] == "on") << column[4];
     }

@@ -121,8 +121,7 @@ void TestSettings::undecodableDocumentIsReplaced_data()
 {
     QTest::addColumn<QByteArray>("stored");
     QTest::addColumn<QString>("errorPart");
-    for (const QStringList &column : tableRows(QStringLiteral("settings/undecodable.txt"))) {
-        QVERIFY2(column.size() == 4, qPrintable(column.join('|')));
+    for (const QStringList &column : tableRows(QStringLiteral("settings/undecodable.txt"), 4)) {
         const QByteArray valid(validDocument), from = column[1].toUtf8(), to = column[2].toUtf8();
         QVERIFY2(from == "*" || valid.contains(from), qPrintable(column[0]));
         QTest::addRow("%s", qPrintable(column[0]))

@@ -110,13 +110,18 @@ inline QByteArray testData(const QString &name)
 }
 
 // The rows of a table under tests/data, one a line, its columns split at " | "; empty lines and
-// "#" comments are skipped, so every row returned is one the table means.
-inline QList<QStringList> tableRows(const QString &name)
+// "#" comments are skipped, so every row returned is one the table means. A row without the
+// given number of columns (0: any, the caller checks) ends the suite.
+inline QList<QStringList> tableRows(const QString &name, qsizetype columns = 0)
 {
     QList<QStringList> rows;
     for (const QString &line : QString::fromUtf8(testData(name)).split(QLatin1Char('\n'))) {
-        if (!line.isEmpty() && !line.startsWith(QLatin1Char('#')))
-            rows << line.split(QStringLiteral(" | "));
+        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+            continue;
+        rows << line.split(QStringLiteral(" | "));
+        if (columns && rows.last().size() != columns)
+            qFatal("Not %lld columns in %s: %s", qlonglong(columns), qPrintable(name),
+                   qPrintable(line));
     }
     return rows;
 }
