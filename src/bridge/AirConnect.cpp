@@ -61,6 +61,7 @@ AirConnect::AirConnect(QObject *parent) : QObject(parent)
     m_startTimer.setTimerType(Qt::PreciseTimer); // a coarse timer fires up to 5 % early
     m_startTimer.setInterval(defaultWatchdogDelayMs);
     connect(&m_startTimer, &QTimer::timeout, this, &AirConnect::watchdogTimerExpired);
+    m_clock.start();
 }
 
 AirConnect::~AirConnect()
@@ -301,8 +302,6 @@ void AirConnect::readLines(const QString &decoded)
     if (end < 0)
         return;
     pending.truncate(end);
-    if (!m_clock.isValid())
-        m_clock.start();
     const qint64 now = m_clock.elapsed();
     bool changed = false;
     for (const QString &line : pending.split(QLatin1Char('\n'), Qt::SkipEmptyParts))

@@ -207,7 +207,8 @@ QString installBridge(const QString &source, const QString &dir, const QString &
     QFile in(source);
     const QString target = dir + QLatin1Char('/') + bridgeFileName(arch);
     QSaveFile out(target);
-    if (!QDir().mkpath(dir) || !in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly)) {
+    QDir().mkpath(dir); // a folder that cannot be made fails the open below, which says why
+    if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly)) {
         *error = UserText::make("BridgeLocator", cannotCopy, dir,
                                 in.isOpen() ? out.errorString() : in.errorString());
         return QString();

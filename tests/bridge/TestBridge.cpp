@@ -588,6 +588,8 @@ void TestBridge::bridgeSetupInstalls()
         return;
     QCOMPARE(installed, dir + "/airupnp-linux-" + arch);
     QVERIFY(QFileInfo(installed).isExecutable());
+    QVERIFY(installBridge(source, installed + "/in", arch, &error).isEmpty()); // a file in the way
+    QCOMPARE(error.english, "Cannot copy the bridge to " + installed + "/in: Not a directory");
     // The installed bridge is found where nothing else is.
     QCOMPARE(findBridgeExecutable(QString(), m_dir.filePath("empty"), QString(), arch, dir).path,
              installed);
