@@ -73,16 +73,15 @@ std::optional<SSDPMSearchResponse> parseMessage(const QByteArray &datagram, bool
         return reject(QStringLiteral("datagram of %1 bytes is too large").arg(datagram.size()));
 
     // Lines end in CR LF or LF alone; both occur in the field (every part is trimmed).
-    const QList<QByteArray> lines = datagram.split('\n');
+    QList<QByteArray> lines = datagram.split('\n'); // never empty
     const QByteArray startLine = announcement ? "NOTIFY * HTTP/1.1" : "HTTP/1.1 200 OK";
-    if (lines.isEmpty() || lines.first().trimmed() != startLine)
+    if (lines.takeFirst().trimmed() != startLine)
         return reject(announcement ? QStringLiteral("not an announcement")
                                    : QStringLiteral("not a search response"));
 
     SSDPMSearchResponse response;
     response.raw = datagram;
-    for (qsizetype i = 1; i < lines.size(); ++i) {
-        const QByteArray &line = lines[i];
+    for (const QByteArray &line : std::as_const(lines)) {
         if (line.trimmed().isEmpty())
             break;
         const qsizetype colon = line.indexOf(':');
@@ -136,6 +135,5 @@ SSDPMSearchResponse::parseAnnouncement(const QByteArray &datagram, QString *reas
 
 QString SSDPMSearchResponse::udn() const
 {
-    const qsizetype end = usn.indexOf(QLatin1String("::"));
-    return end < 0 ? usn : usn.left(end);
+    return usn.section(QStringLiteral("::"), 0, 0); // all of it when there is no "::"
 }

@@ -427,6 +427,8 @@ void TestDiscovery::keepsWatching()
     EventRecorder events(discoveryEvents + QStringList{Notifications::deviceDeparted});
     LogCapture capture;
     discovery.startWatching();
+    discovery.stopWatching(); // a watch started again still hears the network change
+    discovery.startWatching();
     // Players coming up announce themselves: each is described, with no search.
     SpeakerSimulator simulator(SpeakerSimulator::household(2, 1));
     QVERIFY(simulator.start(nullptr));
