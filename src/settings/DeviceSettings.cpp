@@ -7,6 +7,7 @@
 #include <QCollator>
 #include <QCoreApplication>
 #include <QLocale>
+#include <tuple>
 
 std::optional<UserText> speakerNameProblem(const QString &name)
 {
@@ -143,8 +144,7 @@ displayOrder(const DeviceMap &devices,
     // Qt compares plainly in the C locale, numbers included: natural order needs a language.
     const QLocale locale;
     QCollator collator(locale.language() == QLocale::C ? QLocale(QLocale::English) : locale);
-    collator.setNumericMode(true);
-    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    collator.setNumericMode(true); // case differences only order names otherwise equal
     // Sort keys are made once per name: a household of hundreds sorts in a millisecond.
     struct Sorted
     {
@@ -159,12 +159,9 @@ displayOrder(const DeviceMap &devices,
             sorted.push_back({collator.sortKey(groupName(entry.second)), isMember(entry.second),
                               collator.sortKey(entry.second.name), &entry});
     }
+    // Each group's coordinator first; equal names keep the order of their addresses.
     std::stable_sort(sorted.begin(), sorted.end(), [](const Sorted &a, const Sorted &b) {
-        if (const int group = a.group.compare(b.group))
-            return group < 0;
-        if (a.member != b.member)
-            return b.member;
-        return a.name.compare(b.name) < 0;
+        return std::tie(a.group, a.member, a.name) < std::tie(b.group, b.member, b.name);
     });
     std::vector<const DeviceMap::value_type *> ordered;
     ordered.reserve(sorted.size());
