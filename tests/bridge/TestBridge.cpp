@@ -18,7 +18,6 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QScopeGuard>
-#include <QSignalSpy>
 #include <QStandardPaths>
 #include <QSysInfo>
 #include <QTemporaryDir>

@@ -4,8 +4,6 @@
 #include "Notifications.h"
 #include "TestSupport.h"
 
-#include <QCoreApplication>
-#include <QTest>
 #include <thread>
 
 class TestEvents : public QObject

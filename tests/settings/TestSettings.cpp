@@ -4,7 +4,6 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryDir>
 

@@ -12,7 +12,6 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QtEndian>
-#include <QtTest>
 
 namespace {
 const QHostAddress loopback(QStringLiteral("127.0.0.1"));
