@@ -255,8 +255,7 @@ void TestPreferences::renameStaysWithItsSpeaker()
     m_controls->add(1);
     m_controls->add(4);
     post(Notifications::deviceDiscovered);
-    QCOMPARE(m_window->rowCount(), 2);
-    QCOMPARE(m_window->row(1), row);
+    QVERIFY(m_window->rowCount() == 2 && m_window->row(1) == row); // not moved meanwhile
     QCOMPARE(*row->deviceLocation, location(3));
     if (typed.isEmpty())
         table()->setFocus(Qt::MouseFocusReason);
