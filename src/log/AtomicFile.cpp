@@ -10,26 +10,18 @@ bool writeFileAtomically(const QString &path, const QByteArray &bytes, QString *
     // bytes are flushed by commit(), which then replaces the file with what fitted and
     // reports success.
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
-        if (error)
-            *error = file.errorString();
-        return false;
-    }
-    errno = 0;
-    const qint64 written = file.write(bytes);
-    if (written != bytes.size()) {
-        // Not committed: the temporary file goes with the QSaveFile, the old file stays.
-        const int cause = errno;
-        if (error)
-            *error = QStringLiteral("wrote %1 of %2 bytes: %3")
-                         .arg(std::max<qint64>(written, 0))
-                         .arg(bytes.size())
-                         .arg(cause ? qt_error_string(cause) : file.errorString());
-        return false;
-    }
-    if (file.commit())
+    const bool opened = file.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+    const qint64 written = opened ? file.write(bytes) : 0;
+    const int cause = errno; // a short write's own error: the file saw part of it succeed
+    if (opened && written == bytes.size() && file.commit())
         return true;
-    if (error)
-        *error = file.errorString();
+    // Not committed: the temporary file goes with the QSaveFile, the old file stays.
+    if (error) {
+        *error = !opened || written == bytes.size() ? file.errorString()
+                                                    : QStringLiteral("wrote %1 of %2 bytes: %3")
+                                                          .arg(std::max<qint64>(written, 0))
+                                                          .arg(bytes.size())
+                                                          .arg(qt_error_string(cause));
+    }
     return false;
 }

@@ -168,20 +168,24 @@ void TestLog::aFileThatDoesNotFitIsNotReplaced()
     const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
-    const rlimit small{1000, limit.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &small);
-    const bool written = writeFileAtomically(path, QByteArray(5000, 'x'), &error);
-    setrlimit(RLIMIT_FSIZE, &limit);
+    for (const rlim_t fits : {rlim_t(0), rlim_t(1000)}) { // full from the start, or part-way
+        const rlimit small{fits, limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+        const bool written = writeFileAtomically(path, QByteArray(5000, 'x'), &error);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        QVERIFY2(!written &&
+                     error == QStringLiteral("wrote %1 of 5000 bytes: File too large").arg(fits),
+                 qPrintable(error));
+    }
     std::signal(SIGXFSZ, ignored);
-    QVERIFY2(!written && error.startsWith("wrote 1000 of 5000 bytes: "), qPrintable(error));
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"}); // no leftover
     QCOMPARE(readFile(path), QByteArray("old"));
 
-    // Every byte written but the replacement refused (a folder in the file's place).
+    // A folder in the file's place: refused before anything is written.
     const QString folder = dir.filePath(QStringLiteral("in-the-way"));
     QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("in-the-way")));
-    error.clear();
-    QVERIFY(!writeFileAtomically(folder, "new", &error) && !error.isEmpty());
+    QVERIFY(!writeFileAtomically(folder, "new", &error));
+    QCOMPARE(error, "Filename refers to a directory");
     QVERIFY(QFileInfo(folder).isDir());
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"airupnp.xml"});
 }
