@@ -79,39 +79,25 @@ void TestRecords::strictReading()
 
 void TestRecords::defaultName_data()
 {
-    QTest::addColumn<std::optional<QString>>("room");
-    QTest::addColumn<std::optional<QString>>("display");
-    QTest::addColumn<std::optional<QString>>("friendly");
-    QTest::addColumn<QString>("location");
-    QTest::addColumn<QString>("name");
-    using S = std::optional<QString>;
-    const QString loc = QStringLiteral("http://192.0.2.10:1400/x.xml");
-    QTest::newRow("room and display")
-        << S("Kitchen") << S("One") << S("F") << loc << "Kitchen - One";
-    QTest::newRow("empty room counts") << S("") << S("Front") << S() << loc << " - Front";
-    QTest::newRow("room alone falls to friendly") << S("K") << S() << S("F") << loc << "F";
-    QTest::newRow("trimmed of line breaks")
-        << S("Den \n") << S("\tOne\n") << S() << loc << "Den - One";
-    QTest::newRow("one line") << S("Living\nRoom\xc2\x9f") << S("\x7fOne\u2028") << S() << loc
-                              << "Living Room - One";
-    QTest::newRow("host") << S() << S() << S() << loc << "192.0.2.10";
-    QTest::newRow("no host gives the text") << S() << S() << S() << "urn:sonos:player"
-                                            << "urn:sonos:player";
+    QTest::addColumn<QStringList>("parts"); // room, display, friendly, location, name
+    for (const QStringList &column : tableRows(QStringLiteral("records/names.txt"), 6))
+        QTest::addRow("%s", qPrintable(column[0])) << column.mid(1);
 }
 
 void TestRecords::defaultName()
 {
-    QFETCH(std::optional<QString>, room);
-    QFETCH(std::optional<QString>, display);
-    QFETCH(std::optional<QString>, friendly);
-    QFETCH(QString, location);
-    QFETCH(QString, name);
+    QFETCH(QStringList, parts);
+    const auto text = [&parts](int i) -> std::optional<QString> { // "-" is none
+        if (parts[i] == "-")
+            return std::nullopt;
+        return QJsonDocument::fromJson(("[\"" + parts[i] + "\"]").toUtf8()).array()[0].toString();
+    };
     DeviceInfo info;
-    info.location = QUrl(location);
-    info.roomName = room;
-    info.displayName = display;
-    info.friendlyName = friendly;
-    QCOMPARE(info.defaultName(), name);
+    info.location = QUrl(*text(3));
+    info.roomName = text(0);
+    info.displayName = text(1);
+    info.friendlyName = text(2);
+    QCOMPARE(info.defaultName(), *text(4));
 }
 
 void TestRecords::topologyAndLocationOrder()
