@@ -42,15 +42,10 @@ Log::~Log()
 }
 
 namespace {
+// A regular file takes a whole write, or what fits on a full disk: there is nothing to retry.
 void writeAll(int fd, const QByteArray &bytes)
 {
-    qsizetype done = 0;
-    while (done < bytes.size()) {
-        const ssize_t written = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
-        if (written <= 0)
-            return;
-        done += written;
-    }
+    [[maybe_unused]] const ssize_t written = ::write(fd, bytes.constData(), size_t(bytes.size()));
 }
 } // namespace
 
