@@ -25,12 +25,10 @@ SingleInstance::SingleInstance(Settings &settings, std::function<void()> show, Q
 
 SingleInstance::~SingleInstance()
 {
-    if (m_ownsName) {
-        QDBusConnection::sessionBus().unregisterObject(objectPath);
+    // The bus drops the object's path itself as the object goes; closing -1 is harmless.
+    if (m_ownsName)
         QDBusConnection::sessionBus().unregisterService(serviceName);
-    }
-    if (m_lock >= 0)
-        ::close(m_lock);
+    ::close(m_lock);
 }
 
 SingleInstance::Claim SingleInstance::claim()
