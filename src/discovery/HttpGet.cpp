@@ -75,10 +75,8 @@ bool HttpGet::parse(bool closed)
 {
     if (m_finished)
         return true;
-    if (!m_headDone) {
-        if (!parseHead())
-            return m_finished;
-    }
+    if (!m_headDone && !parseHead())
+        return false; // the head is not all here, or was refused (and the GET finished)
     if (m_chunked)
         return parseChunks();
     if (!m_buffer.isEmpty()) {
