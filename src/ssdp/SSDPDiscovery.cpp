@@ -6,6 +6,7 @@
 #include <cmath>
 #include <QNetworkDatagram>
 #include <QNetworkInterface>
+#include <QNetworkProxy>
 #include <QUdpSocket>
 #include <QVariant>
 
@@ -51,6 +52,7 @@ SSDPDiscovery::startDiscovery(const SSDPMSearchRequest &request, double timeoutS
             if (address.protocol() != QAbstractSocket::IPv4Protocol)
                 continue;
             auto *socket = new QUdpSocket(session.get());
+            socket->setProxy(QNetworkProxy::NoProxy); // a proxy the desktop sets takes no UDP
             if (!socket->bind(address, 0)) {
                 failures << QStringLiteral("%1 (%2): %3")
                                 .arg(interface.name(), address.toString(), socket->errorString());

@@ -10,6 +10,7 @@
 #include <linux/rtnetlink.h>
 #include <QNetworkDatagram>
 #include <QNetworkInterface>
+#include <QNetworkProxy>
 #include <QUdpSocket>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -71,6 +72,7 @@ bool SSDPListener::start(QString *error)
 
     delete m_socket;
     m_socket = new QUdpSocket(this);
+    m_socket->setProxy(QNetworkProxy::NoProxy); // multicast on the local network, never proxied
     QStringList joined;
     if (m_socket->bind(QHostAddress::AnyIPv4, SSDPDiscovery::port,
                        QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint)) {

@@ -10,6 +10,7 @@
 #include "SpeakerSimulator.h"
 #include "TestSupport.h"
 
+#include <QNetworkProxy>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -202,8 +203,8 @@ void TestDiscovery::searchesAHousehold()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents);
     LogCapture capture;
-    qputenv("http_proxy", "http://127.0.0.1:9"); // speakers are never asked through a proxy
-    discovery.searchForDevices(2.6);             // sent again after a second, and only once
+    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", 9}); // never used
+    discovery.searchForDevices(2.6); // sent again after a second, and only once
     QVERIFY(discovery.session() && events.names() == QStringList{"discoveryStarted"});
     // One player answers each search twice: every player is still described once, but a
     // failed one is tried again on its next answer.
@@ -234,7 +235,7 @@ void TestDiscovery::searchesAHousehold()
     QCOMPARE(capture.count("Error - Failed to fetch topology"), 0); // a missing one is quiet
     const QString closed = capture.lines().filter(" closedSession(SSDP").value(0); // its end
     QVERIFY(closed.endsWith(", urn:schemas-upnp-org:device:ZonePlayer:1, from 127.0.0.1))"));
-    qunsetenv("http_proxy");
+    QNetworkProxy::setApplicationProxy({});
 }
 
 void TestDiscovery::searchLifecycle()
@@ -426,9 +427,11 @@ void TestDiscovery::keepsWatching()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents + QStringList{Notifications::deviceDeparted});
     LogCapture capture;
+    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", 9}); // not for it
     discovery.startWatching();
     discovery.stopWatching(); // a watch started again still hears the network change
     discovery.startWatching();
+    QNetworkProxy::setApplicationProxy({});
     // Players coming up announce themselves: each is described, with no search.
     SpeakerSimulator simulator(SpeakerSimulator::household(2, 1));
     QVERIFY(simulator.start(nullptr));
