@@ -129,8 +129,9 @@ void TestTray::showsTheState()
     QCOMPARE(tray.trayIcon()->icon().pixmap(22).toImage(),
              trayIcon(TrayLook(look)).pixmap(22).toImage());
     settings->setDeviceEnabled(speaker(2).location, false);
+    settings->devices.at(speaker(1).location).bridgeView = BridgeView::Playing; // and ready
     tray.refresh(); // one offered speaker is one speaker
-    QCOMPARE(tray.trayIcon()->toolTip().section('\n', 0, 0).endsWith("— 1 speaker"),
+    QCOMPARE(tray.trayIcon()->toolTip().endsWith("— 1 speaker\n1 ready, 1 playing"),
              look == int(TrayLook::Running));
 }
 
