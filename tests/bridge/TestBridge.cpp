@@ -585,8 +585,7 @@ void TestBridge::bridgeSetupInstalls()
     QVERIFY2(error.english.contains(refusal), qPrintable(error.english));
     if (!refusal.isEmpty())
         return;
-    QCOMPARE(installed, dir + "/airupnp-linux-" + arch);
-    QVERIFY(QFileInfo(installed).isExecutable());
+    QVERIFY(installed == dir + "/airupnp-linux-" + arch && QFileInfo(installed).isExecutable());
     QVERIFY(installBridge(source, installed + "/in", arch, &error).isEmpty()); // a file in the way
     QCOMPARE(error.english, "Cannot copy the bridge to " + installed + "/in: Not a directory");
     // The installed bridge is found where nothing else is.

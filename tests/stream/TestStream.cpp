@@ -277,6 +277,10 @@ void TestStream::noSoundServerIsSaidOnce()
         streams.setEnabled(false);
         QVERIFY(problems.size() == 1 && problems[0].startsWith("No sound server answered"));
     }
+    streams.setEnabled(true);
+    streams.shutdown(100); // Corvel quits: off, and it stays off
+    streams.setEnabled(true);
+    QVERIFY(!streams.enabled());
 }
 
 QTEST_MAIN(TestStream)
