@@ -110,7 +110,7 @@ void TestTray::showsTheState()
         settings->mergeDiscoveredSpeaker(speaker(n), {n != 3, "G"}); // 3 is a group member
     TrayPresenter tray(lifecycle, [&]() -> Settings & { return *settings; });
     tray.showTrayIcon();
-    QCOMPARE(tray.trayIcon()->contextMenu(), tray.menu()); // the right button's
+    QCOMPARE(tray.trayIcon()->contextMenu(), tray.menu());  // the right button's
     QSignalSpy clicked(&tray, &TrayPresenter::iconClicked); // a left click, not the menu's
     emit tray.trayIcon()->activated(QSystemTrayIcon::Context);
     QCOMPARE(clicked.size(), 0);
