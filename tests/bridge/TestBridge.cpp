@@ -571,6 +571,9 @@ void TestBridge::bridgeSetupInstalls()
 {
     // What this machine needs, as the running system says and as this build was made for.
     QCOMPARE(currentBridgeArchitecture(), bridgeArchitecture(QSysInfo::currentCpuArchitecture()));
+    for (const QString machine : {"armv7l arm", "armhf arm", "armv6l armv6", "i686 x86", "i586 x86",
+                                  "i386 x86", "arm64 aarch64", "aarch64 aarch64", "x86_64 x86_64"})
+        QCOMPARE(bridgeArchitecture(machine.section(' ', 0, 0)), machine.section(' ', 1));
     QFETCH(QString, file);
     QFETCH(QString, arch);
     QFETCH(QString, refusal);

@@ -222,8 +222,7 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     for (int refused = 1; refused <= 3; ++refused) {
         reporter.processPendingReports();
         CORVEL_WAIT(handled.size() == refused);
-        QCOMPARE(handled.last().at(1).toBool(), false);
-        QCOMPARE(reporter.pendingReports().size(), 1);
+        QVERIFY(!handled.last().at(1).toBool() && reporter.pendingReports().size() == 1);
         QCOMPARE(capture.count("Warning CrashReporter CrashReporter.cpp:"), refused);
     }
     QVERIFY2(capture.dump().contains(" Failed to send the crash report "), capture.dump());

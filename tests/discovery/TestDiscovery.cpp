@@ -180,8 +180,7 @@ void TestDiscovery::topology()
     QFETCH(bool, coordinator);
     QFETCH(QString, group);
     const DeviceTopology result = DescriptionParser::parseTopology(body, udn);
-    QCOMPARE(result.coordinator, coordinator);
-    QCOMPARE(result.group, group);
+    QVERIFY2(result.coordinator == coordinator && result.group == group, qPrintable(result.group));
     DeviceInfo info;
     info.location = location;
     info.udn = QStringLiteral("uuid:A\nuuid:B");
@@ -417,8 +416,7 @@ void TestDiscovery::believedSpeakersAreBounded()
     CORVEL_WAIT_MS(events.count("discoveryComplete") == 1 &&
                        discovery.devices().size() >= believed && capture.count(line) > 0,
                    30000);
-    QCOMPARE(discovery.devices().size(), believed);
-    QCOMPARE(capture.count(line), 1);
+    QVERIFY(discovery.devices().size() == believed && capture.count(line) == 1);
 }
 
 void TestDiscovery::keepsWatching()

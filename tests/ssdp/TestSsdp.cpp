@@ -87,8 +87,7 @@ void TestSsdp::responses()
     QCOMPARE(response->location, QUrl("http://192.0.2.10:1400/xml/device_description.xml"));
     QCOMPARE(*response->server, QStringLiteral("Linux UPnP/1.0 Sonos/57.3-81090 (ZPS3)"));
     QCOMPARE(*response->header("cache-control"), QStringLiteral("max-age = 1800"));
-    QCOMPARE(*response->header("EXT"), QString());
-    QCOMPARE(response->raw, datagram);
+    QVERIFY(response->header("EXT")->isEmpty() && response->raw == datagram); // EXT is empty
 }
 
 void TestSsdp::realCaptures_data()
