@@ -41,7 +41,6 @@ QString xmlCharacters(const QString &text)
     // not allow (a control character from a description, or pasted into a name), and then
     // offers every renderer it finds; such characters are dropped.
     QString kept;
-    kept.reserve(text.size());
     for (qsizetype i = 0; i < text.size(); ++i) {
         const QChar c = text.at(i);
         if (c.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate()) {
