@@ -118,7 +118,7 @@ void SSDPDiscoverySession::sendSearch()
 
 void SSDPDiscoverySession::handleReadyRead(QUdpSocket *socket)
 {
-    while (!m_closed && socket->hasPendingDatagrams()) {
+    while (socket->hasPendingDatagrams()) { // none once a delegate has closed the session
         const QNetworkDatagram datagram =
             socket->receiveDatagram(SSDPMSearchResponse::maxDatagramSize + 1);
         QString reason;
@@ -140,8 +140,6 @@ void SSDPDiscoverySession::handleReadyRead(QUdpSocket *socket)
 
 void SSDPDiscoverySession::handleTimeout()
 {
-    if (m_closed)
-        return;
     close();
     if (m_request.delegate)
         m_request.delegate->closedSession(this);
@@ -149,9 +147,7 @@ void SSDPDiscoverySession::handleTimeout()
 
 void SSDPDiscoverySession::close()
 {
-    if (m_closed)
-        return;
-    m_closed = true;
+    // Closing twice is harmless; a closed session's timers never fire.
     m_repeat.stop();
     m_timeout.stop();
     for (QUdpSocket *socket : m_sockets)

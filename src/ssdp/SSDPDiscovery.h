@@ -40,7 +40,6 @@ public:
 
     // Ends the search early; no closedSession follows.
     void close();
-    bool isClosed() const { return m_closed; }
     // The local addresses the search was sent from.
     QList<QHostAddress> localAddresses() const { return m_addresses; }
     QString description() const;
@@ -58,7 +57,6 @@ private:
     QTimer m_repeat;
     QTimer m_timeout;
     quint64 m_number;
-    bool m_closed = false;
 };
 
 class SSDPDiscovery

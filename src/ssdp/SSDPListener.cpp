@@ -63,8 +63,7 @@ bool SSDPListener::start(QString *error)
         } else {
             logWarning(category, QStringLiteral("Cannot watch network changes: ") +
                                      QString::fromLocal8Bit(strerror(errno)));
-            if (m_netlink >= 0)
-                ::close(m_netlink);
+            ::close(m_netlink); // -1 when the socket itself failed: harmless
             m_netlink = -1;
         }
     }
@@ -105,8 +104,7 @@ void SSDPListener::stop()
     m_socket = nullptr;
     delete m_netlinkNotifier;
     m_netlinkNotifier = nullptr;
-    if (m_netlink >= 0)
-        ::close(m_netlink);
+    ::close(m_netlink); // -1 when there is none: harmless
     m_netlink = -1;
 }
 
