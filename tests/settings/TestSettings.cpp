@@ -217,9 +217,8 @@ void TestSettings::mergeKeepsTheUsersChoices()
     const DeviceSettings &record = settings->mergeDiscoveredSpeaker(
         speaker(kitchen, QStringLiteral("Den"), QStringLiteral("Front")), {false, "h"});
     QCOMPARE(record.name, expectedName);
-    QCOMPARE(record.enabled, !disabled);
-    QCOMPARE(record.nameChanged, renamed);
-    QVERIFY(record.active && !record.topology->coordinator);
+    QVERIFY(record.enabled == !disabled && record.nameChanged == renamed && record.active &&
+            !record.topology->coordinator);
     QVERIFY(
         capture.has("Info - Updating menu item " + nameBefore + " (" + kitchen.toString() + ")"));
     QCOMPARE(settings->activeDevices().size(), 1u);

@@ -122,8 +122,7 @@ void TestTray::showsTheState()
         lifecycle.handle(E(event), 0);
     }
     tray.refresh();
-    QCOMPARE(tray.statusLine()->text(), title);
-    QCOMPARE(tray.onOffItem()->text(), command);
+    QCOMPARE(tray.statusLine()->text() + " | " + tray.onOffItem()->text(), title + " | " + command);
     QCOMPARE(int(tray.trayLook()), look);
     QCOMPARE(tray.trayIcon()->toolTip(), toolTip);
     QCOMPARE(tray.trayIcon()->icon().pixmap(22).toImage(),
