@@ -43,7 +43,7 @@ Log::~Log()
 
 namespace {
 // A regular file takes a whole write, or what fits on a full disk: there is nothing to retry.
-void writeAll(int fd, const QByteArray &bytes)
+void writeOnce(int fd, const QByteArray &bytes)
 {
     [[maybe_unused]] const ssize_t written = ::write(fd, bytes.constData(), size_t(bytes.size()));
 }
@@ -75,7 +75,7 @@ void Log::rewriteSessionFile()
     }
     if (::ftruncate(m_sessionFd, 0) != 0 || ::lseek(m_sessionFd, 0, SEEK_SET) != 0)
         return;
-    writeAll(m_sessionFd, text);
+    writeOnce(m_sessionFd, text);
     m_sessionLines = text.count('\n');
     m_sessionBytes = text.size();
 }
@@ -94,7 +94,7 @@ void Log::log(LogLevel level, const std::optional<QString> &category, const QStr
         m_lines.pop_front();
     if (m_sessionFd >= 0) {
         const QByteArray entry = render(m_lines.back()).toUtf8() + '\n';
-        writeAll(m_sessionFd, entry);
+        writeOnce(m_sessionFd, entry);
         m_sessionBytes += entry.size();
         // Compacted now and then, so the file stays within maxLines lines and 1 MiB.
         if (++m_sessionLines >= maxLines || m_sessionBytes > sessionFileMaxBytes)

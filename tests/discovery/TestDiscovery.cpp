@@ -10,7 +10,6 @@
 #include "SpeakerSimulator.h"
 #include "TestSupport.h"
 
-#include <QNetworkProxy>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -202,7 +201,7 @@ void TestDiscovery::searchesAHousehold()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents);
     LogCapture capture;
-    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", 9}); // never used
+    const auto proxy = unusableProxy();
     discovery.searchForDevices(2.6); // sent again after a second, and only once
     QVERIFY(discovery.session() && events.names() == QStringList{"discoveryStarted"});
     // One player answers each search twice: every player is still described once, but a
@@ -234,7 +233,6 @@ void TestDiscovery::searchesAHousehold()
     QCOMPARE(capture.count("Error - Failed to fetch topology"), 0); // a missing one is quiet
     const QString closed = capture.lines().filter(" closedSession(SSDP").value(0); // its end
     QVERIFY(closed.endsWith(", urn:schemas-upnp-org:device:ZonePlayer:1, from 127.0.0.1))"));
-    QNetworkProxy::setApplicationProxy({});
 }
 
 void TestDiscovery::searchLifecycle()
@@ -425,11 +423,12 @@ void TestDiscovery::keepsWatching()
     DeviceDiscovery discovery;
     EventRecorder events(discoveryEvents + QStringList{Notifications::deviceDeparted});
     LogCapture capture;
-    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", 9}); // not for it
-    discovery.startWatching();
-    discovery.stopWatching(); // a watch started again still hears the network change
-    discovery.startWatching();
-    QNetworkProxy::setApplicationProxy({});
+    { // the announcements' socket takes no proxy either
+        const auto proxy = unusableProxy();
+        discovery.startWatching();
+        discovery.stopWatching(); // a watch started again still hears the network change
+        discovery.startWatching();
+    }
     // Players coming up announce themselves: each is described, with no search.
     SpeakerSimulator simulator(SpeakerSimulator::household(2, 1));
     QVERIFY(simulator.start(nullptr));

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <QDir>
 #include <QProcess>
-#include <QScopeGuard>
 #include <QTemporaryDir>
 
 namespace {
@@ -154,9 +153,8 @@ void TestEndToEnd::headlessLifecycle()
         QVERIFY2(at >= 0, milestone.constData());
     }
     const pid_t bridge = corvel.bridgeRecord("pid").toInt();
-    QVERIFY(bridge > 0);
-    QVERIFY(corvel.end(SIGTERM));    // as a service manager stops it: exit 0
-    QVERIFY(::kill(bridge, 0) != 0); // the bridge is gone, and reaped
+    QVERIFY(bridge > 0 && corvel.end(SIGTERM)); // as a service manager stops it: exit 0
+    QVERIFY(::kill(bridge, 0) != 0);            // the bridge is gone, and reaped
     // With no Corvel running, the commands work on the stored settings; --list searches first.
     QVERIFY(QFile::remove(home.filePath(QStringLiteral("config/Corvel/Corvel.conf"))));
     QByteArray out;

@@ -87,10 +87,9 @@ void TestRecords::defaultName_data()
 void TestRecords::defaultName()
 {
     QFETCH(QStringList, parts);
-    const auto text = [&parts](int i) -> std::optional<QString> { // "-" is none
-        if (parts[i] == "-")
-            return std::nullopt;
-        return QJsonDocument::fromJson(("[\"" + parts[i] + "\"]").toUtf8()).array()[0].toString();
+    const auto text = [&parts](int i) { // "-" is none
+        const QJsonValue json = QJsonDocument::fromJson(("[\"" + parts[i] + "\"]").toUtf8())[0];
+        return parts[i] == "-" ? std::nullopt : std::optional(json.toString());
     };
     DeviceInfo info;
     info.location = QUrl(*text(3));

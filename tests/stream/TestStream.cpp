@@ -8,7 +8,6 @@
 #include "TestSupport.h"
 #include "UpnpControl.h"
 
-#include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -177,7 +176,6 @@ void TestStream::upnpCallsAndTheirFaults()
             socket->disconnectFromHost();
         });
     });
-    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", 9}); // never used
     UpnpControl upnp(nullptr, 1000); // short: the last player never answers
     const QUrl location(QStringLiteral("http://%1:%2/xml/device_description.xml")
                             .arg(loopback.toString())
@@ -211,7 +209,6 @@ void TestStream::upnpCallsAndTheirFaults()
         const int fault = row.section(' ', 0, 0).toInt();
         QVERIFY(UpnpControl::sentence({false, fault, {}}).contains(row.section(' ', 1)));
     }
-    QNetworkProxy::setApplicationProxy({});
 }
 
 void TestStream::whichSpeakersGetAnOutput_data()

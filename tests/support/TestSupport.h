@@ -9,6 +9,8 @@
 #include <mutex>
 #include <QFile>
 #include <QNetworkInterface>
+#include <QNetworkProxy>
+#include <QScopeGuard>
 #include <QStringList>
 #include <QTest>
 #include <vector>
@@ -85,6 +87,14 @@ public:
 private:
     QList<NotificationCenter::Token> m_tokens;
 };
+
+// An HTTP proxy at a closed port for the application until the guard goes; it carries no UDP.
+// (Qt keeps loopback TCP off any proxy: connections to simulated speakers cannot show one.)
+inline auto unusableProxy()
+{
+    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"), 9});
+    return qScopeGuard([] { QNetworkProxy::setApplicationProxy({}); });
+}
 
 // A file's bytes, or an empty array when it cannot be read.
 inline QByteArray readFile(const QString &path)
