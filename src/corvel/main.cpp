@@ -14,12 +14,12 @@
 #include "Settings.h"
 #include "SingleInstance.h"
 #include "SpeakerCommands.h"
+#include "StartMode.h"
 #include "Translations.h"
 #include "WindowFactory.h"
 
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QElapsedTimer>
@@ -61,18 +61,6 @@ void quitOnSignals(QCoreApplication &app)
     sigaction(SIGTERM, &action, nullptr);
 }
 
-// Whether any argument is one of options.
-bool hasAnyOf(int argc, char *argv[], std::initializer_list<const char *> options)
-{
-    for (int i = 1; i < argc; ++i) {
-        for (const char *option : options) {
-            if (std::strcmp(argv[i], option) == 0)
-                return true;
-        }
-    }
-    return false;
-}
-
 // --list with no Corvel running: one search, whose speakers are saved, so that the other
 // commands can name them. The bridge is not started.
 int listSpeakers(QCoreApplication &app)
@@ -94,24 +82,13 @@ int listSpeakers(QCoreApplication &app)
     return 0;
 }
 
-bool hasDisplay()
-{
-    return !qEnvironmentVariableIsEmpty("DISPLAY") ||
-           !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-}
 } // namespace
 
 int main(int argc, char *argv[])
 {
     // Decided before the application object exists, since it fixes the platform plugin.
-    const bool noDisplay = !hasDisplay();
-    // Help, version and the speaker commands never show anything, and must work over a remote
-    // shell whose DISPLAY names a screen that cannot be reached.
-    const bool helpOrVersion =
-        hasAnyOf(argc, argv, {"-h", "--help", "--help-all", "-v", "--version"});
-    const bool headless =
-        helpOrVersion || noDisplay ||
-        hasAnyOf(argc, argv, {"--headless", "--list", "--enable", "--disable", "--rename"});
+    const StartMode mode = startModeFor(QByteArrayList(argv, argv + argc));
+    const bool headless = mode.headless;
     if (headless)
         qputenv("QT_QPA_PLATFORM", "offscreen");
     // The log exists before anything can log, Qt and the settings included.
@@ -119,7 +96,7 @@ int main(int argc, char *argv[])
     Logging::attach(&Log::shared());
     // Help and version print their text and exit: Qt's own start-up remarks (no runtime folder
     // on a bare server, say) would only get in their way.
-    if (helpOrVersion)
+    if (mode.printsOnly)
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     else
         Logging::installQtMessageHandler();
@@ -130,7 +107,6 @@ int main(int argc, char *argv[])
     QApplication::setOrganizationName(QStringLiteral("Corvel"));
     QApplication::setApplicationVersion(QStringLiteral(CORVEL_VERSION));
     QApplication::setDesktopFileName(QStringLiteral(CORVEL_APP_ID));
-    QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/org.corvel.Corvel.svg")));
     Translations::install();
 
@@ -239,7 +215,7 @@ int main(int argc, char *argv[])
     if (!headless)
         installCrashPrompts(CrashReporter::shared());
     controller.startCrashReporting();
-    if (noDisplay && !parser.isSet(headlessOption))
+    if (mode.noDisplay && !parser.isSet(headlessOption))
         logInfo(QStringLiteral(
             "No display found (neither DISPLAY nor WAYLAND_DISPLAY): running headless"));
 

@@ -8,9 +8,14 @@
 #include "FeedbackWindow.h"
 #include "PreferencesWindow.h"
 
+#include <QApplication>
+
 WindowFactory::WindowFactory(Controls &controls, Platform platform)
     : m_controls(controls), m_platform(std::move(platform))
 {
+    // Corvel lives on in the tray when its windows close; where closing one quits, the window
+    // asks the controller.
+    QApplication::setQuitOnLastWindowClosed(false);
 }
 
 WindowFactory::~WindowFactory()

@@ -13,6 +13,7 @@
 #include "Settings.h"
 #include "SingleInstance.h"
 #include "SpeakerCommands.h"
+#include "StartMode.h"
 #include "SystemSleep.h"
 #include "TestSpeakers.h"
 #include "TestSupport.h"
@@ -149,6 +150,7 @@ private slots:
     void idleSleepFollowsTheBridge();
     void tellsTheServiceManager();
     void speakerCommands();
+    void startMode();
 
 private:
     QStringList titles() const
@@ -455,6 +457,28 @@ void TestApp::speakerCommands()
     QVERIFY(error.endsWith(QStringLiteral("could not be saved: No space left on device")));
     QCOMPARE(SpeakerCommands::setEnabled(*settings, speaker(3).location.toString(), true, &error),
              3);
+}
+
+void TestApp::startMode()
+{
+    // The arguments after the program's path, DISPLAY|WAYLAND_DISPLAY, then printsOnly,
+    // headless and noDisplay as bits 4, 2 and 1.
+    const std::tuple<const char *, const char *, int> rows[] = {
+        {"", ":0|", 0},           {"--autostart", "|wayland-0", 0},
+        {"Kitchen", ":0|", 0},    {"", "|", 3},
+        {"--headless", ":0|", 2}, {"--list", ":0|", 2},
+        {"--enable", ":0|", 2},   {"--disable", ":0|", 2},
+        {"--rename", ":0|", 2},   {"--rename Kitchen --help", ":0|", 6},
+        {"-h", ":0|", 6},         {"--help-all", ":0|", 6},
+        {"--version", ":0|", 6},  {"-v", "|", 7}};
+    for (const auto &[arguments, display, mode] : rows) {
+        const QByteArrayList screens = QByteArray(display).split('|');
+        qputenv("DISPLAY", screens[0]);
+        qputenv("WAYLAND_DISPLAY", screens[1]);
+        const StartMode got =
+            startModeFor(QByteArrayList{"corvel"} + QByteArray(arguments).split(' '));
+        QVERIFY2(got.printsOnly * 4 + got.headless * 2 + got.noDisplay == mode, arguments);
+    }
 }
 
 QTEST_MAIN(TestApp)

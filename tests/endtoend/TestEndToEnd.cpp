@@ -163,6 +163,7 @@ void TestEndToEnd::headlessLifecycle()
              out.constData()); // the list alone
     QCOMPARE(corvel.run({"--disable", "Kitchen - PLAY:3"}, &out), 0);
     QCOMPARE(corvel.run({"--rename", "Kitchen - PLAY:3", "Den"}, &out), 0);
+    QVERIFY(corvel.run({"--list"}, &out) == 0 && out.contains("disabled  \"Den\""));
 }
 
 void TestEndToEnd::killedCorvelTakesItsBridgeAndKeepsItsSettings()

@@ -605,6 +605,7 @@ void TestPreferences::factoryMakesEachWindowOnce()
     using Kind = Windows::Kind;
     m_controls->withoutTray = true;
     WindowFactory windows(*m_controls, m_platform->platform());
+    QVERIFY(!QGuiApplication::quitOnLastWindowClosed()); // the window asks when it quits
     for (const Kind kind : {Kind::Preferences, Kind::About, Kind::Feedback, Kind::BridgeSetup}) {
         QVERIFY(!windows.isVisible(kind));
         windows.show(kind);
