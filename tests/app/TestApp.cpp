@@ -263,20 +263,16 @@ void TestApp::wiring()
             (step == "slow" ? m_world->slowStop : m_world->unwritable) = true;
         else if (step == "exited")
             post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->stopped}});
-        else if (step == "crash") { // the bridge ends by itself
+        else if (step == "crash" || step == "cannot" || step == "notready") {
+            // The bridge ended by itself, or at once (its network has no address yet), or the
+            // watchdog ended it.
             m_world->running = false;
-            post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch}});
+            post(Notifications::serviceTerminated, {{UserInfoKey::launch, m_world->launch},
+                                                    {UserInfoKey::cannotStart, step == "cannot"},
+                                                    {UserInfoKey::notReady, step == "notready"}});
         } else if (step == "retried") // started again, or given up
             CORVEL_WAIT(m_world->running || m_app->state() == Controller::State::Stopped);
-        else if (step == "cannot") { // the bridge's network has no address yet
-            m_world->running = false;
-            post(Notifications::serviceTerminated,
-                 {{UserInfoKey::launch, m_world->launch}, {UserInfoKey::cannotStart, true}});
-        } else if (step == "notready") { // the watchdog ended it
-            m_world->running = false;
-            post(Notifications::serviceTerminated,
-                 {{UserInfoKey::launch, m_world->launch}, {UserInfoKey::notReady, true}});
-        } else if (step == "sound")
+        else if (step == "sound")
             m_world->settings->setSoundOutputs(true);
         else if (step == "delay") { // chosen in Preferences
             m_world->settings->setBridgeDelay(BridgeDelay::Steady);

@@ -30,6 +30,13 @@ void writeReport(const QString &folder, const QString &name)
               "signal 11\ntime 1\nversion 1.0.0\nlog /nonexistent\nbacktrace:\n");
 }
 
+__attribute__((noinline)) int overflow(int depth)
+{
+    volatile char frame[4096]; // a frame the compiler cannot fold into a loop
+    frame[depth % 4096] = 1;
+    return depth < 0 ? 0 : overflow(depth + 1) + frame[0];
+}
+
 // The crashing side: starts the reporter, logs, then fails as asked. The null dereference must
 // reach the signal handler, not the undefined-behaviour checker of a sanitizer build.
 __attribute__((no_sanitize_undefined)) int crash(int argc, char *argv[])
@@ -44,6 +51,8 @@ __attribute__((no_sanitize_undefined)) int crash(int argc, char *argv[])
         qFatal("fatal error for the test");
     if (QByteArray(argv[2]) == "throw")
         throw std::runtime_error("an exception nothing caught");
+    if (QByteArray(argv[2]) == "overflow") // the handler runs on a stack of its own
+        return overflow(argc);
     volatile int *nothing = nullptr;
     return *nothing;
 }
@@ -99,6 +108,7 @@ void TestCrash::eachRealCrashLeavesAReport_data()
     QTest::newRow("null pointer") << "segv" << int(SIGSEGV);
     QTest::newRow("qFatal") << "fatal" << int(SIGABRT);
     QTest::newRow("uncaught exception") << "throw" << int(SIGABRT);
+    QTest::newRow("stack overflow") << "overflow" << int(SIGSEGV);
 }
 
 void TestCrash::eachRealCrashLeavesAReport()
@@ -112,6 +122,8 @@ void TestCrash::eachRealCrashLeavesAReport()
     env.insert(QStringLiteral("ASAN_OPTIONS"),
                QStringLiteral("handle_segv=0:handle_abort=0:detect_leaks=0"));
     program.setProcessEnvironment(env);
+    QVERIFY(QDir(state.path()).mkpath("corvel") &&
+            writeFile(state.filePath(QStringLiteral("corvel/session-1.log")), "gone at start"));
     // Each run ends by its signal, re-raised; the second keeps the log the first report needs.
     for (int run = 0; run < 2; ++run) {
         program.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--crash"), how});
@@ -134,26 +146,29 @@ void TestCrash::eachRealCrashLeavesAReport()
     reporter.configure(QStringLiteral("org.corvel.Corvel"), &delegate);
     QString attachment;
     reporter.setPrompt([&](const CrashReporter::Reports &reports, auto done) {
-        attachment = reports.at(0).attachment;
+        attachment = reports.at(0).attachment + reports.at(1).attachment;
         done(CrashReporter::Answer::DontSend);
     });
     reporter.processPendingReports();
     reporter.processPendingReports(); // declined: gone, not offered again
     QCOMPARE(delegate.offers, 2);     // both reports, once
     QVERIFY(attachment.startsWith(QStringLiteral("this session's log")));
-    QVERIFY(attachment.contains(QStringLiteral("the crashed session's last words")));
+    QVERIFY(attachment.contains(QStringLiteral("crashed ---\n[")) &&
+            attachment.contains(QStringLiteral("the crashed session's last words")) &&
+            attachment.contains(QStringLiteral("A crash report is waiting in"))); // the second
     QVERIFY(!QFile::exists(reports.first()));
 }
 
 void TestCrash::answers_data()
 {
     QTest::addColumn<int>("answer");
-    QTest::addColumn<int>("save"); // 1 a file chosen, 0 cancelled, -1 nowhere to save
+    QTest::addColumn<int>("save"); // 1 a file chosen, 2 a folder, 0 cancelled, -1 nowhere
     QTest::addColumn<bool>("kept");
     QTest::addColumn<bool>("remembered");
     QTest::newRow("always send, saved")
         << int(CrashReporter::Answer::AlwaysSend) << 1 << false << true;
     QTest::newRow("save cancelled") << int(CrashReporter::Answer::Send) << 0 << true << false;
+    QTest::newRow("saving fails") << int(CrashReporter::Answer::Send) << 2 << true << false;
     QTest::newRow("nowhere to send or save")
         << int(CrashReporter::Answer::Send) << -1 << true << false;
     QTest::newRow("closed without an answer")
@@ -180,15 +195,19 @@ void TestCrash::answers()
     });
     const QString target = state.filePath(QStringLiteral("saved.txt"));
     if (save >= 0)
-        reporter.setSavePrompt(
-            [&](const CrashReporter::Reports &, auto done) { done(save ? target : QString()); });
+        reporter.setSavePrompt([&](const CrashReporter::Reports &, auto done) {
+            done(save ? (save == 2 ? state.path() : target) : QString());
+        });
     LogCapture capture;
     reporter.processPendingReports();
     QCOMPARE(prompts, QList<size_t>{2});                   // both waiting reports in one prompt
     QCOMPARE(capture.count("Warning "), save < 0 ? 1 : 0); // only nowhere to go is a fault
+    QCOMPARE(capture.count("Error "), save == 2 ? 1 : 0);  // nor a disk that refused
+    QCOMPARE(capture.dump().contains("kept for the next start"),
+             answer == int(CrashReporter::Answer::Later));
     QCOMPARE(reporter.pendingReports().size(), kept ? 2 : 0);
     QCOMPARE(reporter.alwaysSend(), remembered);
-    QCOMPARE(readFile(target).count("this session's log"), save > 0 ? 2 : 0);
+    QCOMPARE(readFile(target).count("this session's log"), save == 1 ? 2 : 0);
     // Nowhere to send: "Always Send" remembered earlier does not skip the prompt.
     writeReport(state.path(), QStringLiteral("crash-3-3.txt"));
     reporter.processPendingReports();
@@ -203,21 +222,25 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     QList<QByteArray> answers = {"500 Internal Server Error\r\nContent-Length: 0",
                                  "300 Multiple Choices\r\nContent-Length: 0",
                                  "200 OK\r\nContent-Length: 9", "200 OK\r\nContent-Length: 0"};
+    QByteArray sent; // the last request, whole: it ends with the form's last boundary
     connect(&server, &QTcpServer::newConnection, this, [&] {
         QTcpSocket *socket = server.nextPendingConnection();
-        const QByteArray status = answers.takeFirst();
-        connect(socket, &QTcpSocket::readyRead, socket, [socket, status] {
-            socket->write("HTTP/1.1 " + status + "\r\nConnection: close\r\n\r\n");
-            socket->disconnectFromHost();
-        });
+        sent.clear();
+        connect(socket, &QTcpSocket::readyRead, socket,
+                [&sent, socket, status = answers.takeFirst()] {
+                    if ((sent += socket->readAll()).endsWith("--\r\n")) {
+                        socket->write("HTTP/1.1 " + status + "\r\nConnection: close\r\n\r\n");
+                        socket->disconnectFromHost();
+                    }
+                });
     });
     QTemporaryDir state;
     writeReport(state.path(), QStringLiteral("crash-1-1.txt"));
     CrashReporter reporter;
     reporter.setStateFolder(state.path());
     reporter.setEndpoint(QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort())));
-    reporter.setPrompt(
-        [](const CrashReporter::Reports &, auto done) { done(CrashReporter::Answer::Send); });
+    reporter.configure(QStringLiteral("org.corvel.Test"), nullptr);
+    QVERIFY(writeFile(state.filePath(QStringLiteral("always-send")), {})); // sent unasked
     LogCapture capture;
     QSignalSpy handled(&reporter, &CrashReporter::reportHandled);
     for (int refused = 1; refused <= 3; ++refused) {
@@ -230,6 +253,9 @@ void TestCrash::failedSendKeepsTheReportAndLogs()
     reporter.processPendingReports();
     CORVEL_WAIT(handled.size() == 4);
     QVERIFY(handled.last().at(1).toBool() && reporter.pendingReports().isEmpty());
+    for (const char *part : {"name=\"identifier\"\r\n\r\norg.corvel.Test\r\n",
+                             "name=\"report\"\r\n\r\nsignal 11\ntime 1\n", "name=\"log\""})
+        QVERIFY2(sent.contains(part), sent.constData());
 }
 
 void TestCrash::waitingReportsAreCappedInNumberAndAge()
@@ -259,6 +285,10 @@ void TestCrash::waitingReportsAreCappedInNumberAndAge()
     const QStringList left = reporter.pendingReports();
     QVERIFY(left.size() == 9 && left.first().endsWith("/crash-14-1.txt") &&
             left.last().endsWith("/crash-22-1.txt"));
+    for (const char *name : {"crash-98-1.txt", "crash-99-1.txt"}) // eleven: the oldest goes
+        writeReport(state.path(), name);
+    reporter.processPendingReports();
+    QVERIFY(capture.dump().contains(" Removed 1 crash report(s)"));
 }
 
 int main(int argc, char *argv[])
