@@ -267,11 +267,11 @@ void CrashReporter::processPendingReports()
 {
     // The oldest go first (the names sort by time); on every path, headless too.
     const QStringList waiting = pendingReports();
-    const QDateTime oldest = QDateTime::currentDateTimeUtc().addDays(-maxReportAgeDays);
+    const QDateTime now = QDateTime::currentDateTime();
     int removed = 0;
     for (qsizetype i = 0; i < waiting.size(); ++i) {
         if ((i < waiting.size() - maxWaitingReports ||
-             QFileInfo(waiting[i]).lastModified().toUTC() < oldest) &&
+             QFileInfo(waiting[i]).lastModified().daysTo(now) > maxReportAgeDays) &&
             QFile::remove(waiting[i]))
             ++removed;
     }

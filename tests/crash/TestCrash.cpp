@@ -270,11 +270,12 @@ void TestCrash::waitingReportsAreCappedInNumberAndAge()
     QTemporaryDir state;
     for (int n = 10; n < 24; ++n)
         writeReport(state.path(), QStringLiteral("crash-%1-1.txt").arg(n));
-    QFile old(state.filePath(QStringLiteral("reports/crash-23-1.txt")));
-    QVERIFY(old.open(QIODevice::ReadWrite) &&
-            old.setFileTime(QDateTime::currentDateTimeUtc().addDays(-31),
-                            QFileDevice::FileModificationTime));
-    old.close();
+    for (const int days : {30, 31}) { // counted in days: the 30-day-old one stays
+        QFile old(state.filePath(QStringLiteral("reports/crash-%1-1.txt").arg(days - 8)));
+        QVERIFY(old.open(QIODevice::ReadWrite) &&
+                old.setFileTime(QDateTime::currentDateTime().addDays(-days),
+                                QFileDevice::FileModificationTime));
+    }
     CrashReporter reporter;
     reporter.setStateFolder(state.path());
     LogCapture capture(LogLevel::Info); // the usual level
