@@ -14,5 +14,11 @@ struct StartMode
     bool headless = false;
 };
 
+// An autostarted Corvel asks whether the panel's tray runs this often, for this long at most.
+inline constexpr int trayPollMs = 500;
+inline constexpr qint64 maxTrayWaitMs = 120000;
+// corvel --list gives descriptions still on their way this long after its search ends.
+inline constexpr int listGraceMs = 1000;
+
 // arguments: the whole command line, the program's own path included.
 StartMode startModeFor(const QByteArrayList &arguments);

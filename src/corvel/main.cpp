@@ -30,8 +30,6 @@
 #include <unistd.h>
 
 namespace {
-// How long an autostarted Corvel waits for the panel's tray before opening its window.
-constexpr qint64 maxTrayWaitMs = 120000;
 int g_signalPipe[2] = {-1, -1};
 
 void onQuitSignal(int)
@@ -74,7 +72,7 @@ int listSpeakers(QCoreApplication &app)
     NotificationCenter::defaultCenter().addObserver(
         Notifications::discoveryComplete, [&app](const Notification &) {
             // Descriptions still on their way get a moment to arrive.
-            QTimer::singleShot(1000, &app, &QCoreApplication::quit);
+            QTimer::singleShot(listGraceMs, &app, &QCoreApplication::quit);
         });
     DeviceDiscovery::shared().searchForDevices(DeviceDiscovery::defaultSearchSeconds);
     app.exec();
@@ -258,7 +256,7 @@ int main(int argc, char *argv[])
                     launch();
                     return;
                 }
-                QTimer::singleShot(500, &app, ask);
+                QTimer::singleShot(trayPollMs, &app, ask);
             });
         };
         ask();

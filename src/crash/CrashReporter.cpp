@@ -367,7 +367,7 @@ void CrashReporter::send(const Report &report)
     addPart(QStringLiteral("report"), report.record.toUtf8());
     addPart(QStringLiteral("log"), report.attachment.toUtf8());
     QNetworkRequest request(m_endpoint);
-    request.setTransferTimeout(30000);
+    request.setTransferTimeout(uploadTimeoutMs);
     QNetworkReply *reply = m_network.post(request, multiPart);
     multiPart->setParent(reply);
     connect(reply, &QNetworkReply::finished, this, [this, reply, report] {

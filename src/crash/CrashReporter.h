@@ -75,6 +75,8 @@ public:
     // service manager that restarts Corvel must not fill the disk.
     static constexpr int maxWaitingReports = 10;
     static constexpr int maxReportAgeDays = 30;
+    // An upload that has not finished in this time is given up; the report waits.
+    static constexpr int uploadTimeoutMs = 30000;
 
     // Writes a crash record for signal to the prepared path; async-signal-safe.
     static void writeCrashRecord(int signal);
