@@ -119,8 +119,7 @@ void SSDPDiscoverySession::sendSearch()
 void SSDPDiscoverySession::handleReadyRead(QUdpSocket *socket)
 {
     while (socket->hasPendingDatagrams()) { // none once a delegate has closed the session
-        const QNetworkDatagram datagram =
-            socket->receiveDatagram(SSDPMSearchResponse::maxDatagramSize + 1);
+        const QNetworkDatagram datagram = socket->receiveDatagram(SSDPMSearchResponse::readBound);
         QString reason;
         auto response = SSDPMSearchResponse::parse(datagram.data(), &reason);
         if (!response) {

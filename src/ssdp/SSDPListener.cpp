@@ -111,8 +111,7 @@ void SSDPListener::stop()
 void SSDPListener::readAnnouncements()
 {
     while (m_socket && m_socket->hasPendingDatagrams()) {
-        const QNetworkDatagram datagram =
-            m_socket->receiveDatagram(SSDPMSearchResponse::maxDatagramSize + 1);
+        const QNetworkDatagram datagram = m_socket->receiveDatagram(SSDPMSearchResponse::readBound);
         // Searches (ours and others') arrive here too; only announcements matter.
         if (!datagram.data().startsWith("NOTIFY"))
             continue;

@@ -63,6 +63,8 @@ struct SSDPMSearchResponse
 
     // Largest datagram considered; anything bigger is not an SSDP response.
     static constexpr qsizetype maxDatagramSize = 8192;
+    // What the sockets read of a datagram: one byte more than the largest tells a bigger one.
+    static constexpr qsizetype readBound = maxDatagramSize + 1;
 
     // Parses one datagram. Returns nothing for anything that is not an "HTTP/1.1 200 OK"
     // search response with a valid absolute http LOCATION naming a device or service type;
