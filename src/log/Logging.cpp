@@ -2,7 +2,6 @@
 #include "Logging.h"
 
 #include <atomic>
-#include <cstdlib>
 
 namespace {
 std::atomic<int> g_level{static_cast<int>(LogLevel::Info)};
@@ -25,7 +24,6 @@ QString description(LogLevel level)
     case LogLevel::Verbose:
         return QStringLiteral("Verbose");
     }
-    Q_UNREACHABLE();
     return {};
 }
 
@@ -72,8 +70,6 @@ void Logging::installQtMessageHandler()
                                : type == QtInfoMsg    ? LogLevel::Info
                                : type == QtWarningMsg ? LogLevel::Warning
                                                       : LogLevel::Error;
-        log(level, QStringLiteral("Qt"), text);
-        if (type == QtFatalMsg)
-            std::abort();
+        log(level, QStringLiteral("Qt"), text); // Qt aborts after a fatal message
     });
 }

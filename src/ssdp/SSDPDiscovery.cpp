@@ -96,8 +96,7 @@ SSDPDiscoverySession::SSDPDiscoverySession(const SSDPMSearchRequest &request, in
     m_repeat.setSingleShot(true);
     m_repeat.setInterval(repeatDelayMs);
     connect(&m_repeat, &QTimer::timeout, this, &SSDPDiscoverySession::sendSearch);
-    m_timeout.setSingleShot(true);
-    m_timeout.setInterval(timeoutMs);
+    m_timeout.setInterval(timeoutMs); // fires once: the session closes, which stops it
     connect(&m_timeout, &QTimer::timeout, this, &SSDPDiscoverySession::handleTimeout);
 }
 

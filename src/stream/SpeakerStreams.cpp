@@ -93,13 +93,12 @@ QString SpeakerStreams::metadata(const QUrl &stream, const QString &title)
 
 QHostAddress SpeakerStreams::localAddressTowards(const QHostAddress &host)
 {
-    // A connected datagram socket sends nothing: it only asks the routing table.
+    // A connected datagram socket sends nothing: it only asks the routing table. (Should the
+    // socket fail, connecting descriptor -1 fails and no address is found.)
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return {};
     sockaddr_in remote{};
     remote.sin_family = AF_INET;
-    remote.sin_port = htons(1400);
+    remote.sin_port = htons(speakerPort);
     remote.sin_addr.s_addr = htonl(host.toIPv4Address());
     sockaddr_in local{};
     socklen_t length = sizeof local;

@@ -27,6 +27,8 @@ public:
     // The sound server is asked again after 5 s, then twice as long each time, up to a minute.
     static constexpr int reconnectMs = 5000;
     static constexpr int maxReconnectMs = 60000;
+    // Where players take UPnP calls; any port of theirs shows the route to them.
+    static constexpr quint16 speakerPort = 1400;
     // A speaker that stopped fetching for this long has gone to another source (or lost us):
     // the next sound starts it again instead of assuming it still listens.
     static constexpr int listenerGraceMs = 3000;

@@ -86,8 +86,7 @@ void UpnpControl::call(const QUrl &control, const QString &service, const QStrin
     ++m_pending;
     connect(reply, &QNetworkReply::finished, this, [this, reply, done = std::move(done)] {
         --m_pending;
-        // A fault's body is small; anything larger is not worth reading.
-        const QByteArray body = reply->read(64 * 1024);
+        const QByteArray body = reply->read(maxFaultBytes);
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         Reply result;
         result.ok = reply->error() == QNetworkReply::NoError && status == 200;

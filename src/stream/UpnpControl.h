@@ -37,6 +37,8 @@ public:
                                const Arguments &arguments);
     // The errorCode of a SOAP fault's UPnPError; 0 when the body holds none.
     static int faultCode(const QByteArray &body);
+    // A fault's body is small; of a larger one, this much is read.
+    static constexpr qint64 maxFaultBytes = 64 * 1024;
     // One sentence for the user about a failed action.
     static QString sentence(const Reply &reply);
 

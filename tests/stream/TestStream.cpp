@@ -204,6 +204,10 @@ void TestStream::upnpCallsAndTheirFaults()
     CORVEL_WAIT(upnp.findChildren<QNetworkReply *>().isEmpty()); // none kept
     QVERIFY(got.size() == 4 && got[0].ok && !got[1].ok && got[1].fault == 714 && !got[2].ok &&
             got[2].fault == 0 && !got[3].ok && got[3].fault == 0);
+    QVERIFY(got[1].detail.endsWith("<errorCode>714</errorCode></UPnPError></detail></s:Fault>"
+                                   "</s:Body></s:Envelope>") && // the fault, else Qt's reason
+            !got[2].detail.isEmpty() &&
+            UpnpControl::faultCode("<a/>") == 0);
     for (const QString row : {"0 did not answer", "402 (UPnP error 402)", "701 was busy",
                               "714 refused the audio format", "716 a firewall"}) {
         const int fault = row.section(' ', 0, 0).toInt();
