@@ -20,13 +20,13 @@
 
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QElapsedTimer>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
 #include <QTimer>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -35,18 +35,18 @@ int g_signalPipe[2] = {-1, -1};
 void onQuitSignal(int)
 {
     const char byte = 'q';
-    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[0], &byte, sizeof byte);
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, sizeof byte);
 }
 
-// SIGINT and SIGTERM reach the event loop through a socket pair, so quitting stops the bridge.
+// SIGINT and SIGTERM reach the event loop through a pipe, so quitting stops the bridge.
 void quitOnSignals(QCoreApplication &app)
 {
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0)
+    if (::pipe2(g_signalPipe, O_CLOEXEC) != 0)
         return;
-    auto *notifier = new QSocketNotifier(g_signalPipe[1], QSocketNotifier::Read, &app);
+    auto *notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &app);
     QObject::connect(notifier, &QSocketNotifier::activated, &app, [&app] {
         char byte; // what was sent does not matter
-        [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, sizeof byte);
+        [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[0], &byte, sizeof byte);
         app.quit();
     });
     struct sigaction action

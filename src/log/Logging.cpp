@@ -11,8 +11,8 @@ std::atomic<LogDelegate *> g_delegate{nullptr};
 QString description(LogLevel level)
 {
     switch (level) {
-    case LogLevel::Off:
-        return QStringLiteral("Off");
+    case LogLevel::Off: // a threshold, never an entry's level
+        break;
     case LogLevel::Error:
         return QStringLiteral("Error");
     case LogLevel::Warning:
