@@ -31,6 +31,7 @@ public:
     QStringList calls;
     int pipeEnds[2] = {-1, -1};
     bool refuse = false; // every call answered with an error
+    bool hosted = true;  // as the tray's watcher: a panel hosts
 
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
     {
@@ -55,9 +56,9 @@ public:
             reply << (gnome ? 9u : 7u);
         } else {
             calls << message.member() + " " + arguments.value(0).toString();
-            if (message.member() == QLatin1String("Get")) // the tray's watcher: a panel hosts
+            if (message.member() == QLatin1String("Get")) // the tray's watcher
                 reply << QVariant::fromValue(
-                    QDBusVariant(arguments.value(1) == "IsStatusNotifierHostRegistered"));
+                    QDBusVariant(arguments.value(1) == "IsStatusNotifierHostRegistered" && hosted));
         }
         return connection.send(reply);
     }
@@ -328,6 +329,8 @@ void TestPlatform::launcherHelperAndTrayHost()
     QVERIFY(helper.registerService("org.kde.StatusNotifierWatcher") &&
             helper.registerVirtualObject("/StatusNotifierWatcher", &watcher));
     QVERIFY(trayHost());
+    watcher.hosted = false; // a watcher without a panel is no tray
+    QVERIFY(!trayHost() && host);
 }
 
 QTEST_GUILESS_MAIN(TestPlatform)
