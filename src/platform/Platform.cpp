@@ -8,6 +8,7 @@
 #include "PactlSoundOutputs.h"
 #include "XdgAutostart.h"
 
+#include <memory>
 #include <QDBusPendingReply>
 #include <QDBusVariant>
 #include <QGuiApplication>
@@ -33,20 +34,20 @@ bool xembedTrayRuns()
         return false;
     xcb_connection_t *connection = x11->connection();
     const QByteArray name = "_NET_SYSTEM_TRAY_S0";
-    xcb_intern_atom_reply_t *atom = xcb_intern_atom_reply(
-        connection, xcb_intern_atom(connection, 1, quint16(name.size()), name.constData()),
-        nullptr);
-    if (!atom)
+    using AtomReply = std::unique_ptr<xcb_intern_atom_reply_t, decltype(&free)>;
+    const AtomReply atom(xcb_intern_atom_reply(
+                             connection,
+                             xcb_intern_atom(connection, 1, quint16(name.size()), name.constData()),
+                             nullptr),
+                         &free);
+    if (!atom || atom->atom == XCB_ATOM_NONE) // no such name yet: no tray ever ran here
         return false;
-    const xcb_atom_t selection = atom->atom;
-    free(atom);
-    if (selection == XCB_ATOM_NONE)
-        return false;
-    xcb_get_selection_owner_reply_t *owner = xcb_get_selection_owner_reply(
-        connection, xcb_get_selection_owner(connection, selection), nullptr);
-    const bool owned = owner && owner->owner != XCB_WINDOW_NONE;
-    free(owner);
-    return owned;
+    using OwnerReply = std::unique_ptr<xcb_get_selection_owner_reply_t, decltype(&free)>;
+    const OwnerReply owner(
+        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, atom->atom),
+                                      nullptr),
+        &free);
+    return owner && owner->owner != XCB_WINDOW_NONE;
 }
 } // namespace
 
