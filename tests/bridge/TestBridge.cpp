@@ -338,21 +338,11 @@ void TestBridge::aFileThatCannotBeWrittenStartsNoBridge()
 
 void TestBridge::interfaceOfTheSpeakers_data()
 {
-    // Speakers as "host" (offered) or "-host" (switched off); the machine has docker0 first.
     QTest::addColumn<QStringList>("speakers");
     QTest::addColumn<QString>("interface");
-    QTest::newRow("the LAN, not the first interface")
-        << QStringList{"192.0.2.10", "192.0.2.11"} << "lan0";
-    QTest::newRow("the most speakers win")
-        << QStringList{"198.51.100.7", "192.0.2.10", "192.0.2.11"} << "lan0";
-    QTest::newRow("switched-off speakers do not count")
-        << QStringList{"-198.51.100.7", "-198.51.100.8", "192.0.2.10"} << "lan0";
-    QTest::newRow("a tie goes to the interface listed first")
-        << QStringList{"198.51.100.7", "192.0.2.10"} << "lan0";
-    QTest::newRow("loopback is never the bridge's network") << QStringList{"127.0.1.1"} << "";
-    QTest::newRow("speakers behind a router: the bridge chooses")
-        << QStringList{"203.0.113.9"} << "";
-    QTest::newRow("no speakers") << QStringList{} << "";
+    for (const QStringList &column : tableRows(QStringLiteral("bridge/interfaces.txt"), 3))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << column[1].split(u' ', Qt::SkipEmptyParts) << QString(column[2]).remove(u'-');
 }
 
 void TestBridge::interfaceOfTheSpeakers()

@@ -239,18 +239,12 @@ void TestPlatform::sleepLocks_data()
     QTest::addColumn<QStringList>("services");
     QTest::addColumn<QStringList>("taken");
     QTest::addColumn<QStringList>("released");
-    const QString gnome = "org.gnome.SessionManager", kde = "org.freedesktop.PowerManagement",
-                  logind = "org.freedesktop.login1";
-    QTest::newRow("GNOME: its suspend lock, never a second desktop lock")
-        << QStringList{gnome, kde} << QStringList{"GNOME 0 4"} << QStringList{"Uninhibit 9"};
-    QTest::newRow("KDE and XFCE") << QStringList{kde} << QStringList{"Inhibit corvel"}
-                                  << QStringList{"UnInhibit 7"};
-    QTest::newRow("a server: logind's idle lock, released by closing it")
-        << QStringList{logind} << QStringList{"logind idle block"} << QStringList{};
-    QTest::newRow("nothing to ask") << QStringList{} << QStringList{} << QStringList{};
-    QTest::newRow("asked, and refused: nothing held")
-        << QStringList{"refused", gnome, logind} << QStringList{"Inhibit", "Inhibit"}
-        << QStringList{};
+    const auto list = [](const QString &text) {
+        return text == "-" ? QStringList() : text.split(", ");
+    };
+    for (const QStringList &column : tableRows(QStringLiteral("platform/sleep-locks.txt"), 4))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << list(column[1]) << list(column[2]) << list(column[3]);
 }
 
 void TestPlatform::sleepLocks()

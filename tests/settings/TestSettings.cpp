@@ -168,13 +168,8 @@ void TestSettings::speakersWithTheirOwnAirPlayStartNotOffered_data()
 {
     QTest::addColumn<QString>("model");
     QTest::addColumn<bool>("offered");
-    QTest::newRow("PLAY:1") << "S1" << true;
-    QTest::newRow("PLAY:3, spaced") << " S3 " << true;
-    QTest::newRow("CONNECT:AMP, lower case") << "zp120" << true;
-    QTest::newRow("no model number") << "" << true;
-    QTest::newRow("One: AirPlay 2 itself") << "S18" << false;
-    QTest::newRow("Beam: AirPlay 2 itself") << "S14" << false;
-    QTest::newRow("a model this list does not know") << "S99" << false;
+    for (const QStringList &column : tableRows(QStringLiteral("settings/airplay-models.txt"), 3))
+        QTest::addRow("%s", qPrintable(column[0])) << column[1] << (column[2] == "yes");
 }
 
 void TestSettings::speakersWithTheirOwnAirPlayStartNotOffered()
@@ -368,7 +363,8 @@ void TestSettings::userStoreSurvivesAndFails()
     QVERIFY(blocker.open(QIODevice::WriteOnly));
     LogCapture capture;
     QVERIFY(reloaded->renameDevice(kitchen, QStringLiteral("Den")));
-    QVERIFY2(capture.count("Error settings Failed to save settings: cannot write ") == 1, capture.dump());
+    QVERIFY2(capture.count("Error settings Failed to save settings: cannot write ") == 1,
+             capture.dump());
     QCOMPARE(reloaded->devices.begin()->second.name, QStringLiteral("Den"));
     QVERIFY(QFile::remove(folder) && QDir().mkpath(folder));
     QVERIFY(reloaded->renameDevice(kitchen, QStringLiteral("Attic")) && !reloaded->saveError());

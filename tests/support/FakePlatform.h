@@ -31,12 +31,11 @@ struct FakeAutostart : Autostart
     bool enabled() const override { return on; }
     bool setEnabled(bool enabled, QString *error) override
     {
-        if (fails) {
+        if (fails)
             *error = QStringLiteral("read-only");
-            return false;
-        }
-        on = enabled;
-        return true;
+        else
+            on = enabled;
+        return !fails;
     }
 };
 
