@@ -48,7 +48,6 @@ QString SSDPListener::interfaceSignature()
 
 bool SSDPListener::start(QString *error)
 {
-    m_active = true;
     if (m_netlink < 0) {
         // The kernel tells about links and IPv4 addresses coming and going; no polling.
         m_netlink = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
@@ -98,8 +97,7 @@ bool SSDPListener::start(QString *error)
 
 void SSDPListener::stop()
 {
-    m_active = false;
-    m_settle.stop();
+    m_settle.stop(); // no comparison after a stop: the kernel's socket goes too
     delete m_socket;
     m_socket = nullptr;
     delete m_netlinkNotifier;
@@ -138,7 +136,7 @@ void SSDPListener::readKernelMessages()
 void SSDPListener::checkInterfaces()
 {
     const QString signature = interfaceSignature();
-    if (!m_active || signature == m_signature)
+    if (signature == m_signature)
         return;
     logInfo(category, QStringLiteral("Network changed: ") +
                           (signature.isEmpty() ? QStringLiteral("no interface") : signature));

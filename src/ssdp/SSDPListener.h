@@ -49,5 +49,4 @@ private:
     QSocketNotifier *m_netlinkNotifier = nullptr;
     QTimer m_settle;
     QString m_signature;
-    bool m_active = false;
 };
