@@ -8,6 +8,7 @@
 #include "NotificationCenter.h"
 #include "Notifications.h"
 
+#include <chrono>
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QTimer>
@@ -34,7 +35,8 @@ QDeadlineTimer DeviceDiscovery::expiryOf(const SSDPMSearchResponse &message) con
     const auto match =
         maxAge.match(message.header(QStringLiteral("CACHE-CONTROL")).value_or(QString()));
     const qint64 seconds = match.hasMatch() ? match.captured(1).toLongLong() : defaultMaxAgeSeconds;
-    return QDeadlineTimer(std::clamp<qint64>(seconds, m_shortestMaxAgeSeconds, 86400) * 1000);
+    return QDeadlineTimer(
+        std::chrono::seconds(std::clamp<qint64>(seconds, m_shortestMaxAgeSeconds, 86400)));
 }
 
 std::optional<std::pair<DeviceInfo, DeviceTopology>>
@@ -199,7 +201,7 @@ void DeviceDiscovery::expireUnheard()
                     ? std::nullopt
                     : DescriptionParser::parseDeviceDescription(body, QUrl(location), std::nullopt);
             if (info && info->udn == udn) {
-                entry->second.expires = QDeadlineTimer(defaultMaxAgeSeconds * 1000);
+                entry->second.expires = QDeadlineTimer(std::chrono::seconds(defaultMaxAgeSeconds));
                 logInfo(category, QStringLiteral("Speaker at %1 still answers").arg(location));
                 return;
             }
@@ -410,7 +412,8 @@ void DeviceDiscovery::fetchXML(const QUrl &url, XmlCompletion completion)
             // Any HTTP status is an answer: its body is used like any other. Only transport
             // failures are errors here.
             if (!result.error.isEmpty()) {
-                const DiscoveryError error{QStringLiteral("HTTP"), -1, result.error};
+                const DiscoveryError error{.domain = QStringLiteral("HTTP"),
+                                           .message = result.error};
                 logError(QStringLiteral("Failed to fetch XML from ") + urlText +
                          QStringLiteral(" - ") + error.description());
                 completion(error, QByteArray());
