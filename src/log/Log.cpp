@@ -37,8 +37,7 @@ Log::Log() : m_echo(writeToStandardError), m_clock(now) {}
 
 Log::~Log()
 {
-    if (m_sessionFd >= 0)
-        ::close(m_sessionFd);
+    ::close(m_sessionFd); // -1 when there is none: harmless
 }
 
 namespace {
@@ -52,8 +51,7 @@ void writeOnce(int fd, const QByteArray &bytes)
 void Log::setSessionFile(const QString &path)
 {
     std::lock_guard locker(m_mutex);
-    if (m_sessionFd >= 0)
-        ::close(m_sessionFd);
+    ::close(m_sessionFd);
     m_sessionFd =
         ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     rewriteSessionFile();

@@ -164,7 +164,6 @@ displayOrder(const DeviceMap &devices,
         return std::tie(a.group, a.member, a.name) < std::tie(b.group, b.member, b.name);
     });
     std::vector<const DeviceMap::value_type *> ordered;
-    ordered.reserve(sorted.size());
     for (const Sorted &entry : sorted)
         ordered.push_back(entry.entry);
     return ordered;

@@ -48,7 +48,7 @@ QString SSDPListener::interfaceSignature()
 
 bool SSDPListener::start(QString *error)
 {
-    if (m_netlink < 0) {
+    if (!m_netlinkNotifier) {
         // The kernel tells about links and IPv4 addresses coming and going; no polling.
         m_netlink = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
         sockaddr_nl local{};

@@ -144,7 +144,9 @@ void TestLog::exportNameAndWrite()
     Log::shared().setEchoSink([](const QByteArray &) {});
     Log::shared().log(LogLevel::Info, std::nullopt, QStringLiteral("exported"));
     QVERIFY(LogExport::writeLog(path, &error)); // the shared log's last lines
-    QVERIFY(readFile(path).endsWith("[Info][default] exported"));
+    QVERIFY(
+        readFile(path).endsWith("[Info][default] exported") && // stamped now
+        readFile(path).contains(QDateTime::currentDateTimeUtc().toString("[yyyy-MM-dd").toUtf8()));
     QVERIFY(!LogExport::writeText(dir.filePath("missing/" + name), {}, &error) && !error.isEmpty());
     // Save dialogs start in Documents, or at home where there is no such folder.
     const QByteArray home = qgetenv("HOME");

@@ -52,7 +52,10 @@ void TestSsdp::responses_data()
     for (const QStringList &column : tableRows(QStringLiteral("ssdp/responses.txt"), 3))
         QTest::addRow("%s", qPrintable(column[0]))
             << column[1].toUtf8().replace("\\r", "\r").replace("\\n", "\n") << column[2].toInt();
-    QTest::newRow("oversized") << playerResponse + QByteArray(9000, 'x') << -1;
+    for (const int over : {0, 1, 9000}) // padded after its end to the largest size, and over
+        QTest::addRow("%d over the largest", over)
+            << playerResponse.leftJustified(SSDPMSearchResponse::maxDatagramSize + over)
+            << (over ? -1 : 0);
 }
 
 void TestSsdp::responses()
