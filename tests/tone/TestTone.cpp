@@ -7,6 +7,7 @@
 #include "Settings.h"
 #include "SettingsStorage.h"
 #include "SoundRig.h"
+#include "SoundServer.h"
 
 #include <csignal>
 #include <QElapsedTimer>
@@ -20,25 +21,73 @@ class TestTone : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
+    void oneOutputPerSpeakerAndWhatPlaysInIt();
     void toneReachesTheRendererThroughAPause();
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<SoundRig> m_rig;
 };
 
-void TestTone::toneReachesTheRendererThroughAPause()
+void TestTone::initTestCase()
 {
     if (qgetenv("CORVEL_IN_NETNS") != "1")
         QSKIP("Runs only inside a private network namespace (scripts/netns)");
-    QTemporaryDir dir;
-    SoundRig rig(dir.path(), QStringLiteral(GMEDIARENDER), QStringLiteral(SPEAKER_SIM));
+    m_rig = std::make_unique<SoundRig>(m_dir.path(), GMEDIARENDER, SPEAKER_SIM);
     QString error;
     bool skip = false;
-    if (!rig.start(&error, &skip) && skip)
+    if (!m_rig->start(&error, &skip) && skip)
         QSKIP(qPrintable(error));
     QVERIFY2(error.isEmpty(), qPrintable(error));
+}
+
+void TestTone::oneOutputPerSpeakerAndWhatPlaysInIt()
+{
+    // The sound server's client alone: an output asked for twice while the server makes it is
+    // one sink, and is made again after it went; sound in it plays until it ends, or until the
+    // server goes.
+    qputenv("PULSE_SERVER", m_rig->pulseServer().toUtf8());
+    bool up = false;
+    QList<bool> playing;
+    SoundServer server({{},
+                        [&](const QString &, bool now) { playing << now; },
+                        {},
+                        [&](bool connected, const QString &) {
+                            up = connected;
+                        }});
+    server.connectToServer();
+    QTRY_VERIFY(up);
+    const auto outputs = [this] {
+        QByteArray sinks;
+        m_rig->pactl({"list", "short", "sinks"}, &sinks);
+        return sinks.count("corvel.");
+    };
+    for (const char *id : {"A", "A", "B"})
+        server.addOutput(id, "Den");
+    QTRY_COMPARE(outputs(), 2);
+    QTest::qWait(300); // a second A would follow the first
+    QCOMPARE(outputs(), 2);
+    server.removeAll(5000);
+    QCOMPARE(outputs(), 0);
+    for (const char *id : {"A", "B"})
+        server.addOutput(id, "Den");
+    QTRY_COMPARE(outputs(), 2);
+    QVERIFY(m_rig->play("corvel.A", SoundRig::tone(0.5)));
+    QTRY_COMPARE(playing, QList<bool>({true, false}));
+    QTimer::singleShot(500, this, [&] { QVERIFY(m_rig->restartSoundServer()); });
+    m_rig->play("corvel.A", SoundRig::tone(3.0));               // cut short
+    QTRY_VERIFY(!up && playing.size() == 4 && !playing.last()); // B, quiet, says nothing
+}
+
+void TestTone::toneReachesTheRendererThroughAPause()
+{
+    SoundRig &rig = *m_rig;
 
     // Corvel with the speakers as sound outputs, as the user left it, and an output a Corvel
     // that crashed left behind.
     QVERIFY(rig.pactl({"load-module", "module-null-sink", "sink_name=corvel.left-behind"}));
-    const QString home = dir.filePath(QStringLiteral("corvel"));
+    const QString home = m_dir.filePath(QStringLiteral("corvel"));
     QVERIFY(QDir().mkpath(home + QStringLiteral("/config")));
     qputenv("XDG_CONFIG_HOME", (home + QStringLiteral("/config")).toUtf8());
     Settings::load(std::make_unique<UserSettingsStorage>())->setSoundOutputs(true);
