@@ -162,17 +162,12 @@ void TestCrash::eachRealCrashLeavesAReport()
 void TestCrash::answers_data()
 {
     QTest::addColumn<int>("answer");
-    QTest::addColumn<int>("save"); // 1 a file chosen, 2 a folder, 0 cancelled, -1 nowhere
+    QTest::addColumn<int>("save");
     QTest::addColumn<bool>("kept");
     QTest::addColumn<bool>("remembered");
-    QTest::newRow("always send, saved")
-        << int(CrashReporter::Answer::AlwaysSend) << 1 << false << true;
-    QTest::newRow("save cancelled") << int(CrashReporter::Answer::Send) << 0 << true << false;
-    QTest::newRow("saving fails") << int(CrashReporter::Answer::Send) << 2 << true << false;
-    QTest::newRow("nowhere to send or save")
-        << int(CrashReporter::Answer::Send) << -1 << true << false;
-    QTest::newRow("closed without an answer")
-        << int(CrashReporter::Answer::Later) << 0 << true << false;
+    for (const QStringList &column : tableRows(QStringLiteral("crash/answers.txt"), 5))
+        QTest::addRow("%s", qPrintable(column[0])) << column[1].toInt() << column[2].toInt()
+                                                   << (column[3] == "yes") << (column[4] == "yes");
 }
 
 void TestCrash::answers()

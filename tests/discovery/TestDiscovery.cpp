@@ -72,17 +72,11 @@ void TestDiscovery::numbers_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<std::optional<qint64>>("integer");
     QTest::addColumn<std::optional<float>>("real");
-    using I = std::optional<qint64>;
-    using F = std::optional<float>;
-    QTest::newRow("signs") << "-1" << I(-1) << F(-1);
-    QTest::newRow("firmware style") << "60.000" << I() << F(60);
-    QTest::newRow("leading space") << " 7" << I() << F();
-    QTest::newRow("a leading zero is still decimal") << "010" << I(10) << F(10);
-    QTest::newRow("largest") << "9223372036854775807" << I(9223372036854775807LL)
-                             << F(9223372036854775807.0f);
-    QTest::newRow("beyond 64 bits") << "9223372036854775808" << I() << F(9223372036854775808.0f);
-    QTest::newRow("exponent") << "1e3" << I() << F(1000);
-    QTest::newRow("a lone sign") << "-" << I() << F();
+    for (const QStringList &column : tableRows(QStringLiteral("discovery/numbers.txt"), 4))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << column[1]
+            << (column[2] == "-" ? std::nullopt : std::optional(column[2].toLongLong()))
+            << (column[3] == "-" ? std::nullopt : std::optional(column[3].toFloat()));
 }
 
 void TestDiscovery::numbers()
@@ -150,26 +144,14 @@ void TestDiscovery::topology_data()
     QTest::addColumn<QString>("udn");
     QTest::addColumn<bool>("coordinator");
     QTest::addColumn<QString>("group");
-    const QString key = QStringLiteral("RINCON_A");
-    const QByteArray member = "<ZonePlayer uuid='RINCON_A' coordinator='false' group='G1'/>";
-    QTest::newRow("member") << topologyDocument(member) << key << false << "G1";
-    QTest::newRow("first usable entry wins")
-        << topologyDocument("<ZonePlayer uuid='RINCON_A' coordinator='false'/>"
-                            "<ZonePlayer uuid='RINCON_A' coordinator='yes' group='G0'/>"
-                            "<ZonePlayer uuid='RINCON_A' coordinator='true' group='G2'/>" +
-                            member)
-        << key << true << "G2";
-    QTest::newRow("case differs") << topologyDocument(QByteArray(member).toLower()) << key << true
-                                  << key;
-    QTest::newRow("no ZonePlayers (current firmware)")
-        << QByteArray("<ZPSupportInfo/>") << key << true << key;
-    QTest::newRow("not XML") << QByteArray("nothing here") << key << true << key;
-    const QByteArray real =
-        testData(QStringLiteral("captures/topology-2players-1group-fw28.1.xml"));
-    QTest::newRow("real coordinator")
-        << real << "RINCON_000E58F3F87C01400" << true << "RINCON_000E58F3F87C01400:10";
-    QTest::newRow("real member") << real << "RINCON_000E5874AA8601400" << false
-                                 << "RINCON_000E58F3F87C01400:10";
+    for (const QStringList &column : tableRows(QStringLiteral("discovery/topology.txt"), 5)) {
+        const QByteArray text = column[1].toUtf8();
+        QTest::addRow("%s", qPrintable(column[0]))
+            << (text.endsWith(".xml")                       ? testData("captures/" + column[1])
+                : text.toLower().startsWith("<zoneplayer ") ? topologyDocument(text)
+                                                            : text)
+            << column[2] << (column[3] == "true") << column[4];
+    }
 }
 
 void TestDiscovery::topology()

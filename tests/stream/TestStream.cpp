@@ -68,19 +68,10 @@ void TestStream::onlyTheSpeakerFetches_data()
     QTest::addColumn<QString>("from");
     QTest::addColumn<QByteArray>("status");
     QTest::addColumn<bool>("audio");
-    const QByteArray get = "GET /stream/RINCON_1.wav HTTP/1.1\r\nHost: x\r\n\r\n";
-    QTest::newRow("the speaker's GET") << get << "127.0.0.1" << QByteArray("200 OK") << true;
-    QTest::newRow("the speaker's HEAD, as Sonos asks first")
-        << QByteArray("HEAD /stream/RINCON_1.wav HTTP/1.1\r\n\r\n") << "127.0.0.1"
-        << QByteArray("200 OK") << false;
-    QTest::newRow("not a WAV") << QByteArray("GET /stream/RINCON_1.mp3 HTTP/1.1\r\n\r\n")
-                               << "127.0.0.1" << QByteArray("404 Not Found") << false;
-    QTest::newRow("another host") << get << "127.0.0.2" << QByteArray("403 Forbidden") << false;
-    QTest::newRow("another speaker's stream")
-        << QByteArray("GET /stream/RINCON_2.wav HTTP/1.1\r\n\r\n") << "127.0.0.1"
-        << QByteArray("404 Not Found") << false;
-    QTest::newRow("POST") << QByteArray("POST /stream/RINCON_1.wav HTTP/1.1\r\n\r\n") << "127.0.0.1"
-                          << QByteArray("405 Method Not Allowed") << false;
+    for (const QStringList &column : tableRows(QStringLiteral("stream/fetches.txt"), 5))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << column[1].toUtf8().replace("\\r", "\r").replace("\\n", "\n") << column[2]
+            << column[3].toUtf8() << (column[4] == "yes");
     QTest::newRow("an endless header")
         << QByteArray(9000, 'a') << "127.0.0.1" << QByteArray("431 Request Header") << false;
 }

@@ -10,8 +10,6 @@
 #include "SoundServer.h"
 
 #include <csignal>
-#include <QElapsedTimer>
-#include <QFileInfo>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -107,22 +105,12 @@ void TestTone::toneReachesTheRendererThroughAPause()
     const QByteArray sink = rig.corvelSink();
 
     // A tone, a pause, the tone again; the list says where the sound goes while it plays.
-    QElapsedTimer clock;
-    clock.start();
-    qint64 firstByteMs = -1;
-    QTimer watch;
-    connect(&watch, &QTimer::timeout, this, [&] {
-        if (firstByteMs < 0 && QFileInfo(rig.capture()).size() > 0)
-            firstByteMs = clock.elapsed();
-    });
-    watch.start(5);
     QByteArray listed;
     QTimer::singleShot(1500, this, [&] { corvel.run({QStringLiteral("--list")}, &listed); });
     QVERIFY2(rig.play(sink, SoundRig::tone(2.0)), corvel.output.right(3000).constData());
     QTest::qWait(2500);
     QVERIFY2(rig.play(sink, SoundRig::tone(2.0)), corvel.output.right(3000).constData());
     QTest::qWait(1500);
-    watch.stop();
     QVERIFY2(listed.contains("Playing from this computer"), listed.constData());
 
     QFile file(rig.capture());
@@ -130,10 +118,9 @@ void TestTone::toneReachesTheRendererThroughAPause()
     const QByteArray pcm = file.readAll();
     SoundRig::Window loudest;
     const QString letters = SoundRig::classify(pcm, &loudest);
-    qInfo("tone: first byte at the renderer %lld ms after the first sample played (UPnP start "
-          "included); 1 kHz level %.0f of 8000 (3 kHz %.0f, rms %.0f); %.2f s received: %s",
-          firstByteMs, loudest.at1k, loudest.at3k, loudest.rms, pcm.size() / 4.0 / SoundRig::rate,
-          qPrintable(letters));
+    qInfo("tone: 1 kHz level %.0f of 8000 (3 kHz %.0f, rms %.0f); %.2f s received: %s",
+          loudest.at1k, loudest.at3k, loudest.rms, pcm.size() / 4.0 / SoundRig::rate,
+          qPrintable(letters)); // the delays are the benchmark's
     // Tone (at least 1.5 s), silence (at least 1 s), tone again; a few windows at each edge
     // may be mixed (more on a loaded machine), and a busy machine may cost a tone up to three
     // windows, but nothing else is heard.
@@ -145,7 +132,6 @@ void TestTone::toneReachesTheRendererThroughAPause()
         QVERIFY2(match.captured(tone).count(QLatin1Char('T')) >= 15 &&
                      match.captured(tone).count(QLatin1Char('x')) <= 3,
                  qPrintable(letters));
-    QVERIFY(firstByteMs > 0);
     // One start for the whole session: the pause kept the speaker listening.
     QCOMPARE(rig.calls().count("control 0 SetAVTransportURI"), 1);
     QCOMPARE(rig.calls().count("control 0 Play"), 1);

@@ -656,16 +656,12 @@ void TestPreferences::factoryMakesEachWindowOnce()
 
 void TestPreferences::crashPromptAnswers_data()
 {
-    // An answer is a button's text, Escape or closing; then how many reports still wait.
     QTest::addColumn<bool>("canSend");
     QTest::addColumn<QString>("answer");
     QTest::addColumn<int>("waiting");
-    QTest::newRow("nowhere to send: don't save") << false << "Don't Save" << 0;
-    QTest::newRow("nowhere to send: saved to a file") << false << "Save Report…" << 0;
-    QTest::newRow("Escape is no answer") << false << "Escape" << 2;
-    QTest::newRow("closing is no answer") << true << "close" << 2;
-    QTest::newRow("don't send") << true << "Don't Send" << 0;
-    QTest::newRow("always send (to a closed port: kept)") << true << "Always Send" << 2;
+    for (const QStringList &column : tableRows(QStringLiteral("windows/crash-prompt.txt"), 4))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << (column[1] == "yes") << column[2] << column[3].toInt();
 }
 
 void TestPreferences::crashPromptAnswers()
@@ -724,12 +720,9 @@ void TestPreferences::feedbackIsSentAsWritten_data()
     QTest::addColumn<QByteArray>("answer");
     QTest::addColumn<bool>("withLog");
     QTest::addColumn<QString>("status");
-    QTest::newRow("taken, with the log")
-        << QByteArray("200 OK") << true << "Thank you, your feedback was sent.";
-    QTest::newRow("refused, without the log")
-        << QByteArray("500 Internal Server Error") << false << "Sending failed: ";
-    QTest::newRow("not taken: 300")
-        << QByteArray("300 Multiple Choices") << false << "Sending failed";
+    for (const QStringList &column : tableRows(QStringLiteral("windows/feedback.txt"), 4))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << column[1].toUtf8() << (column[2] == "yes") << column[3];
 }
 
 void TestPreferences::feedbackIsSentAsWritten()
