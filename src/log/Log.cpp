@@ -115,7 +115,6 @@ QString Log::text(int lastLines) const
     std::lock_guard locker(m_mutex);
     const size_t count = std::min(static_cast<size_t>(std::max(lastLines, 0)), m_lines.size());
     QStringList rendered;
-    rendered.reserve(static_cast<qsizetype>(count));
     for (auto it = m_lines.end() - static_cast<std::ptrdiff_t>(count); it != m_lines.end(); ++it)
         rendered.append(render(*it));
     return rendered.join(QLatin1Char('\n'));
