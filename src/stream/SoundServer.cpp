@@ -251,8 +251,12 @@ void SoundServer::record(const QString &id, quint32 sinkIndex, const QString &mo
         },
         &output);
     const uint32_t fragment = uint32_t(pa_usec_to_bytes(fragmentMs * 1000, &format));
-    const pa_buffer_attr attributes{uint32_t(-1), uint32_t(-1), uint32_t(-1), uint32_t(-1),
-                                    fragment};
+    // A recording takes only its fragment size; the server chooses the rest.
+    const pa_buffer_attr attributes{.maxlength = serverChooses,
+                                    .tlength = serverChooses,
+                                    .prebuf = serverChooses,
+                                    .minreq = serverChooses,
+                                    .fragsize = fragment};
     if (pa_stream_connect_record(
             output.stream, monitor.toUtf8().constData(), &attributes,
             pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE)) < 0) {

@@ -22,6 +22,8 @@ public:
     static constexpr const char *sinkPrefix = "corvel.";
     // Sound is read from the sinks in pieces this long, which bounds the delay Corvel adds.
     static constexpr int fragmentMs = 20;
+    // A buffer size left to the sound server.
+    static constexpr quint32 serverChooses = quint32(-1);
 
     struct Callbacks
     {
