@@ -513,9 +513,8 @@ void TestDiscovery::httpFraming_data()
     QTest::addColumn<bool>("close");
     QTest::addColumn<QString>("error");
     QTest::addColumn<QByteArray>("body");
-    const auto bytes = [](QString text) { // "-" is none
-        text.replace("\\r", "\r").replace("\\n", "\n").replace("\\p", "\x01");
-        return text == "-" ? QByteArray() : text.toUtf8();
+    const auto bytes = [](const QString &text) { // "-" is none
+        return text == "-" ? QByteArray() : unescaped(text).replace("\\p", "\x01");
     };
     for (const QStringList &column : tableRows(QStringLiteral("discovery/http.txt"), 5)) {
         QTest::addRow("%s", qPrintable(column[0]))

@@ -50,8 +50,7 @@ void TestSsdp::responses_data()
     QTest::addColumn<QByteArray>("datagram");
     QTest::addColumn<int>("kind"); // -1 ignored, 0 device, 1 service
     for (const QStringList &column : tableRows(QStringLiteral("ssdp/responses.txt"), 3))
-        QTest::addRow("%s", qPrintable(column[0]))
-            << column[1].toUtf8().replace("\\r", "\r").replace("\\n", "\n") << column[2].toInt();
+        QTest::addRow("%s", qPrintable(column[0])) << unescaped(column[1]) << column[2].toInt();
     for (const int over : {0, 1, 9000}) // padded after its end to the largest size, and over
         QTest::addRow("%d over the largest", over)
             << playerResponse.leftJustified(SSDPMSearchResponse::maxDatagramSize + over)

@@ -70,8 +70,7 @@ void TestStream::onlyTheSpeakerFetches_data()
     QTest::addColumn<bool>("audio");
     for (const QStringList &column : tableRows(QStringLiteral("stream/fetches.txt"), 5))
         QTest::addRow("%s", qPrintable(column[0]))
-            << column[1].toUtf8().replace("\\r", "\r").replace("\\n", "\n") << column[2]
-            << column[3].toUtf8() << (column[4] == "yes");
+            << unescaped(column[1]) << column[2] << column[3].toUtf8() << (column[4] == "yes");
     QTest::newRow("an endless header")
         << QByteArray(9000, 'a') << "127.0.0.1" << QByteArray("431 Request Header") << false;
 }

@@ -119,6 +119,12 @@ inline QByteArray testData(const QString &name)
     return data;
 }
 
+// A table cell's bytes, \r and \n written as in C.
+inline QByteArray unescaped(const QString &cell)
+{
+    return cell.toUtf8().replace("\\r", "\r").replace("\\n", "\n");
+}
+
 // The rows of a table under tests/data, one a line, its columns split at " | "; empty lines and
 // "#" comments are skipped, so every row returned is one the table means. A row without the
 // given number of columns (0: any, the caller checks) ends the suite.
