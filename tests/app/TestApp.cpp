@@ -18,7 +18,6 @@
 #include "TestSpeakers.h"
 #include "TestSupport.h"
 
-#include <QApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QSignalSpy>

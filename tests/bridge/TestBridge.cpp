@@ -42,6 +42,17 @@ DeviceSettings record(const QString &udn, const QString &name, bool coordinator 
 
 } // namespace
 
+// The bridge's supervisor writing into the test's folder, with a watchdog far beyond any test
+// (the watchdog tests shorten it).
+struct Supervisor : AirConnect
+{
+    explicit Supervisor(const QTemporaryDir &dir)
+    {
+        setConfigPath(dir.filePath(QStringLiteral("airupnp.xml")));
+        setWatchdogDelay(30000);
+    }
+};
+
 class TestBridge : public QObject
 {
     Q_OBJECT
@@ -71,11 +82,6 @@ private slots:
     void bridgeSetupInstalls();
 
 private:
-    void configure(AirConnect &bridge)
-    {
-        bridge.setConfigPath(m_dir.filePath(QStringLiteral("airupnp.xml")));
-        bridge.setWatchdogDelay(30000); // far beyond any test; the watchdog tests shorten it
-    }
     QByteArray recorded(const char *name) const { return readFile(m_dir.filePath(name)); }
 
     QTemporaryDir m_dir;
@@ -266,8 +272,7 @@ void TestBridge::speakersFromOutput()
 void TestBridge::launchReadyAndStop()
 {
     qputenv("FAKE_BRIDGE_READY_MS", "0");
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     EventRecorder events(bridgeEvents);
     LogCapture capture;
     const std::vector<DeviceSettings> records = {record("uuid:RINCON_A", "Den")};
@@ -303,8 +308,7 @@ void TestBridge::servesTheNamedInterface()
     // -b names the interface; one without an IPv4 address makes the bridge say "Cannot
     // start" and exit 1, which the exit event says; a changed interface is a changed bridge.
     qputenv("FAKE_BRIDGE_READY_MS", "0");
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     EventRecorder events(bridgeEvents);
     const std::vector<DeviceSettings> records = {record("uuid:RINCON_A", "Den")};
     BridgeOptions options;
@@ -395,8 +399,7 @@ void TestBridge::watchdog()
         QFile::setPermissions(broken, QFile::ReadOwner | QFile::ExeOwner);
         qputenv("CORVEL_BRIDGE", broken.toUtf8());
     }
-    AirConnect supervisor;
-    configure(supervisor);
+    Supervisor supervisor(m_dir);
     supervisor.setWatchdogDelay(1500); // past a launch on a busy machine under the sanitizers
     EventRecorder recorder(bridgeEvents);
     LogCapture capture;
@@ -422,8 +425,7 @@ void TestBridge::lateExitOfAnOlderBridgeKeepsTheNewerOne()
     // exit changes nothing of the newer launch.
     qputenv("FAKE_BRIDGE_TERM_DELAY_MS", "300");
     qputenv("FAKE_BRIDGE_READY_MS", "0");
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     EventRecorder events(bridgeEvents);
     LogCapture capture;
     const std::vector<DeviceSettings> one = {record("uuid:RINCON_A", "Den")};
@@ -461,8 +463,7 @@ void TestBridge::staleSweepEndsOnlySameNamedBridges()
     owned.start(m_bridge);
     QVERIFY(owned.waitForStarted());
     CORVEL_WAIT(StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     EventRecorder events(bridgeEvents);
     LogCapture capture;
     bridge.start({});
@@ -478,8 +479,7 @@ void TestBridge::staleSweepEndsOnlySameNamedBridges()
 void TestBridge::bridgeFloodIsCutIntoBoundedEntries()
 {
     qputenv("FAKE_BRIDGE_FLOOD_BYTES", "3000000");
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     LogCapture capture(LogLevel::Debug);
     bridge.start({});
     CORVEL_WAIT(bridge.recentOutput().size() == AirConnect::recentLineCount);
@@ -500,8 +500,7 @@ void TestBridge::shutdownKillsABridgeDeafToTerm()
 {
     qputenv("FAKE_BRIDGE_IGNORE_TERM", "1");
     qputenv("FAKE_BRIDGE_READY_MS", "0");
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     EventRecorder events(bridgeEvents);
     bridge.start({});
     // Ready: its SIGTERM handler is in place.
@@ -520,8 +519,7 @@ void TestBridge::missingBridgeIsReported()
     qputenv("CORVEL_BRIDGE", plain.toUtf8());
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", m_dir.filePath(QStringLiteral("empty")).toUtf8());
-    AirConnect bridge;
-    configure(bridge);
+    Supervisor bridge(m_dir);
     LogCapture capture;
     EventRecorder missing({Notifications::bridgeMissing});
     bridge.start({record("uuid:A", "Den")});
@@ -540,20 +538,15 @@ void TestBridge::bridgeSetupInstalls_data()
     QTest::addColumn<QString>("file");
     QTest::addColumn<QString>("arch");
     QTest::addColumn<QString>("refusal");
-    const QString self = QCoreApplication::applicationFilePath(); // a program for this machine
     const QString arch = currentBridgeArchitecture();
-    QTest::newRow("the bridge") << QStringLiteral(FAKE_BRIDGE) << arch << "";
-    QTest::newRow("another program for this machine")
-        << self << arch << "is not the AirConnect bridge: asked for its options";
-    QTest::newRow("a program for another machine")
-        << QStringLiteral(FAKE_BRIDGE) << (arch == "aarch64" ? "x86_64" : "aarch64")
-        << "is built for another kind of computer; this one needs airupnp-linux-";
-    QTest::newRow("a page, not a program") << "airupnp.xml" << arch << "is not a Linux program.";
-    QTest::newRow("the release's zip") << "release.zip" << arch
-                                       << "is the release's zip file: open it and choose "
-                                          "airupnp-linux-";
-    QTest::newRow("a script") << "run.sh" << arch << "is a script, not the bridge";
-    QTest::newRow("nothing there") << "missing" << currentBridgeArchitecture() << "Cannot read ";
+    const QHash<QString, QString> files = {{"bridge", FAKE_BRIDGE},
+                                           {"self", QCoreApplication::applicationFilePath()}};
+    for (const QStringList &column : tableRows(QStringLiteral("bridge/installs.txt"), 4))
+        QTest::addRow("%s", qPrintable(column[0])) << files.value(column[1], column[1])
+                                                   << (column[2] == "this" ? arch
+                                                       : arch == "aarch64" ? "x86_64"
+                                                                           : "aarch64")
+                                                   << (column[3] == "-" ? "" : column[3]);
 }
 
 void TestBridge::bridgeSetupInstalls()

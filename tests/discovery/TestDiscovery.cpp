@@ -10,6 +10,7 @@
 #include "SpeakerSimulator.h"
 #include "TestSupport.h"
 
+#include <QDir>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -91,11 +92,8 @@ void TestDiscovery::numbers()
 void TestDiscovery::realDescriptions_data()
 {
     QTest::addColumn<QString>("file");
-    for (const char *name :
-         {"bridge-zb100-fw28.1", "connect-zp90-fw28.1", "connectamp-zp120-fw16.5",
-          "connectamp-zp120-fw28.1", "one-s18-fw66.4-browser-copy", "play3-s3-fw28.1",
-          "playbar-s9-fw57.4-unfilled-placeholders"})
-        QTest::newRow(name) << QStringLiteral("captures/description-%1").arg(QLatin1String(name));
+    for (const QString &name : QDir(CORVEL_TEST_DATA "/captures").entryList({"description-*.xml"}))
+        QTest::newRow(qPrintable(name)) << "captures/" + name.chopped(4);
 }
 
 void TestDiscovery::realDescriptions()
@@ -252,23 +250,10 @@ void TestDiscovery::playerFaults_data()
     QTest::addColumn<int>("fault");
     QTest::addColumn<bool>("announced");
     QTest::addColumn<QString>("line");
-    const QString failed = QStringLiteral(
-        "Error - Failed to fetch XML from http://127.0.1.1:1400/xml/device_description.xml - ");
-    QTest::newRow("HTML page") << int(SimulatedPlayer::DescriptionHtml) << false
-                               << "Warning SSDP fetchDeviceInfo failed: The operation couldn't "
-                                  "be completed. (InvalidDeviceXMLErrorDomain error -1.)";
-    QTest::newRow("silent server") << int(SimulatedPlayer::DescriptionSlow) << false << failed;
-    QTest::newRow("body trickling past the time-out")
-        << int(SimulatedPlayer::DescriptionTrickle) << false
-        << failed + "No complete response within 300 ms";
-    QTest::newRow("body over 1 MiB") << int(SimulatedPlayer::DescriptionHuge) << false
-                                     << failed + "The response is larger than 1 MiB";
-    QTest::newRow("empty topology answer is a document") // quiet: the player's own group
-        << int(SimulatedPlayer::TopologyBlank) << true
-        << "Info - Received a response from http://127.0.1.1:1400/status/topology";
-    QTest::newRow("topology without players")
-        << int(SimulatedPlayer::TopologyEmpty) << true
-        << "Info - Received a response from http://127.0.1.1:1400/status/topology";
+    for (const QStringList &column : tableRows(QStringLiteral("discovery/player-faults.txt"), 4))
+        QTest::addRow("%s", qPrintable(column[0]))
+            << int(*SpeakerSimulator::faultFromName(column[1])) << (column[2] == "yes")
+            << column[3];
 }
 
 void TestDiscovery::playerFaults()

@@ -12,12 +12,6 @@ using S = Lifecycle::State;
 using World = FakeFacts;
 constexpr qint64 bootedADayAgo = 86'400'000; // the clock reads as on a machine up for a day
 
-// The rows' words for the events, in the enum's order.
-const QStringList events = {
-    "launch",   "onoff",    "searchAsked", "stopAsked", "installed", "searchStarted", "searchEnded",
-    "found",    "departed", "changed",     "started",   "ready",     "exit",          "cannotStart",
-    "notReady", "missing",  "resumed",     "apply",     "retry",     "quit"};
-
 QString name(C command)
 {
     static const char *const names[] = {"Search",          "StopSearching",     "Watch",
@@ -104,12 +98,12 @@ void TestLifecycle::rules()
         }
         const bool old = s.endsWith("Old");
         const QString event = old ? s.chopped(3) : s;
-        QVERIFY2(events.contains(event), qPrintable(s));
+        QVERIFY2(eventWords.contains(event), qPrintable(s));
         if (event == "started")
             ++launch;
         last.clear();
         for (const C command :
-             lifecycle.handle(E(events.indexOf(event)), old ? launch - 1 : launch))
+             lifecycle.handle(E(eventWords.indexOf(event)), old ? launch - 1 : launch))
             last << name(command);
     };
     for (const QString &s : steps)

@@ -146,15 +146,9 @@ void TestStream::upnpCallsAndTheirFaults()
     // A player that answers each call with the next canned reply.
     QTcpServer player;
     QVERIFY(player.listen(loopback));
-    QList<QByteArray> replies = {
-        "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n",
-        "HTTP/1.1 500 Internal Server Error\r\nContent-Type: text/xml\r\n\r\n"
-        "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><s:Fault>"
-        "<faultcode>s:Client</faultcode><faultstring>UPnPError</faultstring><detail>"
-        "<UPnPError xmlns=\"urn:schemas-upnp-org:control-1-0\"><errorCode>714</errorCode>"
-        "</UPnPError></detail></s:Fault></s:Body></s:Envelope>",
-        "HTTP/1.1 307 Temporary Redirect\r\nLocation: /elsewhere\r\nContent-Length: 4\r\n\r\noops",
-        "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"}; // for a redirect, not to be followed
+    QList<QByteArray> replies;
+    for (const QStringList &column : tableRows(QStringLiteral("stream/upnp-replies.txt"), 2))
+        replies << unescaped(column[1]);
     QByteArray asked;
     connect(&player, &QTcpServer::newConnection, this, [&] {
         QTcpSocket *socket = player.nextPendingConnection();
@@ -209,23 +203,16 @@ void TestStream::whichSpeakersGetAnOutput_data()
 {
     QTest::addColumn<DeviceSettings>("record");
     QTest::addColumn<bool>("wanted");
-    const QString at = QStringLiteral("http://192.168.1.20:1400/xml/device_description.xml");
-    QTest::newRow("an offered coordinator") << speaker(at) << true;
-    QTest::newRow("a group member") << speaker(at, false) << false;
-    DeviceSettings off = speaker(at);
-    off.enabled = false;
-    QTest::newRow("not offered") << off << false;
-    DeviceSettings gone = speaker(at);
-    gone.active = false;
-    QTest::newRow("not found") << gone << false;
-    DeviceSettings anonymous = speaker(at);
-    anonymous.info.udn.reset();
-    QTest::newRow("no UDN") << anonymous << false;
-    QTest::newRow("a host name") << speaker(QStringLiteral("http://kitchen.local:1400/x")) << false;
-    QTest::newRow("IPv6") << speaker(QStringLiteral("http://[fe80::1]:1400/x")) << false;
-    DeviceSettings alone = speaker(at);
-    alone.topology.reset();
-    QTest::newRow("no topology: a player alone") << alone << true;
+    for (const QStringList &column : tableRows(QStringLiteral("stream/outputs.txt"), 4)) {
+        DeviceSettings record = speaker(column[1], column[2] != "member");
+        record.enabled = column[2] != "off";
+        record.active = column[2] != "gone";
+        if (column[2] == "no UDN")
+            record.info.udn.reset();
+        if (column[2] == "alone")
+            record.topology.reset();
+        QTest::addRow("%s", qPrintable(column[0])) << record << (column[3] == "yes");
+    }
 }
 
 void TestStream::whichSpeakersGetAnOutput()

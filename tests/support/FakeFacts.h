@@ -4,6 +4,14 @@
 
 #include "Lifecycle.h"
 
+#include <QStringList>
+
+// The tables' words for the lifecycle's events, in the enum's order.
+inline const QStringList eventWords = {
+    "launch",   "onoff",    "searchAsked", "stopAsked", "installed", "searchStarted", "searchEnded",
+    "found",    "departed", "changed",     "started",   "ready",     "exit",          "cannotStart",
+    "notReady", "missing",  "resumed",     "apply",     "retry",     "quit"};
+
 struct FakeFacts : Lifecycle::Facts
 {
     bool search = false, bridge = false, speakers = false, differs = false;

@@ -64,35 +64,15 @@ void TestTray::showsTheState_data()
     QTest::addColumn<QString>("command");
     QTest::addColumn<int>("look");
     QTest::addColumn<QString>("toolTip");
-    using T = TrayPresenter;
-    const auto row = [](const char *name, QList<E> events, const char *title, const char *command,
-                        TrayLook look, QString tip = {}) {
+    const QStringList looks = {"Idle", "Busy", "Running", "Problem"};
+    for (const QStringList &column : tableRows(QStringLiteral("tray/states.txt"), 6)) {
         QList<int> codes;
-        for (const E event : events)
-            codes << int(event);
-        QTest::addRow("%s", name) << codes << QString(title) << QString(command) << int(look)
-                                  << (tip.isEmpty() ? QString(title) : tip);
-    };
-    row("running: the tool tip counts the offered speakers",
-        {E::SearchStarted, E::BridgeStarted, E::BridgeReady}, T::statusRunning, T::commandTurnOff,
-        TrayLook::Running, QStringLiteral("Corvel: Running — 2 speakers\n0 ready, 0 playing"));
-    row("retrying is a problem",
-        {E::SearchStarted, E::BridgeStarted, E::BridgeReady, E::BridgeEnded}, T::statusRetrying,
-        T::commandTurnOff, TrayLook::Problem);
-    row("stopped by the user is idle",
-        {E::SearchStarted, E::BridgeStarted, E::StopAsked, E::BridgeEnded}, T::statusStopped,
-        T::commandTurnOn, TrayLook::Idle);
-    row("waiting for the network is busy",
-        {E::SearchStarted, E::BridgeStarted, E::BridgeCannotStart}, T::statusWaitingForNetwork,
-        T::commandTurnOff, TrayLook::Busy);
-    QList<E> failing{E::SearchStarted};
-    for (int i = 0; i < Lifecycle::maxFailures; ++i)
-        failing << E::BridgeStarted << E::BridgeEnded;
-    row("given up is a problem", failing, T::statusStopped, T::commandTurnOn, TrayLook::Problem);
-    row("nothing found is idle", {E::SearchStarted, E::SearchEnded}, T::statusNoSpeakers,
-        T::commandTurnOff, TrayLook::Idle);
-    row("no bridge: its setup is the command", {E::SearchStarted, E::BridgeMissing},
-        T::statusBridgeMissing, T::commandInstallBridge, TrayLook::Problem);
+        for (const QString &word : column[1].split(u' '))
+            codes << int(eventWords.indexOf(word));
+        QTest::addRow("%s", qPrintable(column[0]))
+            << codes << column[2] << column[3] << int(looks.indexOf(column[4]))
+            << (column[5] == "=" ? column[2] : QString::fromUtf8(unescaped(column[5])));
+    }
 }
 
 void TestTray::showsTheState()
@@ -265,10 +245,8 @@ void TestTray::iconLooks_data()
     // Each look against its reviewed picture (tests/data/tray), at 22 and 48 pixels: dimmed
     // when idle, an amber ring busy, a green dot running, a red dot with a white "!" a problem.
     QTest::addColumn<int>("look");
-    QTest::newRow("idle") << int(TrayLook::Idle);
-    QTest::newRow("busy") << int(TrayLook::Busy);
-    QTest::newRow("running") << int(TrayLook::Running);
-    QTest::newRow("a problem") << int(TrayLook::Problem);
+    for (const int look : {0, 1, 2, 3}) // idle, busy, running, a problem
+        QTest::addRow("look %d", look) << look;
 }
 
 void TestTray::iconLooks()
