@@ -464,15 +464,7 @@ void Controller::updateStreams()
 
 void Controller::showPlayingHere()
 {
-    const QSet<QString> playing = m_streams.playingHere();
-    bool changed = false;
-    for (auto &entry : m_services.settings().devices) {
-        DeviceSettings &record = entry.second;
-        const bool now = record.info.udn && playing.contains(*record.info.udn);
-        changed = changed || now != record.playingHere;
-        record.playingHere = now;
-    }
-    if (!changed)
+    if (!markPlayingHere(m_services.settings().devices, m_streams.playingHere()))
         return;
     m_tray.scheduleSpeakerItems();
     if (m_lifecycle.state() == State::Running)

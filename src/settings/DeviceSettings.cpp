@@ -122,6 +122,18 @@ std::pair<int, int> readyAndPlaying(const DeviceMap &devices)
     return {ready, playing};
 }
 
+bool markPlayingHere(DeviceMap &devices, const QSet<QString> &udns)
+{
+    bool changed = false;
+    for (auto &entry : devices) {
+        DeviceSettings &record = entry.second;
+        const bool now = record.info.udn && udns.contains(*record.info.udn);
+        changed = changed || now != record.playingHere;
+        record.playingHere = now;
+    }
+    return changed;
+}
+
 std::vector<const DeviceMap::value_type *>
 displayOrder(const DeviceMap &devices,
              const std::function<bool(const DeviceMap::value_type &)> &keep)

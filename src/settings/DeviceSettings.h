@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <QSet>
 #include <vector>
 
 #include "DeviceInfo.h"
@@ -52,6 +53,9 @@ using DeviceMap = std::map<LocationKey, DeviceSettings>;
 QString speakerStateText(const DeviceSettings &record, const DeviceMap &devices);
 // How many offered speakers the bridge has ready (playing ones included) and playing.
 std::pair<int, int> readyAndPlaying(const DeviceMap &devices);
+// Marks as playing this computer's sound the records whose UDN is in udns, and no others;
+// true when a record changed.
+bool markPlayingHere(DeviceMap &devices, const QSet<QString> &udns);
 
 // The records kept by keep, in the order people read them: by name in the user's language
 // (numbers in natural order), each group's members right under its coordinator (one found in

@@ -343,6 +343,14 @@ void TestSettings::enableAndUnknownLocations()
     const auto read = DeviceSettings::fromJson(
         QJsonObject{{"name", "n"}, {"info", settings->devices.at(kitchen).info.toJson()}}, nullptr);
     QVERIFY(read && read->enabled && !read->nameChanged);
+    // This computer's sound plays on the speakers named by UDN, never on one without a UDN.
+    const QUrl a("http://a/"), b("http://b/");
+    DeviceMap devices{{a, {}}, {b, {}}, {kitchen, {}}};
+    devices.at(a).info.udn = QStringLiteral("A");
+    devices.at(b).info.udn = QStringLiteral("B");
+    QVERIFY(markPlayingHere(devices, {"A"}) && devices.at(a).playingHere &&
+            !devices.at(b).playingHere && !devices.at(kitchen).playingHere);
+    QVERIFY(!markPlayingHere(devices, {"A", "C"}) && devices.at(a).playingHere);
 }
 
 void TestSettings::userStoreSurvivesAndFails()
