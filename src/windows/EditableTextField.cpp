@@ -3,61 +3,6 @@
 
 #include <QKeyEvent>
 
-EditableTextField::Action EditableTextField::actionFor(const QKeyEvent *event)
-{
-    // Exact modifier sets only: Ctrl+Alt+C or Ctrl+Meta+V are someone else's.
-    const Qt::KeyboardModifiers modifiers = event->modifiers() & ~Qt::KeypadModifier;
-    if (modifiers == Qt::ControlModifier) {
-        switch (event->key()) {
-        case Qt::Key_X:
-            return Action::Cut;
-        case Qt::Key_C:
-            return Action::Copy;
-        case Qt::Key_V:
-            return Action::Paste;
-        case Qt::Key_Z:
-            return Action::Undo;
-        case Qt::Key_A:
-            return Action::SelectAll;
-        default:
-            return Action::None;
-        }
-    }
-    if (modifiers == (Qt::ControlModifier | Qt::ShiftModifier) && event->key() == Qt::Key_Z)
-        return Action::Redo;
-    return Action::None;
-}
-
-void EditableTextField::perform(Action action)
-{
-    // The line edit's own slots do nothing when there is nothing to do: no selection to copy,
-    // nothing to undo or redo, no copy of a hidden text. A read-only field takes no cut or paste.
-    switch (action) {
-    case Action::Cut:
-        if (!isReadOnly())
-            cut();
-        break;
-    case Action::Copy:
-        copy();
-        break;
-    case Action::Paste:
-        if (!isReadOnly())
-            paste();
-        break;
-    case Action::Undo:
-        undo();
-        break;
-    case Action::Redo:
-        redo();
-        break;
-    case Action::SelectAll:
-        selectAll();
-        break;
-    case Action::None:
-        break;
-    }
-}
-
 bool EditableTextField::endsEdit(const QKeyEvent *event)
 {
     const int key = event->key();
@@ -118,15 +63,6 @@ bool EditableTextField::event(QEvent *event)
             event->accept();
             if (event->type() == QEvent::KeyPress)
                 endEditByKey(key);
-            return true;
-        }
-        // An editing key is claimed at the shortcut stage, so that it arrives here as a key
-        // press and not as some window's shortcut.
-        const Action action = actionFor(key);
-        if (action != Action::None) {
-            event->accept();
-            if (event->type() == QEvent::KeyPress)
-                perform(action);
             return true;
         }
     }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// A line edit for names edited in place. It claims the editing shortcuts (Ctrl+X, C, V, Z, A
-// and Ctrl+Shift+Z) before the window's own shortcuts and menus can take them, and performs
-// them on itself. An edit begins when the field takes focus: Return, Enter or leaving the
-// field commits it, Escape puts back the text it began with.
+// A line edit for names edited in place (its own editing keys, Ctrl+X, C, V, Z, A and
+// Ctrl+Shift+Z, come before the window's shortcuts, as in any line edit). An edit begins when
+// the field takes focus: Return, Enter or leaving the field commits it, Escape puts back the
+// text it began with; both come before the window's Escape.
 #pragma once
 
 #include <functional>
@@ -35,9 +35,6 @@ protected:
     void focusOutEvent(QFocusEvent *event) override;
 
 private:
-    enum class Action { None, Cut, Copy, Paste, Undo, SelectAll, Redo };
-    static Action actionFor(const QKeyEvent *event);
-    void perform(Action action);
     // Return, Enter and Escape without modifiers end an edit.
     static bool endsEdit(const QKeyEvent *event);
     void endEditByKey(const QKeyEvent *event);

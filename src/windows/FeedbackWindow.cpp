@@ -97,7 +97,7 @@ void FeedbackWindow::sendClicked()
     QNetworkRequest request(m_endpoint);
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QStringLiteral("text/plain; charset=utf-8"));
-    request.setTransferTimeout(30000);
+    request.setTransferTimeout(sendTimeoutMs);
     QNetworkReply *reply = m_network.post(request, feedbackText().toUtf8());
     connect(reply, &QNetworkReply::finished, this, [this, reply] {
         reply->deleteLater();

@@ -17,6 +17,9 @@ class FeedbackWindow : public QDialog
     Q_OBJECT
 
 public:
+    // A post not done within this has failed (the user can try again).
+    static constexpr int sendTimeoutMs = 30000;
+
     // endpoint: where feedback is posted; when empty, Send offers to save it to a file.
     explicit FeedbackWindow(const QUrl &endpoint, QWidget *parent = nullptr);
 

@@ -428,7 +428,7 @@ bool PreferencesWindow::eventFilter(QObject *watched, QEvent *event)
             break;
         }
     }
-    return QWidget::eventFilter(watched, event);
+    return false; // the list and its viewport see every event too
 }
 
 bool PreferencesWindow::tableKeyPressed(const QKeyEvent *event)

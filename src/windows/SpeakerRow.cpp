@@ -154,8 +154,8 @@ QString SpeakerRow::nameToolTip()
 
 void SpeakerRow::setCurrent(bool current)
 {
-    if (std::exchange(m_current, current) != current)
-        update();
+    m_current = current; // the list tells only changes
+    update();
 }
 
 void SpeakerRow::paintEvent(QPaintEvent *event)
