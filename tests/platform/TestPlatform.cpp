@@ -159,21 +159,19 @@ void TestPlatform::enableAndDisable()
     PactlSoundOutputs outputs(m_pactl, home, [](auto done) { done(true); });
     QVERIFY(outputs.pipeWireDropIn().startsWith(home + "/pipewire/"));
     const bool pipeWire = server.contains("PipeWire");
+    const QByteArray mine = ".include /etc/pulse/default.pa\nload-module module-echo-cancel";
     QDir().mkpath(QFileInfo(outputs.pulseAudioScript()).path());
-    QVERIFY(writeFile(outputs.pulseAudioScript(), ".include /etc/pulse/default.pa"));
+    QVERIFY(writeFile(outputs.pulseAudioScript(), mine)); // the user's own, kept
     QCOMPARE(setEnabled(outputs, true), std::pair(true, QString()));
     QVERIFY(status(outputs).raopDiscoveryActive);
     QCOMPARE(QFile::exists(outputs.pipeWireDropIn()), pipeWire);
     QCOMPARE(readFile(outputs.pulseAudioScript()),
-             pipeWire ? QByteArray(".include /etc/pulse/default.pa")
-                      : QByteArray(".include /etc/pulse/default.pa\n"
-                                   "load-module module-raop-discover\n"));
+             pipeWire ? mine : mine + "\nload-module module-raop-discover\n");
     QCOMPARE(setEnabled(outputs, true).first, true); // twice: nothing added twice
     QCOMPARE(readFile(outputs.pulseAudioScript()).count("raop"), pipeWire ? 0 : 1);
     QCOMPARE(setEnabled(outputs, false), std::pair(true, QString()));
     QVERIFY(!status(outputs).raopDiscoveryActive && !QFile::exists(outputs.pipeWireDropIn()));
-    QCOMPARE(readFile(outputs.pulseAudioScript()),
-             QByteArray(".include /etc/pulse/default.pa").append(pipeWire ? "" : "\n"));
+    QCOMPARE(readFile(outputs.pulseAudioScript()), mine + (pipeWire ? "" : "\n"));
 }
 
 void TestPlatform::refusalsAreSaid_data()
