@@ -134,6 +134,11 @@ void TestDiscovery::notADescriptionAndHostileDocuments()
         many + "</iconList></device></root>", location, {});
     QVERIFY(capped->iconList.size() == DescriptionParser::maxIcons &&
             capped->iconList.back()->url->path() == QStringLiteral("/i15.png"));
+    // Only plain HTTP to a host is fetched.
+    std::optional<HttpGet::Result> refused;
+    HttpGet::start(
+        QUrl("https://127.0.0.1/x"), 1000, 1, [&](auto r) { refused = r; }, nullptr);
+    CORVEL_WAIT(refused && refused->error == QStringLiteral("Unsupported URL"));
 }
 
 void TestDiscovery::topology_data()
