@@ -361,13 +361,12 @@ void SpeakerStreams::shutdown(int timeoutMs)
     if (m_speakers.empty())
         return;
     const QDeadlineTimer deadline(timeoutMs);
-    for (auto &[id, speaker] : m_speakers)
+    // Each speaker is told to stop and its stream closed; the outputs go all at once.
+    for (auto &[id, speaker] : m_speakers) {
         stop(id, QStringLiteral("Corvel quits"));
-    std::vector<QString> ids;
-    for (const auto &[id, speaker] : m_speakers)
-        ids.push_back(id);
-    for (const QString &id : ids)
-        remove(id);
+        m_http.close(id);
+    }
+    m_speakers.clear();
     m_sound.removeAll(int(deadline.remainingTime()));
     QEventLoop loop;
     while (m_upnp.pending() > 0 && !deadline.hasExpired())

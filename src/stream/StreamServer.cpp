@@ -178,7 +178,9 @@ void StreamServer::readRequest(QTcpSocket *socket)
             logInfo(category, QStringLiteral("%1 listens to %2").arg(peer.toString(), id));
             socket->write(wavHeader());
             socket->setProperty("streaming", true);
-            Listener listener{socket, id, {}, 0};
+            Listener listener;
+            listener.socket = socket;
+            listener.id = id;
             listener.since.start();
             m_listeners.push_back(listener);
             m_silence.start();

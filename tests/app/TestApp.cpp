@@ -140,6 +140,7 @@ private slots:
         // A session bus and runtime folder of the suite's own, for the one-copy lock and name.
         qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.address.toUtf8());
         qputenv("XDG_RUNTIME_DIR", m_runtime.path().toUtf8());
+        qputenv("PULSE_SERVER", "unix:" + m_runtime.filePath("none").toUtf8()); // no server
     }
     void init();
     void cleanup();
@@ -308,6 +309,8 @@ void TestApp::wiring()
     QCoreApplication::processEvents(); // the outputs follow on a zero timer
     QCOMPARE(capture.count("Info stream Speakers as sound outputs: on"),
              int(steps.contains("sound") && !m_app->stoppedByUser())); // only when chosen
+    if (steps.contains("sound")) // and the user is told when no sound server answers
+        CORVEL_WAIT(capture.count("Warning - Notice: Corvel - No sound server answered") == 1);
     QVERIFY(capture.count("Warning - No AirConnect bridge on this computer") <= 1);
     QVERIFY(capture.count("Warning - Notice: AirConnect bridge stopped") <= 1);
     QCOMPARE(capture.count("Warning - Notice: AirConnect bridge stopped - The bridge stopped "
@@ -456,23 +459,17 @@ void TestApp::speakerCommands()
 
 void TestApp::startMode()
 {
-    // The arguments after the program's path, DISPLAY|WAYLAND_DISPLAY, then printsOnly,
-    // headless and noDisplay as bits 4, 2 and 1.
-    const std::tuple<const char *, const char *, int> rows[] = {
-        {"", ":0|", 0},           {"--autostart", "|wayland-0", 0},
-        {"Kitchen", ":0|", 0},    {"", "|", 3},
-        {"--headless", ":0|", 2}, {"--list", ":0|", 2},
-        {"--enable", ":0|", 2},   {"--disable", ":0|", 2},
-        {"--rename", ":0|", 2},   {"--rename Kitchen --help", ":0|", 6},
-        {"-h", ":0|", 6},         {"--help-all", ":0|", 6},
-        {"--version", ":0|", 6},  {"-v", "|", 7}};
-    for (const auto &[arguments, display, mode] : rows) {
-        const QByteArrayList screens = QByteArray(display).split('|');
-        qputenv("DISPLAY", screens[0]);
-        qputenv("WAYLAND_DISPLAY", screens[1]);
-        const StartMode got =
-            startModeFor(QByteArrayList{"corvel"} + QByteArray(arguments).split(' '));
-        QVERIFY2(got.printsOnly * 4 + got.headless * 2 + got.noDisplay == mode, arguments);
+    for (const QStringList &column : tableRows(QStringLiteral("app/start-modes.txt"), 5)) {
+        const auto cell = [&column](int i) {
+            return column[i] == "-" ? QByteArray() : column[i].toUtf8();
+        };
+        qputenv("DISPLAY", cell(2));
+        qputenv("WAYLAND_DISPLAY", cell(3));
+        const StartMode got = startModeFor(QByteArrayList{"corvel"} + cell(1).split(' '));
+        QVERIFY2(got.printsOnly == column[4].contains("prints") &&
+                     got.headless == column[4].contains("headless") &&
+                     got.noDisplay == column[4].contains("no screen"),
+                 qPrintable(column[0]));
     }
 }
 

@@ -483,7 +483,10 @@ void TestBridge::bridgeFloodIsCutIntoBoundedEntries()
     LogCapture capture(LogLevel::Debug);
     bridge.start({});
     CORVEL_WAIT(bridge.recentOutput().size() == AirConnect::recentLineCount);
-    QTest::qWait(200); // the whole flood is read
+    QTest::qWait(200);                                // the whole flood is read
+    const QStringList recent = bridge.recentOutput(); // the newest lines, in order
+    QCOMPARE(recent.first().left(8).toInt() + AirConnect::recentLineCount - 1,
+             recent.last().left(8).toInt());
     bridge.shutdown();
     // Small entries, at most 64 KiB of them a second, and a line for the rest.
     qint64 logged = 0;
@@ -563,7 +566,9 @@ void TestBridge::bridgeSetupInstalls()
     writeFileAtomically(m_dir.filePath("release.zip"), "PK\x03\x04\x14\0\0\0", nullptr);
     writeFileAtomically(m_dir.filePath("run.sh"), "#!/bin/sh\nexec airupnp \"$@\"\n", nullptr);
     const QString source = QDir::isAbsolutePath(file) ? file : m_dir.filePath(file);
-    const QString dir = m_dir.filePath(QStringLiteral("user/lib/corvel"));
+    qputenv("HOME", m_dir.filePath(QStringLiteral("user")).toUtf8()); // installed for the user
+    const QString dir = userBridgeDirectory();
+    QCOMPARE(dir, m_dir.filePath(QStringLiteral("user/.local/lib/corvel")));
     UserText error;
     const QString installed = installBridge(source, dir, arch, &error);
     QCOMPARE(installed.isEmpty(), !refusal.isEmpty());

@@ -192,11 +192,8 @@ void TestStream::upnpCallsAndTheirFaults()
                                    "</s:Body></s:Envelope>") && // the fault, else Qt's reason
             !got[2].detail.isEmpty() &&
             UpnpControl::faultCode("<a/>") == 0);
-    for (const QString row : {"0 did not answer", "402 (UPnP error 402)", "701 was busy",
-                              "714 refused the audio format", "716 a firewall"}) {
-        const int fault = row.section(' ', 0, 0).toInt();
-        QVERIFY(UpnpControl::sentence({false, fault, {}}).contains(row.section(' ', 1)));
-    }
+    for (const QStringList &column : tableRows(QStringLiteral("stream/upnp-sentences.txt"), 2))
+        QVERIFY(UpnpControl::sentence({false, column[0].toInt(), {}}).contains(column[1]));
 }
 
 void TestStream::whichSpeakersGetAnOutput_data()
