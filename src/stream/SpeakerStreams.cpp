@@ -276,7 +276,9 @@ void SpeakerStreams::start(const QString &id)
                  {QStringLiteral("CurrentURI"), speaker.stream.toString(QUrl::FullyEncoded)},
                  {QStringLiteral("CurrentURIMetaData"), metadata(speaker.stream, title)}},
                 [this, id, control](const UpnpControl::Reply &reply) {
-                    if (!m_speakers.count(id))
+                    // Stopped meanwhile: no Play after the Stop (a new start makes its own).
+                    const auto found = m_speakers.find(id);
+                    if (found == m_speakers.end() || found->second.session != Session::Starting)
                         return;
                     if (!reply.ok) {
                         fail(id, QStringLiteral("SetAVTransportURI"), reply);
@@ -333,11 +335,10 @@ void SpeakerStreams::fail(const QString &id, const QString &action, const UpnpCo
                            .arg(speaker.name, action)
                            .arg(reply.fault)
                            .arg(reply.detail));
-    if (action != QLatin1String("SetVolume")) {
+    // A refused start leaves the speaker free to start with the next sound; it was not yet
+    // playing, so what plays does not change.
+    if (action != QLatin1String("SetVolume"))
         speaker.session = Session::None;
-        if (onPlayingChanged)
-            onPlayingChanged();
-    }
     if (onProblem)
         onProblem(speaker.name + QStringLiteral(": ") + UpnpControl::sentence(reply));
 }
