@@ -274,6 +274,7 @@ void TestSettings::aFloodOfSpeakersIsNotWritten()
         settings->mergeDiscoveredSpeaker(speaker(at(n), "Room", "One"), {true, "g"});
     settings->renameDevice(at(cap + 30), QStringLiteral("Mine"));
     settings->setDeviceEnabled(at(cap + 31), false);
+    QCOMPARE(SettingsDocument::decode(settings->encode(), nullptr)->devices.size(), size_t(cap));
     settings->markAllDevicesNotActive();
     settings->mergeDiscoveredSpeaker(speaker(at(cap + 40), "Room", "One"), {true, "g"});
     LogCapture capture;
