@@ -52,8 +52,9 @@ void Log::setSessionFile(const QString &path)
 {
     std::lock_guard locker(m_mutex);
     ::close(m_sessionFd);
-    m_sessionFd =
-        ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    // Appending: every entry goes to the end, which after a rewrite's truncation is the start.
+    m_sessionFd = ::open(QFile::encodeName(path).constData(),
+                         O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
     rewriteSessionFile();
 }
 
@@ -71,7 +72,7 @@ void Log::rewriteSessionFile()
             break;
         text.prepend(line);
     }
-    if (::ftruncate(m_sessionFd, 0) != 0 || ::lseek(m_sessionFd, 0, SEEK_SET) != 0)
+    if (::ftruncate(m_sessionFd, 0) != 0)
         return;
     writeOnce(m_sessionFd, text);
     m_sessionLines = text.count('\n');

@@ -118,7 +118,7 @@ void TestLog::sessionFileMirrorsAndStaysBounded()
     const QByteArray text = readFile(path);
     QVERIFY2(text.size() <= 1024 * 1024 && text.count('\n') <= Log::maxLines,
              QByteArray::number(text.size()));
-    QVERIFY(text.endsWith("x2999\n") && !text.contains("\n2")); // each line whole
+    QVERIFY(text.startsWith("[20") && text.endsWith("x2999\n") && !text.contains("\n2")); // whole
 }
 
 void TestLog::exportNameAndWrite_data()
