@@ -182,10 +182,7 @@ bool answersAsBridge(const QString &path, UserText *error)
     process.setWorkingDirectory(folder.path());
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(path, {QStringLiteral("-h")});
-    if (!process.waitForFinished(bridgeHelpTimeoutMs)) {
-        process.kill();
-        process.waitForFinished();
-    }
+    process.waitForFinished(bridgeHelpTimeoutMs); // one that does not end is killed as it goes
     if (process.read(64 * 1024).contains("-x <config file>"))
         return true;
     *error = UserText::make(

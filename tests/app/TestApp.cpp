@@ -199,6 +199,10 @@ void TestApp::launch()
          {{UserInfoKey::deviceInfo, QVariant::fromValue(speaker(2))}});
     settle();
     QCOMPARE(capture.count(QStringLiteral("Warning - Ignoring a deviceDiscovered event")), 1);
+    for (const QString text : {"Port taken", "Port taken", ""}) // told once; empty: never
+        post(Notifications::bridgeProblem, {{UserInfoKey::problem, text}});
+    settle();
+    QCOMPARE(capture.count("Warning - Notice: Corvel - "), 1);
     QCOMPARE(m_world->settings->activeDevices().size(), 0u);
     // The menu's Quit asks the program to quit; quitting shuts the bridge down.
     QSignalSpy quits(m_app.get(), &Controller::quitRequested);
@@ -423,6 +427,7 @@ void TestApp::speakerCommands()
     int shown = 0;
     SingleInstance running(*settings, [&shown] { ++shown; });
     QCOMPARE(running.claim(), SingleInstance::Claim::Owned);
+    QCOMPARE(QFileInfo(m_runtime.filePath("corvel.lock")).permissions() & 0x7777, 0x6600);
     QCOMPARE(SingleInstance(*settings, {}).claim(), SingleInstance::Claim::OtherRunning);
     const auto status = [](const QString &method, const QVariantList &arguments) {
         const auto answer = SingleInstance::ask(method, arguments); // none without a bus
@@ -459,13 +464,12 @@ void TestApp::speakerCommands()
 
 void TestApp::startMode()
 {
-    for (const QStringList &column : tableRows(QStringLiteral("app/start-modes.txt"), 5)) {
-        const auto cell = [&column](int i) {
-            return column[i] == "-" ? QByteArray() : column[i].toUtf8();
-        };
-        qputenv("DISPLAY", cell(2));
-        qputenv("WAYLAND_DISPLAY", cell(3));
-        const StartMode got = startModeFor(QByteArrayList{"corvel"} + cell(1).split(' '));
+    for (QStringList column : tableRows(QStringLiteral("app/start-modes.txt"), 5)) {
+        column.replaceInStrings(QRegularExpression(QStringLiteral("^-$")), QString()); // none
+        qputenv("DISPLAY", column[2].toUtf8());
+        qputenv("WAYLAND_DISPLAY", column[3].toUtf8());
+        const StartMode got =
+            startModeFor(QByteArrayList{"corvel"} + column[1].toUtf8().split(' '));
         QVERIFY2(got.printsOnly == column[4].contains("prints") &&
                      got.headless == column[4].contains("headless") &&
                      got.noDisplay == column[4].contains("no screen"),

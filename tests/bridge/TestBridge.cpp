@@ -467,8 +467,13 @@ void TestBridge::staleSweepEndsOnlySameNamedBridges()
     EventRecorder events(bridgeEvents);
     LogCapture capture;
     bridge.start({});
-    QVERIFY(bridge.running() && !bridge.process()); // the launch waits for the sweep
+    QVERIFY(bridge.running() && !bridge.process()); // the launch waits for the sweep, which
+    bridge.stop(); // a stop cancels: only the next start's launch follows, with its speakers
+    bridge.start({record("uuid:A", "Den")});
     CORVEL_WAIT(events.names() == QStringList{"serviceStarted"});
+    QTest::qWait(100); // the other sweep ends too
+    QVERIFY(capture.count("Info AirConnect Wrote config file to ") == 1 &&
+            !bridge.configDiffers({record("uuid:A", "Den")}));
     QVERIFY(capture.has("Info AirConnect Ended 1 stale bridge process(es)"));
     QVERIFY(!StaleBridges::find(QFileInfo(m_bridge).fileName()).contains(stalePid));
     QVERIFY(StaleBridges::find(QFileInfo(other).fileName()).contains(otherPid));
@@ -483,10 +488,7 @@ void TestBridge::bridgeFloodIsCutIntoBoundedEntries()
     LogCapture capture(LogLevel::Debug);
     bridge.start({});
     CORVEL_WAIT(bridge.recentOutput().size() == AirConnect::recentLineCount);
-    QTest::qWait(200);                                // the whole flood is read
-    const QStringList recent = bridge.recentOutput(); // the newest lines, in order
-    QCOMPARE(recent.first().left(8).toInt() + AirConnect::recentLineCount - 1,
-             recent.last().left(8).toInt());
+    QTest::qWait(200); // the whole flood is read
     bridge.shutdown();
     // Small entries, at most 64 KiB of them a second, and a line for the rest.
     qint64 logged = 0;

@@ -451,10 +451,6 @@ void TestDiscovery::keepsWatching()
     QCOMPARE(speakers(events).back().first.location, twin.location());
     QCOMPARE(discovery.devices().size(), size_t(2)); // its old record is gone
     QCOMPARE(capture.count("Warning SSDP Not listening"), 0);
-    const int refreshes = capture.count("Info SSDP refresh");
-    discovery.refresh();
-    discovery.refresh(); // one background search at a time
-    QVERIFY(capture.count("Info SSDP refresh") <= refreshes + 1);
 }
 
 void TestDiscovery::anUnheardSpeakerIsAskedBeforeItLeaves_data()

@@ -9,11 +9,8 @@
 struct FakeControls : Controls
 {
     std::unique_ptr<Settings> document = Settings::load(std::make_unique<MemorySettingsStorage>());
-    bool bridge = false;
-    bool searching = false;
-    bool stopped = false;
-    int searches = 0;
-    int bridgeStops = 0;
+    bool bridge = false, searching = false, stopped = false;
+    int searches = 0, bridgeStops = 0;
 
     Settings &settings() override { return *document; }
     bool searchRunning() const override { return searching; }
@@ -30,11 +27,8 @@ struct FakeControls : Controls
     void showFeedback() override { shown << QStringLiteral("feedback"); }
     QString status = QStringLiteral("Corvel: Off");
     QStringList shown;
-    bool missing = false;
-    bool withoutTray = false;
-    int setups = 0;
-    int installs = 0;
-    int quits = 0;
+    bool missing = false, withoutTray = false;
+    int setups = 0, installs = 0, quits = 0;
     void startSearching() override
     {
         stopped = false;
