@@ -10,7 +10,6 @@
 QString xmlEscaped(const QString &text, AttributeValueEscape mode)
 {
     QString escaped;
-    escaped.reserve(text.size());
     for (const QChar c : text) {
         switch (c.unicode()) {
         case '&':

@@ -141,8 +141,6 @@ bool HttpGet::parseHead()
     // Answers that carry no body by definition.
     if (m_status == 204 || m_status == 304 || m_status < 200)
         m_contentLength = 0;
-    if (m_contentLength > 0)
-        m_body.reserve(qsizetype(m_contentLength));
     m_headDone = true;
     return true;
 }
