@@ -154,6 +154,11 @@ void TestTone::toneReachesTheRendererThroughAPause()
     QVERIFY(rig.restartSoundServer() && corvel.waitFor("No sound server: "));
     QTRY_COMPARE_WITH_TIMEOUT(rig.corvelSink(), sink, 10000);
 
+    // A speaker that refuses to play is said to the user, with its name.
+    rig.stopRenderer();
+    QVERIFY(rig.play(sink, SoundRig::tone(0.5)));
+    QVERIFY2(corvel.waitFor("Notice: Corvel - Den: "), corvel.output.right(2000).constData());
+
     // Quitting stops the speaker and leaves nothing behind.
     QVERIFY2(corvel.end(SIGTERM), corvel.output.right(3000).constData());
     QTRY_VERIFY(rig.calls().contains("control 0 Stop"));

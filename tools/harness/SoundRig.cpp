@@ -151,13 +151,14 @@ bool SoundRig::start(QString *error, bool *skip)
         return false;
     }
 
-    launch(m_gmediarender,
-           {"-I", "d0", "-p", "49494", "-f", "Test Renderer", "-u",
-            "0f9a1c2e-1111-2222-3333-444455556666", "--logfile", m_dir + "/renderer.log",
-            "--gstout-audiopipe",
-            "audioconvert ! audioresample ! audio/x-raw,format=S16LE,rate=44100,channels=2 ! "
-            "filesink location=" +
-                m_capture});
+    m_renderer =
+        launch(m_gmediarender,
+               {"-I", "d0", "-p", "49494", "-f", "Test Renderer", "-u",
+                "0f9a1c2e-1111-2222-3333-444455556666", "--logfile", m_dir + "/renderer.log",
+                "--gstout-audiopipe",
+                "audioconvert ! audioresample ! audio/x-raw,format=S16LE,rate=44100,channels=2 ! "
+                "filesink location=" +
+                    m_capture});
     QNetworkAccessManager network;
     const auto answers = [&] {
         QNetworkReply *reply = network.get(QNetworkRequest(QUrl(rendererUrl)));

@@ -38,6 +38,12 @@ public:
     // Ends the PulseAudio service (with every output loaded into it) and starts it again, as
     // an update does; true once it answers.
     bool restartSoundServer();
+    // Ends the renderer: the player then answers each media call with an error.
+    void stopRenderer()
+    {
+        m_renderer->kill();
+        m_renderer->waitForFinished(3000);
+    }
 
     // A 1 kHz sine, 16-bit stereo, amplitude 16000.
     static QByteArray tone(double seconds);
@@ -66,5 +72,6 @@ private:
     std::vector<QProcess *> m_processes; // ended in reverse order
     QProcess *m_simulator = nullptr;
     QProcess *m_pulse = nullptr;
+    QProcess *m_renderer = nullptr;
     QByteArray m_calls;
 };
