@@ -276,34 +276,38 @@ void SpeakerStreams::start(const QString &id)
                  {QStringLiteral("CurrentURI"), speaker.stream.toString(QUrl::FullyEncoded)},
                  {QStringLiteral("CurrentURIMetaData"), metadata(speaker.stream, title)}},
                 [this, id, control](const UpnpControl::Reply &reply) {
-                    // Stopped meanwhile: no Play after the Stop (a new start makes its own).
-                    const auto found = m_speakers.find(id);
-                    if (found == m_speakers.end() || found->second.session != Session::Starting)
+                    if (!startAnswered(id, QStringLiteral("SetAVTransportURI"), reply))
                         return;
-                    if (!reply.ok) {
-                        fail(id, QStringLiteral("SetAVTransportURI"), reply);
-                        return;
-                    }
-                    m_upnp.call(control, UpnpControl::avTransport, QStringLiteral("Play"),
-                                {{QStringLiteral("InstanceID"), QStringLiteral("0")},
-                                 {QStringLiteral("Speed"), QStringLiteral("1")}},
-                                [this, id](const UpnpControl::Reply &reply) {
-                                    const auto found = m_speakers.find(id);
-                                    if (found == m_speakers.end() ||
-                                        found->second.session != Session::Starting)
-                                        return;
-                                    if (!reply.ok) {
-                                        fail(id, QStringLiteral("Play"), reply);
-                                        return;
-                                    }
-                                    found->second.session = Session::On;
-                                    logInfo(category,
-                                            found->second.name +
-                                                QStringLiteral(" plays from this computer"));
-                                    if (onPlayingChanged)
-                                        onPlayingChanged();
-                                });
+                    m_upnp.call(
+                        control, UpnpControl::avTransport, QStringLiteral("Play"),
+                        {{QStringLiteral("InstanceID"), QStringLiteral("0")},
+                         {QStringLiteral("Speed"), QStringLiteral("1")}},
+                        [this, id](const UpnpControl::Reply &reply) {
+                            Speaker *speaker = startAnswered(id, QStringLiteral("Play"), reply);
+                            if (!speaker)
+                                return;
+                            speaker->session = Session::On;
+                            logInfo(category,
+                                    speaker->name + QStringLiteral(" plays from this computer"));
+                            if (onPlayingChanged)
+                                onPlayingChanged();
+                        });
                 });
+}
+
+SpeakerStreams::Speaker *SpeakerStreams::startAnswered(const QString &id, const QString &action,
+                                                       const UpnpControl::Reply &reply)
+{
+    // Stopped meanwhile: its start's answers are left alone (no Play after the Stop; a new
+    // start makes calls of its own).
+    const auto found = m_speakers.find(id);
+    if (found == m_speakers.end() || found->second.session != Session::Starting)
+        return nullptr;
+    if (!reply.ok) {
+        fail(id, action, reply);
+        return nullptr;
+    }
+    return &found->second;
 }
 
 void SpeakerStreams::stop(const QString &id, const QString &why)

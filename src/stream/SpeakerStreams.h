@@ -83,6 +83,10 @@ private:
     void start(const QString &id);
     void stop(const QString &id, const QString &why);
     void fail(const QString &id, const QString &action, const UpnpControl::Reply &reply);
+    // The speaker a start's answer is for, while that start is under way and the answer is a
+    // yes; a refusal is told (fail), and nothing comes back for either.
+    Speaker *startAnswered(const QString &id, const QString &action,
+                           const UpnpControl::Reply &reply);
     void connection(bool connected, const QString &error);
     void listenerGone(const QString &id);
 
